@@ -1,0 +1,258 @@
+// The platform layer: the one neutral interface through which the rest of the program reaches the
+// operating system. src/os/posix/*.cpp and src/os/win32/*.cpp implement it, one file per topic with the
+// same names on both sides; CMake picks the folder. Nothing outside src/os includes <windows.h> or a
+// POSIX header (the Windows-only modules excepted).
+//
+// Invariants:
+// - All text crossing this interface is UTF-8, zero-terminated. Windows converts to UTF-16 inside.
+// - Paths use the platform's separator ('\\' on Windows, '/' on Linux); OS_SEP names it.
+// - Functions return 0, false or an invalid handle on failure and never abort, except where a comment says
+//   that failure is fatal (the callers have no recovery path there; the Part of the log decides the text).
+// - Calls that tests must control (clock, time zone, locale values, processor count, file reads for fault
+//   injection) go through the replaceable table os_hooks; os_hooks_reset() puts the real ones back.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#ifdef _WIN32
+#define OS_SEP     '\\'
+#define OS_SEP_STR "\\"
+#else
+#define OS_SEP     '/'
+#define OS_SEP_STR "/"
+#endif
+
+struct str_t;
+
+// ---- process -------------------------------------------------------------------------------------------
+
+// Initialises the layer: platform version, processor count, resolved entry points. Call once, first.
+void os_init();
+void os_kill();
+
+// Logical processor count (through os_hooks, so tests can pretend to have 1, 2 or 8).
+int os_processor_count();
+
+// True on Windows when the process token is elevated; false on Linux unless the effective user is root.
+bool os_is_admin();
+
+// Platform name and version for the log banner: e.g. "Windows NT 10.0" or "Linux 6.1.0".
+void os_platform_name(str_t *out);
+// Processor's brand string, or "unknown".
+void os_processor_name(str_t *out);
+
+// The program's command line as UTF-8 (Windows: GetCommandLineW; Linux: /proc/self/cmdline re-quoted).
+void os_command_line(str_t *out);
+
+// Never returns. Ends the process with the code.
+[[noreturn]] void os_exit(int code);
+
+// Shows a fatal text to the user: a message box on Windows (on a thread of its own that the caller waits
+// for), standard error on Linux.
+void os_show_fatal(const char *text);
+
+// Environment variable, or false when unset.
+bool os_getenv(const char *name, str_t *out);
+
+// ---- files ---------------------------------------------------------------------------------------------
+
+typedef intptr_t os_file_t;
+#define OS_FILE_INVALID ((os_file_t) -1)
+
+enum {
+    OS_OPEN_READ = 1,        // read access
+    OS_OPEN_WRITE = 2,       // write access
+    OS_OPEN_CREATE = 4,      // create if missing
+    OS_OPEN_TRUNCATE = 8,    // empty on open (with CREATE: create always)
+    OS_OPEN_SHARE_READ = 16, // others may read while we hold it (Windows share mode; no effect on Linux)
+    OS_OPEN_APPEND = 32,     // writes go to the end
+};
+
+// Opens a file; OS_FILE_INVALID on failure, with os_last_error() telling why.
+os_file_t os_file_open(const char *path, int flags);
+void os_file_close(os_file_t f);
+// Sequential read and write at the file pointer. Return bytes done, or -1 on error.
+int64_t os_file_read(os_file_t f, void *buf, size_t n);
+int64_t os_file_write(os_file_t f, const void *buf, size_t n);
+// Positional read and write; do not move the file pointer on Linux (pread), may on Windows.
+int64_t os_file_read_at(os_file_t f, uint64_t offset, void *buf, size_t n);
+int64_t os_file_write_at(os_file_t f, uint64_t offset, const void *buf, size_t n);
+bool os_file_seek(os_file_t f, uint64_t offset);
+// Size in bytes, or UINT64_MAX on failure.
+uint64_t os_file_size(os_file_t f);
+bool os_file_flush(os_file_t f);
+bool os_file_truncate(os_file_t f, uint64_t size);
+
+// The last platform error code of this thread (GetLastError or errno).
+uint32_t os_last_error();
+// A readable text for an error code.
+void os_error_text(uint32_t code, str_t *out);
+
+// Renames, replacing an existing target (MoveFileExW with MOVEFILE_REPLACE_EXISTING; rename(2)).
+bool os_file_rename_over(const char *from, const char *to);
+// Renames only if the target does not exist.
+bool os_file_rename(const char *from, const char *to);
+bool os_file_delete(const char *path);
+bool os_folder_create(const char *path);
+// Creates every missing folder of the path; true if it exists afterwards.
+bool os_folder_create_path(const char *path);
+bool os_folder_delete(const char *path);
+
+// Attributes with Windows values; see DESIGN.md for the Linux mapping.
+enum {
+    OS_ATTR_READONLY = 0x01,
+    OS_ATTR_HIDDEN = 0x02,
+    OS_ATTR_SYSTEM = 0x04,
+    OS_ATTR_DIRECTORY = 0x10,
+    OS_ATTR_ARCHIVE = 0x20,
+    OS_ATTR_NORMAL = 0x80,
+    OS_ATTR_REPARSE_POINT = 0x400,
+};
+
+// What a file or folder is, with unknown values all ones (times, size) or 0 (attributes).
+struct os_file_info_t {
+    uint64_t size;
+    uint64_t date_modified; // FILETIME
+    uint64_t date_created;
+    uint64_t date_accessed;
+    uint32_t attributes;
+};
+
+// Does not follow a final symbolic link. False if the path does not exist or can't be read.
+bool os_get_file_info(const char *path, os_file_info_t *info);
+bool os_file_exists(const char *path);
+bool os_folder_exists(const char *path);
+
+// Folder for temporary files, with a trailing separator removed (GetTempPathW; $TMPDIR or /tmp).
+void os_temp_folder(str_t *out);
+// Folder that holds the running executable, without a trailing separator.
+void os_exe_folder(str_t *out);
+// Full path of the running executable.
+void os_exe_path(str_t *out);
+// Per-user settings folder: %APPDATA%\Sablewatch on Windows, $XDG_CONFIG_HOME/Sablewatch or
+// ~/.config/Sablewatch on Linux. Not created.
+void os_app_data_folder(str_t *out);
+// Current working folder.
+void os_current_folder(str_t *out);
+// True for an absolute path on this platform.
+bool os_path_is_absolute(const char *path);
+
+// ---- virtual memory ------------------------------------------------------------------------------------
+
+// Reserves address space without committing it. Returns null on failure.
+void *os_vm_reserve(size_t size);
+// Commits zeroed pages inside a reservation. False on failure.
+bool os_vm_commit(void *ptr, size_t size);
+// Gives pages back inside a reservation, keeping the range reserved.
+void os_vm_decommit(void *ptr, size_t size);
+// Releases a whole reservation made by os_vm_reserve.
+void os_vm_release(void *ptr, size_t size);
+// Fresh zeroed, committed pages outside any reservation (VirtualAlloc / mmap). Null on failure.
+void *os_vm_alloc(size_t size);
+void os_vm_free(void *ptr, size_t size);
+
+// ---- locks, events, raw threads ------------------------------------------------------------------------
+
+// A lock (critical section / mutex). Storage is opaque and lives where the caller puts it.
+struct os_lock_t {
+    alignas(16) unsigned char opaque[64];
+};
+void os_lock_init(os_lock_t *lock);
+void os_lock_kill(os_lock_t *lock);
+void os_lock_enter(os_lock_t *lock);
+void os_lock_leave(os_lock_t *lock);
+
+// Scoped guard for a lock.
+struct os_lock_guard {
+    os_lock_t *lock;
+    explicit os_lock_guard(os_lock_t *l) : lock(l) { os_lock_enter(lock); }
+    ~os_lock_guard() { os_lock_leave(lock); }
+    os_lock_guard(const os_lock_guard &) = delete;
+    os_lock_guard &operator=(const os_lock_guard &) = delete;
+};
+
+// Manual-reset event. Creation failure is fatal (function "os_event_create").
+struct os_event_t;
+os_event_t *os_event_create(bool initially_set);
+void os_event_destroy(os_event_t *e);
+void os_event_set(os_event_t *e);
+void os_event_reset(os_event_t *e);
+// Waits up to timeout_ms (OS_INFINITE for ever). True if the event was set.
+bool os_event_wait(os_event_t *e, uint32_t timeout_ms);
+#define OS_INFINITE 0xFFFFFFFFu
+
+typedef void (*os_thread_proc_t)(void *arg);
+
+// A real thread outside the pool. Null on failure.
+struct os_raw_thread_t;
+os_raw_thread_t *os_raw_thread_start(os_thread_proc_t proc, void *arg);
+void os_raw_thread_join(os_raw_thread_t *t);
+enum { OS_PRIORITY_NORMAL = 0, OS_PRIORITY_BELOW_NORMAL = -1, OS_PRIORITY_IDLE = -15 };
+void os_raw_thread_set_priority(os_raw_thread_t *t, int priority);
+
+// The thread pool. os_thread_create returns a pooled thread running proc(arg); failure to start a real
+// thread is fatal. os_thread_destroy waits for proc to return, then parks the thread for reuse while the
+// setting reuse_threads is on, or ends it. os_thread_pool_kill ends every parked thread.
+struct os_thread_t;
+os_thread_t *os_thread_create(os_thread_proc_t proc, void *arg);
+void os_thread_destroy(os_thread_t *t);
+void os_thread_set_priority(os_thread_t *t, int priority);
+void os_thread_pool_kill();
+// Read by os_thread_destroy; the settings module sets it.
+extern bool reuse_threads;
+
+void os_sleep_ms(uint32_t ms);
+uint32_t os_thread_id();
+
+// ---- time ----------------------------------------------------------------------------------------------
+
+// A broken-down time, as SYSTEMTIME.
+struct os_systemtime_t {
+    int year, month, day_of_week, day, hour, minute, second, milliseconds;
+};
+
+// Now as a FILETIME (100 ns since 1601, UTC). Replaceable.
+uint64_t os_filetime_now();
+// UTC FILETIME to local broken-down time, and back; false when out of range. Replaceable (time zone).
+bool os_filetime_to_local(uint64_t ft, os_systemtime_t *out);
+bool os_local_to_filetime(const os_systemtime_t *local, uint64_t *ft);
+// UTC conversions without any zone. False when out of range.
+bool os_filetime_to_system(uint64_t ft, os_systemtime_t *out);
+bool os_system_to_filetime(const os_systemtime_t *st, uint64_t *ft);
+
+// The high-resolution counter and its frequency per second.
+uint64_t os_counter();
+uint64_t os_counter_frequency();
+// Milliseconds since some start point, wrapping (GetTickCount).
+uint32_t os_tick_ms();
+
+// ---- locale --------------------------------------------------------------------------------------------
+
+// Locale values the program asks for (GetLocaleInfoW on Windows; fixed defaults on Linux).
+enum os_locale_id_t {
+    OS_LOCALE_DATE_SEPARATOR,    // "/"
+    OS_LOCALE_TIME_SEPARATOR,    // ":"
+    OS_LOCALE_SHORT_DATE,        // "dd/MM/yyyy" style picture
+    OS_LOCALE_TIME_FORMAT,       // "HH:mm:ss" style picture
+    OS_LOCALE_DECIMAL,           // "."
+    OS_LOCALE_THOUSAND,          // ","
+    OS_LOCALE_FIRST_DAY_OF_WEEK, // "0" Monday .. "6" Sunday
+    OS_LOCALE_DATE_ORDER,        // "0" M-D-Y, "1" D-M-Y, "2" Y-M-D
+    OS_LOCALE_COUNT
+};
+void os_locale_get(os_locale_id_t id, str_t *out);
+
+// ---- replaceable calls ---------------------------------------------------------------------------------
+
+struct os_hooks_t {
+    uint64_t (*filetime_now)();
+    bool (*filetime_to_local)(uint64_t ft, os_systemtime_t *out);
+    bool (*local_to_filetime)(const os_systemtime_t *local, uint64_t *ft);
+    int (*processor_count)();
+    void (*locale_get)(os_locale_id_t id, str_t *out);
+    // Fault injection for file reads: called instead of the platform read when non-null.
+    int64_t (*file_read)(os_file_t f, void *buf, size_t n);
+};
+extern os_hooks_t os_hooks;
+void os_hooks_reset();

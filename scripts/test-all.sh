@@ -1,0 +1,56 @@
+#!/usr/bin/env bash
+# Sets up, builds and runs every test on both targets: Linux (debug, with AddressSanitizer and
+# UndefinedBehaviorSanitizer), Windows x64 under Wine, a short run of every fuzz target, and the
+# benchmarks in their smoke form. Exits non-zero on the first failure.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+jobs=${SW_JOBS:-$(nproc)}
+fuzz_seconds=${SW_FUZZ_SECONDS:-15}
+
+step() { printf '\n==== %s (%s)\n' "$*" "$(date +%T)"; }
+
+step "dependencies"
+bash scripts/deps.sh
+
+step "linux-debug: build"
+cmake --preset linux-debug >/dev/null
+cmake --build --preset linux-debug -j "$jobs"
+step "linux-debug: test"
+ctest --preset linux-debug -j "$jobs"
+
+step "win64: build"
+cmake --preset win64 >/dev/null
+cmake --build --preset win64 -j "$jobs"
+step "win64: test under Wine"
+export WINEDEBUG=-all WINEPREFIX=${WINEPREFIX:-$HOME/.wine-sablewatch}
+[ -d "$WINEPREFIX" ] || { wineboot -i >/dev/null 2>&1 || true; }
+wineserver -p >/dev/null 2>&1 || true
+xvfb-run -a ctest --preset win64 -j 1
+wineserver -k >/dev/null 2>&1 || true
+
+step "fuzz: build and smoke run (${fuzz_seconds}s each)"
+cmake --preset fuzz >/dev/null
+cmake --build --preset fuzz -j "$jobs"
+mkdir -p build/fuzz/corpus
+for f in build/fuzz/fuzz-*; do
+  [ -x "$f" ] || continue
+  name=$(basename "$f")
+  mkdir -p "build/fuzz/corpus/$name"
+  seeds=()
+  [ -d "fuzz/corpus/$name" ] && seeds=("fuzz/corpus/$name")
+  echo "-- $name"
+  "$f" -max_total_time="$fuzz_seconds" -rss_limit_mb=2048 -print_final_stats=0 \
+       "build/fuzz/corpus/$name" "${seeds[@]}" 2>"build/fuzz/$name.log" ||
+    { tail -n 60 "build/fuzz/$name.log"; exit 1; }
+done
+
+step "linux-release: build and benchmark smoke run"
+cmake --preset linux-release >/dev/null
+cmake --build --preset linux-release -j "$jobs"
+for b in build/linux-release/bench_*; do
+  [ -x "$b" ] || continue
+  echo "-- $(basename "$b") --smoke"
+  "$b" --smoke
+done
+
+step "all tests passed"

@@ -4,6 +4,19 @@
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 out=$(realpath -m "${1:?usage: win-deps.sh OUTDIR}")
+# The build itself happens once per machine in a cache folder (several build folders share it), under a
+# lock so that parallel configures wait for one build; each build folder then gets its own copy.
+cache=${SW_WIN_DEPS_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/sablewatch/win-deps-bzip2_1.0.8-pcre2_10.42}
+mkdir -p "$cache" "$out"
+exec 9>"$cache.lock"
+flock 9
+if [ -f "$cache/ready" ]; then
+  cp -r "$cache/include" "$cache/lib" "$out/"
+  echo "win-deps: bzip2 and PCRE2 copied from $cache"
+  exit 0
+fi
+final=$out
+out=$cache
 mkdir -p "$out/src" "$out/include" "$out/lib"
 cd "$out/src"
 cc=x86_64-w64-mingw32-gcc-posix
@@ -29,4 +42,6 @@ cmake -S "$src" -B pcre2-build -G Ninja -DCMAKE_TOOLCHAIN_FILE="$here/../cmake/m
   -DPCRE2_BUILD_TESTS=OFF -DCMAKE_INSTALL_PREFIX="$out" >/dev/null
 cmake --build pcre2-build >/dev/null
 cmake --install pcre2-build >/dev/null
-echo "win-deps: bzip2 and PCRE2 ready in $out"
+touch "$out/ready"
+cp -r "$out/include" "$out/lib" "$final/"
+echo "win-deps: bzip2 and PCRE2 built and copied to $final"

@@ -55,6 +55,19 @@ void os_show_fatal(const char *text);
 // Environment variable, or false when unset.
 bool os_getenv(const char *name, str_t *out);
 
+// ---- console -------------------------------------------------------------------------------------------
+
+// Opens a console for the log: on Windows a new console window (FreeConsole, AllocConsole; a standard
+// output that was a file or a pipe is kept; the screen buffer is made 80 columns by 4,096 rows). False when
+// no console could be made. On Linux standard error is the console: always true.
+bool os_console_open();
+// Writes len bytes of UTF-8 (several lines allowed) to the console. attribute is a Windows console
+// attribute (blue 1, green 2, red 4, intensity 8); 0 and 7 mean the normal colour. Windows: to a console
+// with WriteConsoleW, the attribute set around the text and restored after, each LF or CR LF written as
+// CR LF; to a file or a pipe the bytes with CR LF line ends. Linux: to standard error, in ANSI colours only
+// when it is a terminal.
+void os_console_write(const char *utf8, int len, uint32_t attribute);
+
 // ---- files ---------------------------------------------------------------------------------------------
 
 typedef intptr_t os_file_t;
@@ -119,7 +132,9 @@ struct os_file_info_t {
     uint32_t attributes;
 };
 
-// Does not follow a final symbolic link. False if the path does not exist or can't be read.
+// Does not follow a final symbolic link. False if the path does not exist or can't be read; info then
+// holds all ones with attributes 0. A folder's size is never taken from the disk: it is all ones. A birth
+// time the file system does not keep is all ones.
 bool os_get_file_info(const char *path, os_file_info_t *info);
 bool os_file_exists(const char *path);
 bool os_folder_exists(const char *path);
@@ -199,6 +214,8 @@ os_thread_t *os_thread_create(os_thread_proc_t proc, void *arg);
 void os_thread_destroy(os_thread_t *t);
 void os_thread_set_priority(os_thread_t *t, int priority);
 void os_thread_pool_kill();
+// Number of parked threads waiting for reuse (for tests and the log).
+int os_thread_pool_parked_count();
 // Read by os_thread_destroy; the settings module sets it.
 extern bool reuse_threads;
 
@@ -253,6 +270,8 @@ struct os_hooks_t {
     void (*locale_get)(os_locale_id_t id, str_t *out);
     // Fault injection for file reads: called instead of the platform read when non-null.
     int64_t (*file_read)(os_file_t f, void *buf, size_t n);
+    // The same for positional reads (volume and image readers), null for the platform read.
+    int64_t (*file_read_at)(os_file_t f, uint64_t offset, void *buf, size_t n);
 };
 extern os_hooks_t os_hooks;
 void os_hooks_reset();

@@ -7,7 +7,7 @@
 // - All text crossing this interface is UTF-8, zero-terminated. Windows converts to UTF-16 inside.
 // - Paths use the platform's separator ('\\' on Windows, '/' on Linux); OS_SEP names it.
 // - Functions return 0, false or an invalid handle on failure and never abort, except where a comment says
-//   that failure is fatal (the callers have no recovery path there; the Part of the log decides the text).
+//   that failure is fatal (the callers have no recovery path there, and the fatal line names the function).
 // - Calls that tests must control (clock, time zone, locale values, processor count, file reads for fault
 //   injection) go through the replaceable table os_hooks; os_hooks_reset() puts the real ones back.
 #pragma once
@@ -44,6 +44,10 @@ void os_processor_name(str_t *out);
 
 // The program's command line as UTF-8 (Windows: GetCommandLineW; Linux: /proc/self/cmdline re-quoted).
 void os_command_line(str_t *out);
+// Appends one argument to out so that the Windows command-line rules (CommandLineToArgvW) read it back
+// unchanged: quoted when empty or holding a blank or a quote, with backslashes doubled only where they
+// precede a quote.
+void os_quote_arg(str_t *out, const char *arg);
 
 // Never returns. Ends the process with the code.
 [[noreturn]] void os_exit(int code);
@@ -136,6 +140,12 @@ struct os_file_info_t {
 // holds all ones with attributes 0. A folder's size is never taken from the disk: it is all ones. A birth
 // time the file system does not keep is all ones.
 bool os_get_file_info(const char *path, os_file_info_t *info);
+// Sets a file's times (FILETIME); UINT64_MAX leaves that time as it is. Linux can't set the birth time
+// and ignores created. False on failure.
+bool os_file_set_times(os_file_t f, uint64_t created, uint64_t accessed, uint64_t modified);
+// Sets the attributes that the platform keeps: all of them on Windows; on Linux only OS_ATTR_READONLY
+// (it clears or restores the write bits; hidden follows the name, the rest the file's type).
+bool os_set_file_attributes(const char *path, uint32_t attributes);
 bool os_file_exists(const char *path);
 bool os_folder_exists(const char *path);
 
@@ -218,6 +228,23 @@ void os_thread_pool_kill();
 int os_thread_pool_parked_count();
 // Read by os_thread_destroy; the settings module sets it.
 extern bool reuse_threads;
+
+// ---- sorting -------------------------------------------------------------------------------------------
+
+// Stable sorts of 32-bit references (record references, list entries). Comparators are tested only for
+// sign. os_qsort splits the array among up to ceil(count / 65536) threads of the pool, capped by
+// max_threads (when not 0) and the processor count, sorts each slice privately and merges the slices
+// stably, so that the result never depends on the number of threads. The buffers come from the heap;
+// running out is fatal.
+typedef int (*os_compare_t)(uint32_t a, uint32_t b);
+typedef int (*os_compare_ex_t)(void *context, uint32_t a, uint32_t b);
+void os_qsort(uint32_t *array, size_t count, os_compare_t compare);
+void os_qsort_ex(uint32_t *array, size_t count, void *context, os_compare_ex_t compare);
+// The single-thread top-down stable merge sort behind it.
+void os_merge_sort(uint32_t *array, size_t count, os_compare_t compare);
+void os_merge_sort_ex(uint32_t *array, size_t count, void *context, os_compare_ex_t compare);
+// The setting max_threads: 0 means as many as the processors allow. Defined here, set by the settings.
+extern int32_t max_threads;
 
 void os_sleep_ms(uint32_t ms);
 uint32_t os_thread_id();

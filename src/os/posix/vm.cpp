@@ -1,0 +1,57 @@
+// Address space on Linux. A reservation is an inaccessible, unaccounted mapping; committing opens pages
+// for reading and writing, and the kernel hands out zero pages on first touch. Decommitting maps fresh
+// inaccessible pages over the range, which drops the old pages so that a later commit sees zeros again.
+#include "os/os_internal.h"
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+static size_t _os_page_size() {
+    static const long size = sysconf(_SC_PAGESIZE);
+    return size > 0 ? (size_t) size : 4096;
+}
+
+// Widens [ptr, ptr + size) to whole pages.
+static void _os_page_range(void *ptr, size_t size, char **start, size_t *len) {
+    size_t page = _os_page_size();
+    uintptr_t a = (uintptr_t) ptr & ~(uintptr_t) (page - 1);
+    uintptr_t b = ((uintptr_t) ptr + size + page - 1) & ~(uintptr_t) (page - 1);
+    *start = (char *) a;
+    *len = (size_t) (b - a);
+}
+
+void *os_vm_reserve(size_t size) {
+    void *p = mmap(nullptr, size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    return p == MAP_FAILED ? nullptr : p;
+}
+
+bool os_vm_commit(void *ptr, size_t size) {
+    char *start;
+    size_t len;
+    _os_page_range(ptr, size, &start, &len);
+    return mprotect(start, len, PROT_READ | PROT_WRITE) == 0;
+}
+
+void os_vm_decommit(void *ptr, size_t size) {
+    char *start;
+    size_t len;
+    _os_page_range(ptr, size, &start, &len);
+    mmap(start, len, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_FIXED, -1, 0);
+}
+
+void os_vm_release(void *ptr, size_t size) {
+    if (ptr) {
+        munmap(ptr, size);
+    }
+}
+
+void *os_vm_alloc(size_t size) {
+    void *p = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    return p == MAP_FAILED ? nullptr : p;
+}
+
+void os_vm_free(void *ptr, size_t size) {
+    if (ptr) {
+        munmap(ptr, size);
+    }
+}

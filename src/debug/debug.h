@@ -1,66 +1,82 @@
-// The debug log: one process-wide log with two sinks, a console and a file in the temporary folder.
+// The debug log: one process-wide trail of time-stamped lines with two sinks, a log file in the temporary
+// folder and a console, and the fatal path that every unrecoverable error takes.
 //
 // Invariants:
-// - Every line written by debug_printf goes to each open sink in one piece under the log lock, so that
-//   lines from different threads never interleave.
-// - The log lock is the first lock the process makes (debug_init) and is held only while a line is
-//   formatted and written; no other lock is taken under it.
-// - When neither sink is open the public functions return at once without formatting anything.
-// - debug_fatal never returns: it writes its line to the log and to the user, then ends the process.
+// - The log lock is the first lock the process makes (debug_init) and the last it drops (debug_kill). It
+//   is held while one line is formatted and written to every open sink, so lines of different threads
+//   never interleave, and no other lock is ever taken under it.
+// - With both sinks closed a call costs one test of a flag and formats nothing.
+// - The file gets "YYYY-MM-DD hh:mm:ss.mmm: " in local time before each line and is flushed after it, so
+//   it is complete up to the last line at any crash. The logger never adds a line end of its own; a
+//   trailing lone LF is written as CR LF.
+// - debug_fatal never returns: it logs its line, shows it to the user and ends the process with code 1.
 #pragma once
 
-#include <stdarg.h>
-#include <stdint.h>
+#include <cstdarg>
+#include <cstdint>
 
-// True when the log was asked for in verbose mode: callers test it before building a costly line.
+// Verbose mode: callers test it before writing the chatty lines ("EVENT: %p %p" and the like).
 extern bool debug_verbose;
 
-// Makes the log lock and reads the counter frequency. Called first in main_run, before any thread exists.
-// Safe to call twice.
-void debug_init();
+// The version the banner names.
+#define DEBUG_VERSION_MAJOR    1
+#define DEBUG_VERSION_MINOR    4
+#define DEBUG_VERSION_REVISION 1
+#define DEBUG_VERSION_BUILD    1031
 
-// Closes both sinks. The lock stays: late lines from other threads are then dropped, never a crash.
+// Makes the log lock. Called first of all in main_run, before any other thread exists; tests that log
+// call it too. A second call does nothing.
+void debug_init();
+// Closes both sinks. The lock stays, so a late line from another thread is dropped instead of touching a
+// dead lock.
 void debug_kill();
 
-// Opens the console sink (standard error on Linux, a console window on Windows). Returns false when the
-// console could not be opened; the log then stays without that sink.
-bool debug_console_start();
+// Opens (true) or closes (false) the console sink. Returns false when the console could not be opened;
+// the log then stays without it.
+bool debug_set_console(bool on);
+// Opens the log file "Sablewatch Debug Log.txt" (or "Sablewatch Service Debug Log.txt" for the service)
+// in the temporary folder, replacing an older one. Only the first successful open counts: later calls
+// return true and change nothing. False when the file can't be made.
+bool debug_open_log(bool is_service);
+// The same with a full path chosen by the caller (tests, and a run that wants its log elsewhere).
+bool debug_open_log_path(const char *path);
+// Closes the log file only.
+void debug_close_log();
+// True when either sink is open.
+bool debug_is_active();
 
-// Opens (truncates) the log file "<temp folder><name>", for example "Sablewatch Debug Log.txt", and
-// writes the banner. Returns false when the file could not be created.
-bool debug_file_start(const char *name);
+// Writes the banner: program, version, platform, processors, admin, app data, service, command line.
+void debug_banner();
+// Set by main_run: whether settings live in the per-user folder and whether this is the service; the
+// banner reports both.
+extern bool debug_banner_app_data;
+extern bool debug_banner_service;
 
-// Opens the log file at a full path the caller chose; used by tests. Same result as debug_file_start.
-bool debug_file_start_path(const char *path);
-
-// True when at least one sink is open.
-bool debug_is_enabled();
-
-// Writes one time-stamped line to every open sink. The text may contain LF; see debug.cpp for the line
-// ending rules. Does nothing when no sink is open.
+// One line in the console's normal colour. The text is used as given: no line end is added.
 void debug_printf(const char *fmt, ...);
 void debug_vprintf(const char *fmt, va_list args);
-
-// Like debug_printf, with a colour for the console: mask bit 0 red, bit 1 green, bit 2 blue, bit 3
-// bright. The file gets the same text without colour.
+// One line with a colour mask for the console (the file ignores it). A mask above 0x00FFFFFF, read as
+// unsigned, colours the line: byte 2 red, byte 1 green, byte 0 blue, as in 0xFFFFFF00 yellow,
+// 0xFFFF0000 red, 0xFF00FF00 green.
 void debug_color_printf(int32_t mask, const char *fmt, ...);
+void debug_color_vprintf(int32_t mask, const char *fmt, va_list args);
 
-// The console attribute for a colour mask: foreground bits in Windows console order (blue 1, green 2,
-// red 4, intensity 8). Mask 0 gives the default light grey (7).
+// The console attribute for a colour mask (blue 1, green 2, red 4, intensity 8), or 0 for the normal
+// colour when the mask does not colour the line.
 uint32_t debug_color_attribute(int32_t mask);
 
-// Builds the fatal line "<file>(<line>): <function>(): Fatal error: <message>" into out (capacity
-// size, always terminated). Returns the length written without the terminator.
-int debug_fatal_format(char *out, int size, const char *file, int line, const char *function, const char *fmt,
-                       ...);
+// The fatal line "<file>(<line>): <function>(): Fatal error: <message>" as a heap text, which the caller
+// frees with mem_free. Never fails short of running out of memory, in which case it returns null.
+char *debug_fatal_line(const char *file, int line, const char *function, const char *fmt, va_list args);
 
-// Logs the fatal line, shows it to the user (a message box on Windows, standard error on Linux) and
-// ends the process with exit code 1.
+// Logs the fatal line, shows it to the user (a message box on Windows, standard error on Linux) and ends
+// the process with exit code 1.
 [[noreturn]] void debug_fatal(const char *file, int line, const char *function, const char *fmt, ...);
 
-// Microseconds from a fixed but arbitrary start, truncated to 32 bits: differences of two values are
-// correct across the wrap for intervals below about 71 minutes.
+// The high-resolution counter in microseconds, truncated to 32 bits. The difference of two values is what
+// "%f seconds" prints; it is right across the wrap for intervals below about 71 minutes. Returns 1 when the
+// platform has no counter.
 uint32_t debug_now_us();
 
-// The usual call: DEBUG_FATAL("bad chunk %u", n).
+// The usual call site: DEBUG_FATAL("bad chunk %u", n).
 #define DEBUG_FATAL(...) debug_fatal(__FILE__, __LINE__, __func__, __VA_ARGS__)

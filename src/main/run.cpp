@@ -1,0 +1,179 @@
+// main_run: the fixed start order, the main loop, and the shutdown in reverse order. Steps whose
+// subsystems are not part of this program yet are single calls here, so that each joins in one place.
+#include <cstdio>
+
+#include "debug/debug.h"
+#include "main/main.h"
+#include "mem/mem.h"
+#include "os/os.h"
+#include "os/os_main.h"
+
+int32_t exit_code = 0;
+bool read_only = false;
+bool no_db = false;
+int32_t main_show_command = 1;
+
+// Start-up steps and "shutdown" are yellow in the console.
+#define MAIN_STEP_COLOR ((int32_t) 0xFFFFFF00)
+
+// The switches of this process's own command line, from the start until main_kill.
+static main_switches_t switches;
+static os_instance_lock_t *instance_lock = nullptr;
+// The result of the OLE start, logged at once and again once the log file is open.
+static uint32_t ole_result = 0;
+
+const char *main_instance() {
+    return switches.instance ? switches.instance : "";
+}
+
+static const char main_usage[] =
+    "Usage: sablewatch [switches]\n"
+    "  -instance <name>      run as, or talk to, the named instance\n"
+    "  -first-instance       exit with code 1 when an instance is already running\n"
+    "  -no-first-instance    never become the running instance\n"
+    "  -exit, -quit          end the running instance\n"
+    "  -debug                show the debug log on the console\n"
+    "  -debug-log            write the debug log to the temporary folder\n"
+    "  -verbose              log every event and message\n"
+    "  -read-only            never write the index or its file\n"
+    "  -no-db                neither load nor save the index file\n"
+    "  -help                 show this text\n";
+
+// Step 1: what every later step relies on. The log lock comes first of all.
+static void _main_init_base() {
+    debug_init();
+    os_init();
+    event_init();
+    // A failing OLE start costs drag and drop, not the program: it is logged and the start goes on.
+    ole_result = os_main_ole_init();
+    debug_color_printf(MAIN_STEP_COLOR, "ole initialize: %08x\n", ole_result);
+}
+
+// Step 2: the command line. The full parser (cl_parse over os_command_line) takes this place.
+static void _main_parse_command_line(int argc, char **argv) {
+    main_switches_parse(&switches, argc, argv);
+}
+
+// Step 7: the settings file (config_load) joins here.
+static void _main_load_settings() {}
+
+// Step 10: logging as the settings and the switches ask, then the banner.
+static void _main_start_log() {
+    if (switches.verbose) {
+        debug_verbose = true;
+    }
+    if (switches.debug_log) {
+        debug_open_log(false);
+    }
+    if (switches.debug) {
+        debug_set_console(true);
+    }
+    debug_banner();
+}
+
+// Step 11: the language table joins here.
+static void _main_load_language() {
+    debug_color_printf(MAIN_STEP_COLOR, "load localization\n");
+}
+
+// Step 12: the switches that override the settings' logging.
+static void _main_apply_log_switches() {
+    if (switches.debug) {
+        debug_set_console(true);
+    }
+    if (switches.verbose) {
+        debug_verbose = true;
+    }
+    if (switches.no_verbose) {
+        debug_verbose = false;
+    }
+    debug_color_printf(MAIN_STEP_COLOR, "ole initialize: %08x\n", ole_result);
+}
+
+void main_apply_command_line(const main_switches_t *sw, bool running) {
+    if (sw->debug && !debug_is_active()) {
+        if (debug_set_console(true)) {
+            debug_banner();
+        }
+    } else if (sw->debug) {
+        debug_set_console(true);
+    }
+    if (sw->verbose) {
+        debug_verbose = true;
+    }
+    if (sw->no_verbose) {
+        debug_verbose = false;
+    }
+    if (sw->no_db) {
+        no_db = true;
+    }
+    (void) running;
+    if (sw->exit) {
+        main_quit(0);
+    }
+}
+
+// Steps 17 and 18. False when this process has nothing more to do.
+static bool _main_take_instance() {
+    debug_color_printf(MAIN_STEP_COLOR, "create mutex\n");
+    // The setting allow_multiple_instances skips the lock once settings are loaded.
+    if (!main_instance_take(&switches, &instance_lock)) {
+        debug_color_printf(MAIN_STEP_COLOR, "mutex exists\n");
+        return false;
+    }
+    // -exit with nothing running: there is nothing to end, and nothing is created.
+    return !switches.exit;
+}
+
+// Step 23: the hidden window, and the command line applied for the first time.
+static bool _main_create_window() {
+    debug_color_printf(MAIN_STEP_COLOR, "create tray\n");
+    if (!main_loop_init(main_instance())) {
+        debug_color_printf((int32_t) 0xFFFF0000, "create hidden window failed\n");
+        exit_code = 1;
+        return false;
+    }
+    main_apply_command_line(&switches, false);
+    return true;
+}
+
+// Step 11 of the shutdown.
+static void _main_kill() {
+    debug_color_printf(MAIN_STEP_COLOR, "kill\n");
+    main_switches_kill(&switches);
+    os_main_ole_kill();
+    event_kill();
+    os_kill();
+    debug_kill();
+}
+
+static void _main_shutdown() {
+    debug_color_printf(MAIN_STEP_COLOR, "shutdown\n");
+    main_loop_kill();
+    os_instance_lock_destroy(instance_lock);
+    instance_lock = nullptr;
+    _main_kill();
+}
+
+int main_run(int argc, char **argv, int show_command) {
+    main_show_command = show_command;
+    _main_init_base();
+    _main_parse_command_line(argc, argv);
+    if (switches.help) {
+        fputs(main_usage, stdout);
+        fflush(stdout);
+        _main_kill();
+        return 0;
+    }
+    _main_load_settings();
+    _main_start_log();
+    _main_load_language();
+    _main_apply_log_switches();
+    read_only = switches.read_only;
+    if (_main_take_instance() && _main_create_window()) {
+        debug_color_printf(MAIN_STEP_COLOR, "enter main loop\n");
+        main_loop_run();
+    }
+    _main_shutdown();
+    return exit_code;
+}

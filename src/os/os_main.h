@@ -1,0 +1,72 @@
+// The platform side of the main thread: its wake-up channel and message pump, the instance lock, the
+// hand-over of a command line to a running instance, and child processes (for the program's own tests).
+//
+// Windows: a hidden top-level window of a named class; event wake-ups are window message 5121 posted to
+// it; a command line arrives as WM_COPYDATA; the instance lock is a named mutex.
+// Linux: the loop waits in poll on an eventfd and a listening Unix stream socket in the runtime folder
+// ($XDG_RUNTIME_DIR, else the temporary folder) named after the window class; the instance lock is an
+// advisory lock (flock) on a file in the same folder.
+//
+// Invariants:
+// - One loop per process. os_main_loop_create, os_main_pump, os_main_wait and os_main_loop_destroy are
+//   called on the main thread only; os_main_wake from any thread.
+// - The procedures given to os_main_loop_create run on the main thread, from os_main_pump (or from a
+//   nested message loop on Windows), never under a lock of this layer.
+// - class_name is the window class; file_name is the same name made safe for a file name, which the Linux
+//   side uses for its socket and lock files.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+struct os_main_procs_t {
+    // The wake-up: the event queue went from empty to non-empty.
+    void (*wake)();
+    // A command line handed over by another instance: the raw block as the sender built it. Returns true
+    // when the block was taken.
+    bool (*command_line)(const void *block, uint32_t size);
+};
+
+// Creates the wake-up channel and the hand-over endpoint. False on failure, with nothing left behind.
+bool os_main_loop_create(const char *class_name, const char *file_name, const os_main_procs_t *procs);
+// Destroys both. Later wakes are dropped.
+void os_main_loop_destroy();
+// Any thread: makes the next os_main_wait return and the next os_main_pump call procs->wake. Does
+// nothing without a loop.
+void os_main_wake();
+// Handles at most one pending message or endpoint event without waiting. Returns 1 when something was
+// handled, 0 when nothing was pending, -1 when the platform asked the loop to end (WM_QUIT).
+int os_main_pump();
+// Blocks until something is pending for os_main_pump. Never busy-waits.
+void os_main_wait();
+
+// The instance lock. existed is set when another process holds it; the returned handle is then still
+// valid and must be destroyed. Null on failure.
+struct os_instance_lock_t;
+os_instance_lock_t *os_instance_lock_create(const char *name, const char *file_name, bool *existed);
+void os_instance_lock_destroy(os_instance_lock_t *lock);
+
+// Finds the running instance's hand-over endpoint. Null when there is none (yet).
+struct os_main_peer_t;
+os_main_peer_t *os_main_peer_find(const char *class_name, const char *file_name);
+// Sends a block to the peer and waits up to timeout_ms for it to be taken. True when it was.
+bool os_main_peer_send(os_main_peer_t *peer, const void *block, uint32_t size, uint32_t timeout_ms);
+void os_main_peer_close(os_main_peer_t *peer);
+
+// The COM and OLE state of the main thread (OleInitialize), needed later by drag and drop and the shell.
+// Returns the platform's result code (0 for success), which the start logs; 0 where there is no OLE.
+uint32_t os_main_ole_init();
+void os_main_ole_kill();
+
+// Windows entry: converts wmain's arguments to UTF-8. The array and its texts live until the process
+// ends. Not used on Linux, whose arguments already are bytes.
+char **os_main_utf8_args(int argc, wchar_t **argv);
+
+// A child process, for the tests that start the program itself. args are the arguments after the
+// program, UTF-8. Null when it could not be started.
+struct os_process_t;
+os_process_t *os_process_start(const char *exe, const char *const *args, int count);
+// Waits up to timeout_ms. True with the exit code when the process has ended.
+bool os_process_wait(os_process_t *p, uint32_t timeout_ms, int *exit_code);
+// Ends the process if it still runs, then frees the handle.
+void os_process_destroy(os_process_t *p);

@@ -81,11 +81,11 @@ void str_reserve(str_t *s, int cap);
 // The arguments must not point into s.
 void str_printf(str_t *s, const char *format, ...);
 void str_vprintf(str_t *s, const char *format, va_list args);
-// Appends the formatted text (growth as str_cat). Arguments may point into s.
+// Appends the formatted text (growth as str_cat). The arguments must not point into s.
 void str_cat_printf(str_t *s, const char *format, ...);
 void str_cat_vprintf(str_t *s, const char *format, va_list args);
 // Replaces the text with a, then the platform separator (OS_SEP) unless a is empty or already ends in
-// '\\' or '/', then b. a and b are counted and must not point into s.
+// '\\' or '/', then b. a may be s's own text (the usual way to add a component); b must not point into s.
 void str_path_cat(str_t *s, const char *a, int n, const char *b, int m);
 // Empties the text; without storage (cap below 1) it first goes back to the inline buffer.
 void str_clear(str_t *s);
@@ -117,7 +117,7 @@ void wstr_clear(wstr_t *s);
 //   %f                 int count of microseconds as seconds: value / 1000000, '.', value % 1000000 in
 //                      exactly six digits; a negative count prints '-' and the magnitude
 //   %s                 zero-terminated UTF-8 (null prints "(null)")
-//   %S                 zero-terminated UTF-16 (const uint16_t *), converted to UTF-8
+//   %S                 zero-terminated UTF-16 (const uint16_t *), converted to UTF-8 (null prints nothing)
 //   %t                 const char * then int byte count: counted UTF-8, no terminator needed
 //   %T                 const uint16_t * then int unit count: counted UTF-16
 //   %c                 int: its low byte

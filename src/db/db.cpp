@@ -77,13 +77,13 @@ void db_wait(db_t *db, const char *who) {
         os_thread_set_priority(db->job_thread, OS_PRIORITY_NORMAL);
         db->job_priority = OS_PRIORITY_NORMAL;
     }
-    debug_printf("DB_WAIT: %s waiting...", who);
+    debug_printf("DB_WAIT: %s waiting...\n", who);
     // Later: a job that serves a query made with show_cancel_dialog waits cancel_delay milliseconds
     // here and then offers the cancel dialog; neither queries nor the dialog exist yet.
     os_thread_destroy(db->job_thread);
     db->job_thread = nullptr;
     // Later: every query is sent code 8 (job ended) here.
-    debug_printf("DB_WAIT: %s waited %f seconds", who, (int) (debug_now_us() - start));
+    debug_printf("DB_WAIT: %s waited %f seconds\n", who, (int) (debug_now_us() - start));
 }
 
 static void _db_job_thread_proc(void *ctx) {

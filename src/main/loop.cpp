@@ -22,13 +22,11 @@ static bool _main_command_line_proc(const void *block, uint32_t size) {
         return false;
     }
     debug_printf("received cl %s (%s)\n", command_line, folder);
-    char **argv;
-    int argc = main_split_command_line(command_line, &argv);
+    // Relative paths of the other instance mean its current folder, which came with the block.
     main_switches_t sw;
-    main_switches_parse(&sw, argc, argv);
+    main_switches_parse_line(&sw, command_line, folder);
     main_apply_command_line(&sw, true);
     main_switches_kill(&sw);
-    mem_free(argv);
     return true;
 }
 

@@ -14,6 +14,7 @@
 
 struct str_t;
 struct os_instance_lock_t;
+struct cl_t;
 
 // ---- process-wide state --------------------------------------------------------------------------------
 
@@ -92,6 +93,7 @@ struct main_switches_t {
     bool read_only;
     bool no_db;
     char *instance; // heap text, or null
+    cl_t *cl;       // the whole parsed command line, owned
 };
 
 // Splits a command line into arguments by the rules of the Windows command line: white space separates,
@@ -99,9 +101,12 @@ struct main_switches_t {
 // literal quote, other backslashes are literal. Returns the count; *argv is one heap block (pointers and
 // texts) that the caller frees with mem_free.
 int main_split_command_line(const char *text, char ***argv);
-// Reads the switches of argv, whose first element is the program. Unknown switches are skipped. The
+// Reads the switches of argv, whose first element is the program, through the command-line parser. The
 // caller kills sw.
 void main_switches_parse(main_switches_t *sw, int argc, char **argv);
+// The same for a whole command line whose first token is the program, with relative paths made absolute
+// against base_directory (null: the current folder). This is how a handed-over command line is read.
+void main_switches_parse_line(main_switches_t *sw, const char *command_line, const char *base_directory);
 void main_switches_kill(main_switches_t *sw);
 
 // The hand-over block: 4 bytes show command (little-endian), the command line with its zero, the current

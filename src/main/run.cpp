@@ -2,6 +2,8 @@
 // subsystems are not part of this program yet are single calls here, so that each joins in one place.
 #include <cstdio>
 
+#include "cl/cl.h"
+#include "config/config.h"
 #include "debug/debug.h"
 #include "main/main.h"
 #include "mem/mem.h"
@@ -23,7 +25,10 @@ static os_instance_lock_t *instance_lock = nullptr;
 static uint32_t ole_result = 0;
 
 const char *main_instance() {
-    return switches.instance ? switches.instance : "";
+    if (switches.instance) {
+        return switches.instance;
+    }
+    return instance_name && instance_name[0] ? instance_name : "";
 }
 
 static const char main_usage[] =
@@ -44,28 +49,45 @@ static void _main_init_base() {
     debug_init();
     os_init();
     event_init();
+    config_defaults();
     // A failing OLE start costs drag and drop, not the program: it is logged and the start goes on.
     ole_result = os_main_ole_init();
     debug_color_printf(MAIN_STEP_COLOR, "ole initialize: %08x\n", ole_result);
 }
 
-// Step 2: the command line. The full parser (cl_parse over os_command_line) takes this place.
+// Step 2: the command line, through the full parser; no default base folder, the program first.
 static void _main_parse_command_line(int argc, char **argv) {
     main_switches_parse(&switches, argc, argv);
 }
 
-// Step 7: the settings file (config_load) joins here.
-static void _main_load_settings() {}
+// Step 7: the settings. -config names the file and is read as it stands; otherwise the default file beside
+// the executable, which may redirect to the per-user folder. -install-config is loaded on top.
+static void _main_load_settings() {
+    const cl_t *cl = switches.cl;
+    config_set_command_line(cl ? cl->config : nullptr, switches.instance);
+    if (cl && cl->config) {
+        config_load(cl->config, false, true);
+    } else {
+        str_t path;
+        str_init(&path);
+        config_path(&path);
+        config_load(path.ptr, true, true);
+        str_kill(&path);
+    }
+    if (cl && cl->install_config) {
+        config_load(cl->install_config, false, true);
+    }
+}
 
 // Step 10: logging as the settings and the switches ask, then the banner.
 static void _main_start_log() {
-    if (switches.verbose) {
+    if (verbose) {
         debug_verbose = true;
     }
-    if (switches.debug_log) {
+    if (debug_log || switches.debug_log) {
         debug_open_log(false);
     }
-    if (switches.debug) {
+    if (debug) {
         debug_set_console(true);
     }
     debug_banner();
@@ -116,8 +138,7 @@ void main_apply_command_line(const main_switches_t *sw, bool running) {
 // Steps 17 and 18. False when this process has nothing more to do.
 static bool _main_take_instance() {
     debug_color_printf(MAIN_STEP_COLOR, "create mutex\n");
-    // The setting allow_multiple_instances skips the lock once settings are loaded.
-    if (!main_instance_take(&switches, &instance_lock)) {
+    if (!allow_multiple_instances && !main_instance_take(&switches, &instance_lock)) {
         debug_color_printf(MAIN_STEP_COLOR, "mutex exists\n");
         return false;
     }
@@ -142,6 +163,7 @@ static void _main_kill() {
     debug_color_printf(MAIN_STEP_COLOR, "kill\n");
     main_switches_kill(&switches);
     os_main_ole_kill();
+    config_kill();
     event_kill();
     os_kill();
     debug_kill();

@@ -2,6 +2,7 @@
 // arguments. Both give way to the full command-line parser, whose cl_t then carries the same switches.
 #include <cstring>
 
+#include "cl/cl.h"
 #include "main/main.h"
 #include "mem/mem.h"
 
@@ -57,65 +58,50 @@ int main_split_command_line(const char *text, char ***argv) {
     return argc;
 }
 
-static bool _main_switch_is(const char *arg, const char *name) {
-    size_t i = 0;
-    for (; arg[i] && name[i]; i++) {
-        char a = arg[i];
-        if (a >= 'A' && a <= 'Z') {
-            a = (char) (a - 'A' + 'a');
-        }
-        if (a != name[i]) {
-            return false;
-        }
+// The spine's view of a parsed command line; the whole cl_t stays with it for the later steps.
+static void _main_switches_from_cl(main_switches_t *sw, cl_t *cl) {
+    memset(sw, 0, sizeof(*sw));
+    sw->cl = cl;
+    // An unknown switch sets the usage bit too, so a bad command line shows the usage and does nothing.
+    sw->help = (cl->flags & CL_FLAG_HELP) != 0;
+    sw->first_instance = (cl->on & CL_ON_FIRST_INSTANCE) != 0;
+    sw->no_first_instance = (cl->off & CL_ON_FIRST_INSTANCE) != 0;
+    sw->exit = (cl->flags & CL_FLAG_EXIT) != 0;
+    sw->debug = (cl->flags & CL_FLAG_CONSOLE) != 0;
+    sw->debug_log = (cl->flags & CL_FLAG_DEBUG_LOG) != 0;
+    sw->verbose = (cl->on & CL_ON_VERBOSE) != 0;
+    sw->no_verbose = (cl->off & CL_ON_VERBOSE) != 0;
+    sw->read_only = (cl->flags & CL_FLAG_READ_ONLY) != 0;
+    sw->no_db = (cl->flags & CL_FLAG_NO_DB) != 0;
+    if (cl->instance && cl->instance[0]) {
+        sw->instance = mem_dup(cl->instance, strlen(cl->instance));
     }
-    return !arg[i] && !name[i];
+}
+
+void main_switches_parse_line(main_switches_t *sw, const char *command_line, const char *base_directory) {
+    _main_switches_from_cl(sw, cl_parse(command_line, base_directory, false));
 }
 
 void main_switches_parse(main_switches_t *sw, int argc, char **argv) {
-    memset(sw, 0, sizeof(*sw));
-    struct flag_t {
-        const char *name;
-        bool main_switches_t::*field;
-    };
-    static const flag_t flags[] = {
-        {"help", &main_switches_t::help},
-        {"h", &main_switches_t::help},
-        {"?", &main_switches_t::help},
-        {"first-instance", &main_switches_t::first_instance},
-        {"no-first-instance", &main_switches_t::no_first_instance},
-        {"exit", &main_switches_t::exit},
-        {"quit", &main_switches_t::exit},
-        {"debug", &main_switches_t::debug},
-        {"debug-log", &main_switches_t::debug_log},
-        {"verbose", &main_switches_t::verbose},
-        {"no-verbose", &main_switches_t::no_verbose},
-        {"read-only", &main_switches_t::read_only},
-        {"no-db", &main_switches_t::no_db},
-    };
-    for (int i = 1; i < argc; i++) {
-        const char *a = argv[i];
-        if (a[0] != '-') {
-            continue;
+    // Each argument is quoted so that the command-line parser reads it back unchanged; on Windows this is
+    // the same text GetCommandLineW gave, on Linux it is the only form there is.
+    str_t line;
+    str_init(&line);
+    for (int i = 0; i < argc; i++) {
+        if (i) {
+            str_cat(&line, " ", 1);
         }
-        a += a[1] == '-' ? 2 : 1;
-        if (_main_switch_is(a, "instance")) {
-            if (i + 1 < argc) {
-                mem_free(sw->instance);
-                sw->instance = mem_dup(argv[i + 1], strlen(argv[i + 1]));
-                i++;
-            }
-            continue;
-        }
-        for (const flag_t &f : flags) {
-            if (_main_switch_is(a, f.name)) {
-                sw->*f.field = true;
-                break;
-            }
-        }
+        cl_quote_arg(&line, argv[i]);
     }
+    main_switches_parse_line(sw, line.ptr ? line.ptr : "", nullptr);
+    str_kill(&line);
 }
 
 void main_switches_kill(main_switches_t *sw) {
     mem_free(sw->instance);
     sw->instance = nullptr;
+    if (sw->cl) {
+        cl_free(sw->cl);
+        sw->cl = nullptr;
+    }
 }

@@ -124,7 +124,7 @@ void mem_array_reverse(mem_array_t *a) {
 
 bool mem_array_check(const mem_array_t *a) {
     if (a->table_cap && a->chunk_count > a->table_cap) {
-        debug_printf("mem_array_check: %u chunks in a table of %u", a->chunk_count, a->table_cap);
+        debug_printf("mem_array_check: %u chunks in a table of %u\n", a->chunk_count, a->table_cap);
         return false;
     }
     uint32_t base = 0;
@@ -132,17 +132,17 @@ bool mem_array_check(const mem_array_t *a) {
         const mem_array_chunk_t *c = a->table[i];
         if (c->n == 0 || c->n > MEM_ARRAY_CHUNK_SLOTS || c->offset < 16 || c->offset % 4 ||
             c->offset + c->n * 4 > MEM_ARRAY_CHUNK_SIZE) {
-            debug_printf("mem_array_check: chunk %u: offset %u, n %u", i, c->offset, c->n);
+            debug_printf("mem_array_check: chunk %u: offset %u, n %u\n", i, c->offset, c->n);
             return false;
         }
         if (c->base != base) {
-            debug_printf("mem_array_check: chunk %u: base %u, expected %u", i, c->base, base);
+            debug_printf("mem_array_check: chunk %u: base %u, expected %u\n", i, c->base, base);
             return false;
         }
         base += c->n;
     }
     if (base != a->count) {
-        debug_printf("mem_array_check: %u elements in chunks, count %u", base, a->count);
+        debug_printf("mem_array_check: %u elements in chunks, count %u\n", base, a->count);
         return false;
     }
     return true;

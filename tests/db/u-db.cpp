@@ -11,44 +11,14 @@
 #include "main/main.h"
 #include "os/os.h"
 
-// The index posts its end-of-job events through event_post. This test binary has no main loop, so it
-// keeps its own queue and runs it where a test says; that also lets the tests see what is pending.
-static std::mutex g_events_lock;
-static std::deque<std::pair<void (*)(void *), void *>> g_events;
-
-void event_post(void (*callback)(void *), void *context) {
-    std::lock_guard<std::mutex> g(g_events_lock);
-    g_events.push_back({callback, context});
-}
-
-void event_remove(void (*callback)(void *), void *context) {
-    std::lock_guard<std::mutex> g(g_events_lock);
-    for (auto it = g_events.begin(); it != g_events.end();)
-        it = it->first == callback && it->second == context ? g_events.erase(it) : it + 1;
-}
-
-static int pending_events(void *context) {
-    std::lock_guard<std::mutex> g(g_events_lock);
-    int n = 0;
-    for (auto &e : g_events)
-        n += e.second == context;
-    return n;
+// The index posts its end-of-job events through the real event queue; there is no main loop in this test
+// binary, so a test runs the queue itself where it says.
+static int pending_events(void *) {
+    return event_pending_count();
 }
 
 static int run_events() {
-    int n = 0;
-    for (;;) {
-        std::pair<void (*)(void *), void *> e;
-        {
-            std::lock_guard<std::mutex> g(g_events_lock);
-            if (g_events.empty())
-                return n;
-            e = g_events.front();
-            g_events.pop_front();
-        }
-        e.first(e.second);
-        n++;
-    }
+    return event_dispatch();
 }
 
 // ---- an index built by hand ----------------------------------------------------------------------------

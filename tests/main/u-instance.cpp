@@ -95,7 +95,7 @@ TEST(CommandLine, SplitsByWindowsRules) {
 TEST(CommandLine, SpineSwitches) {
     char **argv;
     int argc = main_split_command_line(
-        "prog -Instance \"my inst\" --first-instance -QUIT -no-db -unknown -read-only -debug-log x -verbose",
+        "prog -Instance \"my inst\" --first-instance -QUIT -no-db -read-only -debug-log x -verbose",
         &argv);
     main_switches_t sw;
     main_switches_parse(&sw, argc, argv);
@@ -110,6 +110,15 @@ TEST(CommandLine, SpineSwitches) {
     EXPECT_FALSE(sw.debug);
     EXPECT_FALSE(sw.help);
     EXPECT_FALSE(sw.no_first_instance);
+    main_switches_kill(&sw);
+    mem_free(argv);
+
+    // An unknown switch stops the line and asks for the usage text, so nothing behind it acts.
+    argc = main_split_command_line("prog -verbose -no-such-switch -exit", &argv);
+    main_switches_parse(&sw, argc, argv);
+    EXPECT_TRUE(sw.help);
+    EXPECT_TRUE(sw.verbose);
+    EXPECT_FALSE(sw.exit);
     main_switches_kill(&sw);
     mem_free(argv);
 

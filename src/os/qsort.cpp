@@ -142,8 +142,8 @@ void _qsort(uint32_t *array, size_t count, const sort_cmp_t &cmp) {
     if (actual > 256) {
         actual = 256;
     }
-    debug_printf("multithreaded sort: items %d, ideal threads %d, actual threads %d\n", (int) count, (int) ideal,
-                 (int) actual);
+    debug_printf("multithreaded sort: items %d, ideal threads %d, actual threads %d\n", (int) count,
+                 (int) ideal, (int) actual);
     if (actual < 2) {
         _merge_sort(array, count, cmp);
         return;
@@ -152,7 +152,8 @@ void _qsort(uint32_t *array, size_t count, const sort_cmp_t &cmp) {
     os_thread_t *threads[256];
     for (size_t i = 0; i < actual; i++) {
         size_t from = count * i / actual, to = count * (i + 1) / actual;
-        slices[i] = {array + from, (uint32_t *) mem_alloc((to - from) * sizeof(uint32_t) + 4), to - from, 0, &cmp};
+        slices[i] = {array + from, (uint32_t *) mem_alloc((to - from) * sizeof(uint32_t) + 4), to - from, 0,
+                     &cmp};
         threads[i] = os_thread_create(_slice_proc, &slices[i]);
     }
     for (size_t i = 0; i < actual; i++) {

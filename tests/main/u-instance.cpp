@@ -95,8 +95,7 @@ TEST(CommandLine, SplitsByWindowsRules) {
 TEST(CommandLine, SpineSwitches) {
     char **argv;
     int argc = main_split_command_line(
-        "prog -Instance \"my inst\" --first-instance -QUIT -no-db -read-only -debug-log x -verbose",
-        &argv);
+        "prog -Instance \"my inst\" --first-instance -QUIT -no-db -read-only -debug-log x -verbose", &argv);
     main_switches_t sw;
     main_switches_parse(&sw, argc, argv);
     ASSERT_NE(sw.instance, nullptr);

@@ -1,0 +1,861 @@
+// The database file: the stream and its codes, the file name rules, an index built by hand written and
+// read back record for record and array for array (plain and compressed), hand-made files that break one
+// rule each, cut and damaged files, hostile lengths, and the save and load as the program runs them.
+#include "db_fixture.h"
+
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <pcre2.h>
+#include <sstream>
+
+#include "config/config.h"
+#include "db/dbfile.h"
+#include "debug/debug.h"
+#include "main/main.h"
+
+namespace fsys = std::filesystem;
+
+// ---- scratch files and the log -------------------------------------------------------------------------
+
+static std::string slurp(const std::string &path) {
+    std::ifstream f(fsys::path(path), std::ios::binary);
+    std::stringstream s;
+    s << f.rdbuf();
+    return s.str();
+}
+
+static void spill(const std::string &path, const std::string &bytes) {
+    std::ofstream f(fsys::path(path), std::ios::binary | std::ios::trunc);
+    f << bytes;
+}
+
+// A folder of its own for each test and a log that the test can read back.
+// These tests are about the file; whether settings call for a rebuild is the index build's own test. Here
+// only an empty load asks for one, and asking is all that happens.
+static bool rebuild_required_when_empty(db_t *db) {
+    return !db->has_content;
+}
+static void rebuild_not_started(db_t *) {}
+
+class DbFile : public ::testing::Test {
+  protected:
+    std::string dir, log_path;
+    db_file_rebuild_ops_t saved_ops;
+    void SetUp() override {
+        saved_ops = db_file_rebuild_ops;
+        db_file_rebuild_ops = {rebuild_required_when_empty, rebuild_not_started};
+        debug_init();
+        text_init_tables();
+        str_t tmp;
+        str_init(&tmp);
+        os_temp_folder(&tmp);
+        const ::testing::TestInfo *info = ::testing::UnitTest::GetInstance()->current_test_info();
+        dir = std::string(tmp.ptr, (size_t) tmp.len) + OS_SEP_STR + "sw-dbfile-" + info->name();
+        str_kill(&tmp);
+        fsys::remove_all(fsys::path(dir));
+        fsys::create_directories(fsys::path(dir));
+        log_path = path("log.txt");
+        debug_close_log();
+        debug_open_log_path(log_path.c_str());
+    }
+    void TearDown() override {
+        db_file_rebuild_ops = saved_ops;
+        debug_close_log();
+        db_file_set_command_line(nullptr, nullptr, false, false);
+        std::error_code ec;
+        fsys::remove_all(fsys::path(dir), ec);
+    }
+    std::string path(const std::string &name) { return dir + OS_SEP_STR + name; }
+    std::string log_text() { return slurp(log_path); }
+};
+
+// ---- an index built by hand ----------------------------------------------------------------------------
+
+static const struct {
+    mem_array_t db_t::*array;
+    db_order_t order;
+    bool folder;
+} k_arrays[] = {
+    {&db_t::folders_by_path, DB_ORDER_PATH, true},
+    {&db_t::files_by_path, DB_ORDER_PATH, false},
+    {&db_t::folders_by_size, DB_ORDER_SIZE, true},
+    {&db_t::files_by_size, DB_ORDER_SIZE, false},
+    {&db_t::folders_by_date_created, DB_ORDER_DATE_CREATED, true},
+    {&db_t::files_by_date_created, DB_ORDER_DATE_CREATED, false},
+    {&db_t::folders_by_date_modified, DB_ORDER_DATE_MODIFIED, true},
+    {&db_t::files_by_date_modified, DB_ORDER_DATE_MODIFIED, false},
+    {&db_t::folders_by_date_accessed, DB_ORDER_DATE_ACCESSED, true},
+    {&db_t::files_by_date_accessed, DB_ORDER_DATE_ACCESSED, false},
+    {&db_t::folders_by_attributes, DB_ORDER_ATTRIBUTES, true},
+    {&db_t::files_by_attributes, DB_ORDER_ATTRIBUTES, false},
+    {&db_t::files_by_extension, DB_ORDER_EXTENSION, false},
+};
+
+static void add_item(db_exclude_item_t **list, uint32_t kind, const std::string &text) {
+    while (*list)
+        list = &(*list)->next;
+    db_exclude_item_t *item = (db_exclude_item_t *) mem_alloc(sizeof(db_exclude_item_t));
+    memset(item, 0, sizeof(*item));
+    item->kind = kind;
+    item->length = (uint32_t) text.size();
+    item->text = mem_dup(text.data(), text.size());
+    if (kind == 9 || kind == 10) {
+        int code;
+        PCRE2_SIZE off;
+        item->regex = pcre2_compile((PCRE2_SPTR) item->text, item->length,
+                                    PCRE2_CASELESS | PCRE2_UTF | PCRE2_UCP, &code, &off, nullptr);
+    }
+    *list = item;
+}
+
+// Five sources (NTFS, ReFS, a file list, a folder, the folder "/" with its empty root name), folders and
+// files with random names and data, names of 254 to 256 bytes, a long root name, the same name under two
+// parents, files directly under the file list, and every sorted array that the word asks for.
+struct built_t {
+    db_holder_t h;
+    std::vector<db_ref_t> folders, files;
+    std::mt19937 rng;
+
+    built_t(uint32_t word, int folder_count, int file_count, uint32_t seed, bool long_names = true)
+        : h(word), rng(seed) {
+        db_t *db = h.db;
+        db_fs_t *ntfs = db_fs_add(db, DB_FS_NTFS);
+        db_fs_set_text(&ntfs->guid, "\\\\?\\Volume{0c5e1d2a}\\");
+        db_fs_set_text(&ntfs->path, "C:");
+        ntfs->journal_id = 0x1122334455667788ull;
+        ntfs->next_usn = 0x99AABBCCDDEEFF00ull;
+        db_fs_t *refs = db_fs_add(db, DB_FS_REFS);
+        db_fs_set_text(&refs->guid, "\\\\?\\Volume{refs}\\");
+        db_fs_set_text(&refs->path, "D:");
+        db_fs_set_text(&refs->root, "D:\\sub");
+        db_fs_set_text(&refs->include_only, "D:\\sub\\a;D:\\sub\\b");
+        refs->out_of_date = 1;
+        refs->journal_id = 7;
+        refs->next_usn = 8;
+        db_fs_t *list = db_fs_add(db, DB_FS_FILE_LIST);
+        db_fs_set_text(&list->filename, "/lists/some list.swl");
+        list->last_write_time = 132000000000000000ull;
+        db_fs_t *tree = db_fs_add(db, DB_FS_FOLDER);
+        db_fs_set_text(&tree->path, "/srv/tree");
+        tree->next_update = 133000000000000000ull;
+        db_fs_t *top = db_fs_add(db, DB_FS_FOLDER);
+        db_fs_set_text(&top->path, "/");
+
+        db_ref_t c = folder(ntfs, 0, "C:"), d = folder(refs, 0, "D:");
+        folder(list, 0, "/lists/" + std::string(long_names ? 290 : 1, 'L'));
+        folder(tree, 0, "/srv/tree");
+        folder(top, 0, "");
+        folder(ntfs, c, "same");
+        folder(refs, d, "same");
+        if (long_names) {
+            folder(ntfs, c, std::string(254, 'n'));
+            folder(ntfs, c, std::string(255, 'n'));
+            folder(refs, d, std::string(256, 'n'));
+        }
+        std::set<std::pair<db_ref_t, std::string>> used;
+        while ((int) folders.size() < folder_count) {
+            db_ref_t parent = folders[rng() % folders.size()];
+            std::string name = random_name(rng).substr(0, long_names ? std::string::npos : 12);
+            if (used.insert({parent, name}).second)
+                folder(db_record_fs(db, parent), parent, name);
+        }
+        used.clear();
+        while ((int) files.size() < file_count) {
+            std::string name = random_name(rng).substr(0, long_names ? std::string::npos : 12);
+            bool under_list = rng() % 8 == 0;
+            db_ref_t parent = under_list ? 0 : folders[rng() % folders.size()];
+            if (!used.insert({parent, name}).second)
+                continue;
+            db_ref_t f = h.file(parent ? db_record_fs(db, parent) : list, parent, name);
+            for (int k = 0; k < DB_FIELD_COUNT; k++)
+                db_file_set(db, f, (db_field_t) k, value(k));
+            files.push_back(f);
+        }
+        db->exclude.exclude_hidden = true;
+        add_item(&db->exclude.folders, 0, "C:\\Windows");
+        add_item(&db->exclude.folders, 9, "^tmp$");
+        add_item(&db->exclude.files, 5, ".bak");
+        add_item(&db->exclude.files, 10, "a\\\\b");
+        add_item(&db->exclude.include_only_files, 2, "*.t?t");
+        db->exclude.folder_needs_path = db->exclude.file_needs_path = true;
+        fill_arrays();
+        db->has_content = true;
+    }
+
+    uint64_t value(int field) {
+        if (rng() % 7 == 0)
+            return field == DB_FIELD_ATTRIBUTES ? 0 : DB_UNKNOWN;
+        return field == DB_FIELD_ATTRIBUTES ? rng() % 0x2000 : ((uint64_t) rng() << 20) ^ rng();
+    }
+
+    db_ref_t folder(const db_fs_t *fs, db_ref_t parent, const std::string &name) {
+        db_ref_t r = h.folder(fs, parent, name);
+        for (int k = 0; k < DB_FIELD_COUNT; k++)
+            db_folder_set(h.db, r, (db_field_t) k, value(k));
+        if (uint8_t *frn = db_record_frn(h.db, r)) {
+            // Duplicate FRNs across the sources test that the FRN order keeps them apart.
+            for (int i = 0; i < (fs->type == DB_FS_NTFS ? 8 : 16); i++)
+                frn[i] = (uint8_t) (rng() % 4);
+        }
+        folders.push_back(r);
+        return r;
+    }
+
+    template <typename Cmp>
+    static void fill(mem_array_t *a, std::vector<db_ref_t> recs, Cmp cmp) {
+        std::sort(recs.begin(), recs.end(), [&](db_ref_t x, db_ref_t y) { return cmp(x, y) < 0; });
+        if (recs.empty())
+            return;
+        mem_array_alloc_bulk(a, (uint32_t) recs.size());
+        for (uint32_t i = 0; i < recs.size(); i++)
+            *mem_array_bulk_slot(a, i) = recs[i];
+    }
+
+    void fill_arrays() {
+        db_t *db = h.db;
+        fill(&db->folders, folders, db_name_compare);
+        fill(&db->files, files, db_name_compare);
+        mem_array_t *wanted[2][8];
+        int n[2] = {db_file_arrays(db, false, wanted[0]), db_file_arrays(db, true, wanted[1])};
+        for (const auto &k : k_arrays) {
+            mem_array_t *a = &(db->*k.array);
+            if (std::find(wanted[k.folder], wanted[k.folder] + n[k.folder], a) ==
+                wanted[k.folder] + n[k.folder])
+                continue;
+            fill(a, k.folder ? folders : files,
+                 [&](db_ref_t x, db_ref_t y) { return db_compare(db, k.order, k.folder, x, y); });
+        }
+        // The FRN arrays, and the child counts that a load must rebuild from them and from the files.
+        std::vector<db_ref_t> by_type[4];
+        for (db_ref_t f : folders)
+            by_type[db_record_fs(db, f)->type].push_back(f);
+        fill(&db->ntfs_folders, by_type[DB_FS_NTFS],
+             [&](db_ref_t x, db_ref_t y) { return db_frn_compare(db, x, y); });
+        fill(&db->refs_folders, by_type[DB_FS_REFS],
+             [&](db_ref_t x, db_ref_t y) { return db_frn_compare(db, x, y); });
+        std::map<db_ref_t, uint32_t> children;
+        for (int t : {DB_FS_NTFS, DB_FS_REFS})
+            for (db_ref_t f : by_type[t])
+                if (db_record_parent(f))
+                    children[db_record_parent(f)]++;
+        for (db_ref_t f : files)
+            if (db_record_parent(f))
+                children[db_record_parent(f)]++;
+        for (auto &c : children)
+            db_folder_set_child_count(db, c.first, c.second);
+    }
+};
+
+// ---- the dump: the whole index as text -----------------------------------------------------------------
+
+static std::string hex(const void *p, size_t n) {
+    static const char digits[] = "0123456789abcdef";
+    std::string s;
+    for (size_t i = 0; i < n; i++) {
+        uint8_t b = ((const uint8_t *) p)[i];
+        s += digits[b >> 4];
+        s += digits[b & 15];
+    }
+    return s;
+}
+
+static std::string text(const char *t) {
+    return t ? std::string("\"") + t + "\"" : "null";
+}
+
+static std::map<db_ref_t, uint32_t> positions(const mem_array_t *a) {
+    std::map<db_ref_t, uint32_t> m;
+    for (uint32_t i = 0; i < a->count; i++)
+        m[mem_array_get(a, i)] = i;
+    return m;
+}
+
+static void dump_record(std::ostringstream &o, db_t *db, db_ref_t r, bool folder,
+                        std::map<db_ref_t, uint32_t> &folder_at) {
+    uint32_t len;
+    const char *name = db_record_name(r, &len);
+    db_ref_t parent = db_record_parent(r);
+    o << (parent ? "parent " + std::to_string(folder_at.at(parent))
+                 : "fs " + std::to_string(db_record_fs_index(r)))
+      << " name " << len << ":" << hex(name, len) << " data "
+      << hex(db_record_data(r), folder ? db->structure.folder_data_size : db->structure.file_data_size);
+    if (folder) {
+        const db_fs_t *fs = db_record_fs(db, r);
+        if (const uint8_t *frn = db_record_frn(db, r))
+            o << " frn " << hex(frn, fs->type == DB_FS_NTFS ? 8 : 16);
+        o << " children " << db_folder_child_count(db, r);
+    }
+    o << "\n";
+}
+
+static void dump_array(std::ostringstream &o, const char *name, const mem_array_t *a,
+                       std::map<db_ref_t, uint32_t> &at) {
+    EXPECT_TRUE(a->count == 0 || mem_array_check(a)) << name;
+    o << name << " " << a->count << ":";
+    for (uint32_t i = 0; i < a->count; i++)
+        o << " " << at.at(mem_array_get(a, i));
+    o << "\n";
+}
+
+// Every stored field of the index, with references written as positions in `folders` and `files`.
+static std::string dump(db_t *db) {
+    std::ostringstream o;
+    o << std::hex << "structure " << db->structure.word << std::dec << " sources " << db->fs_count << "\n";
+    for (const db_fs_t *fs = db->fs_first; fs; fs = fs->next) {
+        o << "fs " << fs->index << " type " << fs->type << " ood " << (int) fs->out_of_date;
+        if (fs->type == DB_FS_NTFS || fs->type == DB_FS_REFS)
+            o << " " << text(fs->guid) << " " << text(fs->path) << " " << text(fs->root) << " "
+              << text(fs->include_only) << " " << fs->journal_id << " " << fs->next_usn;
+        else if (fs->type == DB_FS_FILE_LIST)
+            o << " " << text(fs->filename) << " " << fs->last_write_time;
+        else
+            o << " " << text(fs->path) << " " << fs->next_update;
+        o << "\n";
+    }
+    const db_exclude_t *e = &db->exclude;
+    o << "exclude " << e->exclude_hidden << e->exclude_system << e->folder_needs_path << e->file_needs_path
+      << "\n";
+    for (const db_exclude_item_t *list : {e->folders, e->files, e->include_only_files}) {
+        o << "list";
+        for (const db_exclude_item_t *i = list; i; i = i->next)
+            o << " " << i->kind << ":" << std::string(i->text, i->length) << ":" << (i->regex != nullptr);
+        o << "\n";
+    }
+    auto folder_at = positions(&db->folders), file_at = positions(&db->files);
+    for (uint32_t i = 0; i < db->folders.count; i++) {
+        o << "folder " << i << " ";
+        dump_record(o, db, mem_array_get(&db->folders, i), true, folder_at);
+    }
+    for (uint32_t i = 0; i < db->files.count; i++) {
+        o << "file " << i << " ";
+        dump_record(o, db, mem_array_get(&db->files, i), false, folder_at);
+    }
+    dump_array(o, "folders", &db->folders, folder_at);
+    dump_array(o, "files", &db->files, file_at);
+    dump_array(o, "ntfs_folders", &db->ntfs_folders, folder_at);
+    dump_array(o, "refs_folders", &db->refs_folders, folder_at);
+    for (const auto &k : k_arrays)
+        dump_array(o, k.folder ? "folder array" : "file array", &(db->*k.array),
+                   k.folder ? folder_at : file_at);
+    return o.str();
+}
+
+// Compares two dumps line by line, so that a failure names the first record that differs.
+static void expect_same(const std::string &want, const std::string &got) {
+    std::istringstream a(want), b(got);
+    std::string la, lb;
+    int line = 1;
+    while (std::getline(a, la)) {
+        ASSERT_TRUE((bool) std::getline(b, lb)) << "missing from line " << line << ": " << la;
+        ASSERT_EQ(la, lb) << "line " << line;
+        line++;
+    }
+    ASSERT_FALSE((bool) std::getline(b, lb)) << "extra line " << line << ": " << lb;
+}
+
+static bool is_empty(const db_t *db) {
+    return db->fs_count == 0 && db->folders.count == 0 && db->files.count == 0 &&
+           db->ntfs_folders.count == 0 && db->exclude.folders == nullptr && !db->has_content;
+}
+
+// ---- the stream ----------------------------------------------------------------------------------------
+
+TEST_F(DbFile, StreamCodesRoundTripAcrossBuffersPlainAndCompressed) {
+    const uint32_t lens[] = {0, 1, 254, 255, 256, 65535, 0xFFFFFFFEu};
+    const std::string strings[] = {"", "a", std::string(300, 'x'), std::string(70000, 'y')};
+    std::string blob(200000, 0);
+    for (size_t i = 0; i < blob.size(); i++)
+        blob[i] = (char) (i * 7 + i / 300);
+    for (bool compressed : {false, true}) {
+        SCOPED_TRACE(compressed);
+        std::string p = path("stream.bin");
+        os_file_t f = os_file_open(p.c_str(), OS_OPEN_WRITE | OS_OPEN_CREATE | OS_OPEN_TRUNCATE);
+        os_file_stream_t s;
+        ASSERT_TRUE(os_stream_init_write(&s, f, compressed));
+        for (uint32_t v : lens)
+            os_stream_write_len(&s, v);
+        for (const std::string &t : strings)
+            os_stream_write_string(&s, t.data(), (uint32_t) t.size());
+        os_stream_write_u64(&s, 0x0102030405060708ull);
+        os_write(&s, blob.data(), blob.size());
+        ASSERT_TRUE(os_stream_flush(&s));
+        os_stream_kill(&s);
+        os_file_close(f);
+
+        std::string bytes = slurp(p);
+        if (!compressed) {
+            // The short form below 255, else 255 and four bytes, little-endian.
+            ASSERT_EQ(bytes.substr(0, 9), std::string("\x00\x01\xFE\xFF\xFF\x00\x00\x00\xFF", 9));
+        } else {
+            ASSERT_EQ(bytes.substr(0, 4), "BZh9");
+            ASSERT_LT(bytes.size(), blob.size());
+        }
+        os_file_stream_t r;
+        ASSERT_TRUE(os_stream_init_memory(&r, bytes.data(), bytes.size(), compressed));
+        for (uint32_t v : lens)
+            EXPECT_EQ(os_stream_read_len(&r), v);
+        str_t t;
+        str_init(&t);
+        for (const std::string &want : strings) {
+            os_stream_read_string(&r, &t);
+            EXPECT_EQ(std::string(t.ptr, (size_t) t.len), want);
+        }
+        EXPECT_EQ(os_stream_read_u64(&r), 0x0102030405060708ull);
+        std::string back(blob.size(), 0);
+        os_read(&r, back.data(), back.size());
+        EXPECT_TRUE(back == blob);
+        EXPECT_FALSE(r.error);
+        EXPECT_TRUE(os_stream_read_finish(&r));
+        // Past the end: zeros and the sticky flag.
+        uint32_t past = 0xDEADBEEF;
+        os_read(&r, &past, 4);
+        EXPECT_EQ(past, 0u);
+        EXPECT_TRUE(r.error);
+        os_stream_kill(&r);
+        str_kill(&t);
+    }
+}
+
+TEST_F(DbFile, StreamDamagedLengthAndFailedWrites) {
+    // A string length of all ones marks damage: empty text, error set, nothing allocated for it.
+    const char damaged[] = "\xFF\xFF\xFF\xFF\xFF"
+                           "abc";
+    os_file_stream_t r;
+    os_stream_init_memory(&r, damaged, sizeof(damaged) - 1, false);
+    str_t t;
+    str_init(&t);
+    str_set(&t, "old");
+    os_stream_read_string(&r, &t);
+    EXPECT_EQ(t.len, 0);
+    EXPECT_TRUE(r.error);
+    os_stream_kill(&r);
+    // A length far beyond the data fails at the end of the data, with memory for the data only.
+    const char hostile[] = "\xFF\xF0\xFF\xFF\x7F"
+                           "abc";
+    os_stream_init_memory(&r, hostile, sizeof(hostile) - 1, false);
+    os_stream_read_string(&r, &t);
+    EXPECT_EQ(t.len, 0);
+    EXPECT_TRUE(r.error);
+    EXPECT_LE(t.cap, 65536 * 2);
+    os_stream_kill(&r);
+    str_kill(&t);
+
+    // A file that can't be written: the first full buffer fails, later writes do nothing.
+    std::string p = path("readonly.bin");
+    spill(p, "x");
+    os_file_t f = os_file_open(p.c_str(), OS_OPEN_READ);
+    os_file_stream_t s;
+    os_stream_init_write(&s, f, false);
+    std::string big(3 * 65536, 'z');
+    os_write(&s, big.data(), big.size());
+    EXPECT_TRUE(s.error);
+    EXPECT_FALSE(os_stream_flush(&s));
+    os_stream_kill(&s);
+    os_file_close(f);
+    EXPECT_EQ(slurp(p), "x");
+    EXPECT_NE(log_text().find("os_write(): "), std::string::npos);
+}
+
+// ---- the file name -------------------------------------------------------------------------------------
+
+TEST_F(DbFile, FileNameRules) {
+    std::string exe = path("exe"), user = path("user");
+    config_set_folders(exe.c_str(), user.c_str());
+    uint8_t saved_app_data = app_data;
+    char *saved_location = db_location;
+    app_data = 0;
+    auto name = [](bool temporary, bool multi) {
+        str_t s;
+        str_init(&s);
+        db_file_name(&s, temporary, multi);
+        std::string out(s.ptr, (size_t) s.len);
+        str_kill(&s);
+        return out;
+    };
+    std::string sep = OS_SEP_STR;
+    EXPECT_EQ(name(false, false), exe + sep + "Sablewatch.db");
+    EXPECT_EQ(name(true, false), exe + sep + "Sablewatch.db.tmp");
+
+    auto env = [](const char *a, const char *b) {
+        const char *v = getenv(a);
+        if (!v || !*v)
+            v = getenv(b);
+        return std::string(v ? v : "");
+    };
+    std::string multi =
+        "Sablewatch." + env("COMPUTERNAME", "HOSTNAME") + "." + env("USERNAME", "USER") + ".db";
+    EXPECT_EQ(name(false, true), exe + sep + multi);
+
+    db_file_set_command_line(nullptr, "a:b*c", false, false);
+    EXPECT_EQ(name(true, false), exe + sep + "Sablewatch-a%3Ab%2Ac.db.tmp");
+    db_file_set_command_line(nullptr, nullptr, false, false);
+
+    char relative[] = "sub";
+    db_location = relative;
+    EXPECT_EQ(name(false, false), exe + sep + "sub" + sep + "Sablewatch.db");
+    std::string absolute = path("elsewhere");
+    db_location = absolute.data();
+    EXPECT_EQ(name(false, false), absolute + sep + "Sablewatch.db");
+    db_location = saved_location;
+
+    app_data = 1;
+    const char *local = getenv("LOCALAPPDATA");
+    std::string base = local && *local ? std::string(local) + sep + "Sablewatch" : user;
+    EXPECT_EQ(name(false, false), base + sep + "Sablewatch.db");
+    app_data = saved_app_data;
+
+    // The switch gives the whole name, for the temporary file as well.
+    std::string own = path("own.db");
+    db_file_set_command_line(own.c_str(), "x", false, false);
+    EXPECT_EQ(name(false, true), own);
+    EXPECT_EQ(name(true, false), own);
+    config_set_folders(nullptr, nullptr);
+}
+
+// ---- write and read back -------------------------------------------------------------------------------
+
+TEST_F(DbFile, BuiltIndexLoadsBackRecordForRecordPlainAndCompressed) {
+    // No arrays beyond name order; the default; every field and every array.
+    for (uint32_t word : {0x0000u, DB_STRUCTURE_DEFAULT, 0x7F3Fu}) {
+        built_t b(word, 600, 1500, word + 1);
+        std::string want = dump(b.h.db);
+        for (bool compressed : {false, true}) {
+            SCOPED_TRACE(::testing::Message() << std::hex << word << " compressed " << compressed);
+            std::string final_name = path("index.db"), temporary = path("index.db.tmp");
+            ASSERT_TRUE(db_file_save(b.h.db, final_name.c_str(), temporary.c_str(), compressed));
+            EXPECT_FALSE(fsys::exists(fsys::path(temporary)));
+            // The save gave every parent back.
+            ASSERT_NO_FATAL_FAILURE(expect_same(want, dump(b.h.db)));
+            db_holder_t loaded(0);
+            ASSERT_TRUE(db_file_load(loaded.db, final_name.c_str(), compressed, nullptr));
+            ASSERT_NO_FATAL_FAILURE(expect_same(want, dump(loaded.db)));
+            // The other setting of db_compress reads the file as something else: a failed load.
+            db_holder_t other(0);
+            EXPECT_FALSE(db_file_load(other.db, final_name.c_str(), !compressed, nullptr));
+            EXPECT_TRUE(is_empty(other.db));
+        }
+    }
+    EXPECT_NE(log_text().find("invalid db magic"), std::string::npos);
+}
+
+TEST_F(DbFile, EmptyIndexKeepsItsSourcesAndExcludes) {
+    built_t b(DB_STRUCTURE_DEFAULT, 0, 0, 3);
+    db_t *db = b.h.db;
+    // Only the sources stay: no records, no arrays.
+    db_arrays_kill(db);
+    std::string want = dump(db);
+    std::string p = path("empty.db");
+    ASSERT_TRUE(db_file_save(db, p.c_str(), p.c_str(), false));
+    db_holder_t loaded(0);
+    ASSERT_TRUE(db_file_load(loaded.db, p.c_str(), false, nullptr));
+    expect_same(want, dump(loaded.db));
+    // A missing file is a failed load that leaves nothing.
+    EXPECT_FALSE(db_file_load(loaded.db, path("missing.db").c_str(), false, nullptr));
+    EXPECT_TRUE(is_empty(loaded.db));
+}
+
+// ---- hand-made files -----------------------------------------------------------------------------------
+
+// A small file written byte by byte in the documented layout, with knobs that break one rule each.
+struct craft_t {
+    uint32_t magic = DB_FILE_MAGIC, version = DB_FILE_VERSION;
+    uint32_t type = DB_FS_FOLDER;
+    uint32_t folder_parent = 1; // F + 0: the root of source 0
+    uint32_t folder_cut = 0;
+    uint32_t file_cut = 1;
+    uint32_t file_parent = 0;
+    uint32_t ntfs_count = 0;
+    uint32_t folder_element = 0, file_element = 1;
+    uint32_t guid_len = 2;
+
+    static void u32(std::string &o, uint32_t v) {
+        for (int i = 0; i < 4; i++)
+            o += (char) (v >> (8 * i));
+    }
+    static void len(std::string &o, uint32_t v) {
+        if (v < 255) {
+            o += (char) v;
+        } else {
+            o += '\xFF';
+            u32(o, v);
+        }
+    }
+    std::string bytes() const {
+        std::string o;
+        u32(o, magic);
+        u32(o, version);
+        u32(o, 0x2000); // the path arrays only, no data fields
+        u32(o, 1);      // F
+        u32(o, 2);      // N
+        len(o, 1);      // S
+        len(o, type);
+        o += '\0';
+        len(o, guid_len); // the folder's path
+        o += "/r";
+        u32(o, 7); // next_update, 64 bits
+        u32(o, 0);
+        o += '\x01'; // exclude hidden
+        len(o, 1);   // one excluded folder
+        o += '\x09';
+        len(o, 3);
+        o += "^x$";
+        len(o, 0);
+        len(o, 0);
+        u32(o, folder_parent);
+        len(o, 2); // "/r": add 2
+        len(o, folder_cut);
+        o += "/r";
+        u32(o, file_parent); // "f" in folder 0
+        len(o, 1);
+        len(o, 0);
+        o += "f";
+        u32(o, 1); // "g" directly under source 0 (F + 0)
+        len(o, 1);
+        len(o, file_cut);
+        o += "g";
+        u32(o, ntfs_count);
+        u32(o, 0); // refs count
+        u32(o, folder_element);
+        u32(o, file_element);
+        u32(o, 0);
+        return o;
+    }
+};
+
+TEST_F(DbFile, HandMadeFileLoadsAndEachBrokenRuleFailsWithItsText) {
+    craft_t good;
+    db_holder_t h(0);
+    std::string bytes = good.bytes();
+    ASSERT_TRUE(db_file_load_memory(h.db, bytes.data(), bytes.size(), false, nullptr)) << log_text();
+    db_t *db = h.db;
+    ASSERT_EQ(db->folders.count, 1u);
+    ASSERT_EQ(db->files.count, 2u);
+    db_ref_t root = mem_array_get(&db->folders, 0);
+    EXPECT_EQ(rec_name(root), "/r");
+    EXPECT_EQ(db_record_parent(root), 0u);
+    EXPECT_EQ(db_record_fs_index(root), 0u);
+    db_ref_t f = mem_array_get(&db->files, 0), g = mem_array_get(&db->files, 1);
+    EXPECT_EQ(rec_name(f), "f");
+    EXPECT_EQ(db_record_parent(f), root);
+    EXPECT_EQ(rec_name(g), "g");
+    EXPECT_EQ(db_record_parent(g), 0u);
+    EXPECT_EQ(db_record_fs_index(g), 0u);
+    EXPECT_EQ(mem_array_get(&db->files_by_path, 0), g);
+    EXPECT_EQ(db->fs_first->next_update, 7u);
+    ASSERT_NE(db->exclude.folders, nullptr);
+    EXPECT_NE(db->exclude.folders->regex, nullptr) << "regular expressions are compiled on load";
+    EXPECT_TRUE(db->exclude.exclude_hidden);
+
+    struct row_t {
+        const char *what;
+        void (*breaks)(craft_t *);
+        const char *words;
+    };
+    const row_t rows[] = {
+        {"magic", [](craft_t *c) { c->magic = 0x62445754; }, "invalid db magic"},
+        {"version", [](craft_t *c) { c->version = 0x01070013; }, "unsupported db version"},
+        {"source type", [](craft_t *c) { c->type = 9; }, "invalid index type 9"},
+        {"folder parent", [](craft_t *c) { c->folder_parent = 2; }, "invalid parent folder index 2 >= 1 + 1"},
+        {"folder parent loop", [](craft_t *c) { c->folder_parent = 0; }, "invalid parent folder chain"},
+        {"file parent", [](craft_t *c) { c->file_parent = 5; }, "invalid parent folder index 5 >= 1 + 1"},
+        {"folder delta", [](craft_t *c) { c->folder_cut = 1; }, "Invalid folder code offset 1 > 0."},
+        {"file delta", [](craft_t *c) { c->file_cut = 2; }, "Invalid file code offset 2 > 1."},
+        {"folder element", [](craft_t *c) { c->folder_element = 1; }, "invalid folder index 1"},
+        {"file element", [](craft_t *c) { c->file_element = 2; }, "invalid file index 2"},
+        {"file element twice", [](craft_t *c) { c->file_element = 0; }, "invalid file index 0"},
+        {"NTFS element of a folder source", [](craft_t *c) { c->ntfs_count = 1; }, "invalid folder index 0"},
+        {"string length", [](craft_t *c) { c->guid_len = 0xFFFFFFFF; }, "invalid string length"},
+    };
+    for (const row_t &r : rows) {
+        craft_t c;
+        r.breaks(&c);
+        std::string b = c.bytes();
+        debug_close_log();
+        debug_open_log_path(log_path.c_str());
+        EXPECT_FALSE(db_file_load_memory(h.db, b.data(), b.size(), false, nullptr)) << r.what;
+        EXPECT_TRUE(is_empty(h.db)) << r.what;
+        EXPECT_NE(log_text().find(r.words), std::string::npos) << r.what << "\n" << log_text();
+    }
+}
+
+// ---- damage --------------------------------------------------------------------------------------------
+
+TEST_F(DbFile, CutAfterEveryByteOrWithAByteFlippedNeverCrashes) {
+    // Short names keep the file, and so the number of loads, small.
+    built_t b(0x7F3F, 14, 24, 5, false);
+    std::string want = dump(b.h.db);
+    db_holder_t h(0);
+    for (bool compressed : {false, true}) {
+        SCOPED_TRACE(compressed);
+        std::string p = path("small.db");
+        ASSERT_TRUE(db_file_save(b.h.db, p.c_str(), p.c_str(), compressed));
+        std::string bytes = slurp(p);
+        ASSERT_TRUE(db_file_load_memory(h.db, bytes.data(), bytes.size(), compressed, nullptr));
+        db_file_clear(h.db);
+        // Every byte of the plain file. Each compressed load sets up a 3.6 MB decompressor, so there the
+        // test takes every seventh byte and the whole tail, where the stream's end and checksum lie.
+        size_t size = bytes.size();
+        auto next = [&](size_t i) { return !compressed || i + 48 >= size ? i + 1 : i + 7; };
+        for (size_t cut = 0; cut < size; cut = next(cut)) {
+            std::string part = bytes.substr(0, cut);
+            ASSERT_FALSE(db_file_load_memory(h.db, part.data(), part.size(), compressed, nullptr)) << cut;
+            ASSERT_TRUE(is_empty(h.db)) << cut;
+        }
+        int failed = 0;
+        for (size_t i = 0; i < size; i = next(i)) {
+            std::string bad = bytes;
+            bad[i] = (char) (bad[i] ^ 0xFF);
+            if (!db_file_load_memory(h.db, bad.data(), bad.size(), compressed, nullptr)) {
+                ASSERT_TRUE(is_empty(h.db)) << i;
+                failed++;
+                continue;
+            }
+            // The plain format has no checksum of its own, so a flipped name or data byte can load; but
+            // then it must show, as every byte of the file stands for something in the index. bzip2's
+            // checksums let through only flips that decode to the same bytes (the code length of a
+            // symbol that never occurs, for one), so a compressed load that succeeds is the index itself.
+            if (compressed)
+                ASSERT_EQ(dump(h.db), want) << "byte " << i;
+            else
+                ASSERT_NE(dump(h.db), want) << "byte " << i << " was ignored";
+            db_file_clear(h.db);
+        }
+        EXPECT_GT(failed, 0);
+    }
+}
+
+TEST_F(DbFile, HostileCountsCostNoMoreThanTheirData) {
+    size_t blocks = mem_arena_blocks_in_use();
+    craft_t c;
+    std::string good = c.bytes();
+    std::string header = good.substr(0, 12);
+    struct row_t {
+        const char *what;
+        std::string bytes;
+    };
+    // Counts far beyond the data behind them: every record is read until the data runs out.
+    std::string huge_folders = good, huge_files = good;
+    huge_folders.replace(12, 4, "\xF0\xFF\xFF\xFF");
+    huge_files.replace(16, 4, "\xF0\xFF\xFF\xFF");
+    std::string huge_sources = header + std::string(8, '\0') + std::string("\xFF\xF0\xFF\xFF\xFF", 5);
+    std::string huge_patterns =
+        header + std::string(8, '\0') + std::string("\x00\x00\xFF\xFF\xFF\xFF\xFF", 7);
+    std::string huge_name = good;
+    // The folder's add becomes 0x7FFFFFF0: refused before any record is made.
+    size_t at = good.find(std::string("\x02\x00/r", 4), 40);
+    ASSERT_NE(at, std::string::npos);
+    huge_name.replace(at, 1, std::string("\xFF\xF0\xFF\xFF\x7F", 5));
+    const row_t rows[] = {{"folders", huge_folders},
+                          {"files", huge_files},
+                          {"sources", huge_sources},
+                          {"patterns", huge_patterns},
+                          {"name", huge_name}};
+    db_holder_t h(0);
+    for (const row_t &r : rows) {
+        EXPECT_FALSE(db_file_load_memory(h.db, r.bytes.data(), r.bytes.size(), false, nullptr)) << r.what;
+        EXPECT_TRUE(is_empty(h.db)) << r.what;
+        EXPECT_LE(mem_arena_blocks_in_use(), blocks + 4) << r.what;
+    }
+}
+
+// ---- the save and the load as the program runs them ----------------------------------------------------
+
+TEST_F(DbFile, SaveReplacesTheFileAndAFailedSaveKeepsTheOldOne) {
+    built_t b(DB_STRUCTURE_DEFAULT, 50, 80, 9);
+    std::string final_name = path("keep.db");
+    spill(final_name, "old contents");
+    // The temporary file's folder can't be made: a file stands where it should be.
+    spill(path("blocker"), "x");
+    std::string blocked = path("blocker") + OS_SEP_STR + "keep.db.tmp";
+    EXPECT_FALSE(db_file_save(b.h.db, final_name.c_str(), blocked.c_str(), false));
+    EXPECT_EQ(slurp(final_name), "old contents");
+    EXPECT_NE(log_text().find("failed to save " + blocked), std::string::npos);
+    // A temporary file in a folder that doesn't exist yet: the folder is made, the old file replaced.
+    std::string temporary = path("new") + OS_SEP_STR + "keep.db.tmp";
+    ASSERT_TRUE(db_file_save(b.h.db, final_name.c_str(), temporary.c_str(), false));
+    EXPECT_EQ(slurp(final_name).substr(0, 4), "SWDb");
+}
+
+// Runs what the main loop would run after a load job: the wait, then the two posted events.
+static void finish_load(db_t *db) {
+    db_wait(db, "test");
+    event_remove(_db_load_complete_proc, db);
+    event_remove(_db_ready_proc, db);
+    _db_load_complete_proc(db);
+    _db_ready_proc(db);
+}
+
+TEST_F(DbFile, SaveAndLoadJobThroughTheCommandLineName) {
+    built_t b(DB_STRUCTURE_DEFAULT, 120, 300, 13);
+    std::string want = dump(b.h.db);
+    std::string p = path("job.db");
+
+    // -read-only and -no-db write nothing.
+    db_file_set_command_line(p.c_str(), nullptr, false, true);
+    db_save(b.h.db, false);
+    db_file_set_command_line(p.c_str(), nullptr, true, false);
+    db_save(b.h.db, false);
+    EXPECT_FALSE(fsys::exists(fsys::path(p)));
+
+    db_file_set_command_line(p.c_str(), nullptr, false, false);
+    db_save(b.h.db, false);
+    ASSERT_TRUE(fsys::exists(fsys::path(p)));
+    EXPECT_NE(log_text().find("db_save_local 120 folders, 300 files"), std::string::npos);
+
+    db_holder_t loaded(0);
+    db_load(loaded.db, 0);
+    finish_load(loaded.db);
+    EXPECT_TRUE(loaded.db->is_loaded);
+    EXPECT_TRUE(loaded.db->has_content);
+    EXPECT_EQ(loaded.db->busy, 0u);
+    // The settings know none of these folders: each takes the defaults, and with rescan_asap on its next
+    // update is due at once; the file's value is what the dump compares.
+    for (db_fs_t *fs = loaded.db->fs_first; fs; fs = fs->next) {
+        if (fs->type != DB_FS_FOLDER)
+            continue;
+        EXPECT_TRUE(fs->monitor);
+        EXPECT_EQ(fs->buffer_size, 65536u);
+        EXPECT_EQ(fs->update_type, (uint32_t) DB_UPDATE_DAILY);
+        EXPECT_EQ(fs->update_value, 3u);
+        EXPECT_EQ(fs->next_update, 0u);
+        fs->next_update = db_fs_get(b.h.db, fs->index)->next_update;
+    }
+    expect_same(want, dump(loaded.db));
+
+    // With rescan_asap off the schedule goes on from now: 3 o'clock local time within the next day.
+    uint8_t saved_asap = folder_update_rescan_asap;
+    folder_update_rescan_asap = 0;
+    db_holder_t again(0);
+    db_load(again.db, 0);
+    finish_load(again.db);
+    folder_update_rescan_asap = saved_asap;
+    db_fs_t *tree = db_fs_get(again.db, 3);
+    ASSERT_NE(tree, nullptr);
+    uint64_t now = os_filetime_now();
+    EXPECT_GT(tree->next_update, now);
+    EXPECT_LE(tree->next_update, now + 864000000000ull);
+    os_systemtime_t at;
+    ASSERT_TRUE(os_filetime_to_local(tree->next_update, &at));
+    EXPECT_EQ(at.hour, 3);
+    EXPECT_EQ(at.minute, 0);
+    std::string log = log_text();
+    EXPECT_NE(log.find("loaded 120 folders, 300 files, in "), std::string::npos);
+    EXPECT_EQ(log.find("load complete: rebuild required"), std::string::npos);
+
+    // A file that isn't there: an empty index that asks for a rebuild.
+    db_file_set_command_line(path("none.db").c_str(), nullptr, false, false);
+    db_holder_t fresh(0);
+    db_load(fresh.db, 0);
+    finish_load(fresh.db);
+    EXPECT_TRUE(fresh.db->is_loaded);
+    EXPECT_FALSE(fresh.db->has_content);
+    EXPECT_NE(log_text().find("load complete: rebuild required"), std::string::npos);
+
+    // -no-db: no job at all.
+    db_file_set_command_line(p.c_str(), nullptr, true, false);
+    db_holder_t none(0);
+    db_load(none.db, 0);
+    EXPECT_FALSE(db_job_running(none.db));
+    EXPECT_NE(log_text().find("no db file"), std::string::npos);
+}

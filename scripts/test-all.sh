@@ -24,8 +24,10 @@ cmake --build --preset win64 -j "$jobs"
 step "win64: test under Wine"
 export WINEDEBUG=-all WINEPREFIX=${WINEPREFIX:-$HOME/.wine-sablewatch}
 [ -d "$WINEPREFIX" ] || { wineboot -i >/dev/null 2>&1 || true; }
+# One wineserver for the whole run, and Wine's own services started before ctest with their output
+# elsewhere: a service that inherited a test's output pipe would keep ctest waiting for ever.
 wineserver -p >/dev/null 2>&1 || true
-xvfb-run -a ctest --preset win64 -j 1
+xvfb-run -a bash -c 'wine cmd /c exit >/dev/null 2>&1 </dev/null; ctest --preset win64 -j 1'
 wineserver -k >/dev/null 2>&1 || true
 
 step "fuzz: build and smoke run (${fuzz_seconds}s each)"

@@ -34,3 +34,9 @@ void os_civil_from_days(int64_t days, int *year, int *month, int *day);
 // (the thread may run shell calls). The returned token goes back to os_thread_leave.
 int os_thread_enter();
 void os_thread_leave(int token);
+
+#ifndef _WIN32
+// Details of name in the folder dirfd (AT_FDCWD: name is a path), never following a final link, with the
+// attribute word built from the mode and the name; *mode gets the raw mode. False when it can't be read.
+bool os_posix_stat_at(int dirfd, const char *name, os_file_info_t *info, uint32_t *mode);
+#endif

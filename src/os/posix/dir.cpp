@@ -3,6 +3,7 @@
 // batched listing and no path is ever built.
 #include "mem/mem.h"
 #include "os/os_dir.h"
+#include "os/os_internal.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -11,9 +12,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#define OS_DIR_BUFFER    32768
-#define OS_UNIX_EPOCH_S  11644473600ll
-#define OS_TICKS_PER_SEC 10000000ull
+#define OS_DIR_BUFFER 32768
 
 // The kernel's record layout for getdents64; glibc declares no wrapper on every version we build with.
 struct _os_dirent64 {
@@ -56,61 +55,14 @@ void os_dir_close(os_dir_t *dir) {
     mem_free(dir);
 }
 
-static uint64_t _os_dir_filetime(int64_t sec, uint32_t nsec) {
-    if (sec < -OS_UNIX_EPOCH_S) {
-        return UINT64_MAX;
-    }
-    return (uint64_t) (sec + OS_UNIX_EPOCH_S) * OS_TICKS_PER_SEC + nsec / 100;
-}
-
-static uint32_t _os_dir_attributes(mode_t mode, const char *name) {
-    uint32_t a;
-    if (S_ISDIR(mode)) {
-        a = OS_ATTR_DIRECTORY;
-    } else if (S_ISLNK(mode)) {
-        a = OS_ATTR_REPARSE_POINT;
-    } else {
-        a = OS_ATTR_ARCHIVE;
-    }
-    // A link has no permissions of its own to speak of.
-    if (!S_ISLNK(mode) && !(mode & S_IWUSR)) {
-        a |= OS_ATTR_READONLY;
-    }
-    if (name[0] == '.') {
-        a |= OS_ATTR_HIDDEN;
-    }
-    return a;
-}
-
 // Fills the entry's details from statx, or from fstatat where statx is refused. False when the entry is
 // gone.
 static bool _os_dir_stat(int fd, const char *name, os_dir_entry_t *e) {
-    os_file_info_t *info = &e->info;
-    info->date_created = UINT64_MAX;
-    mode_t mode;
-    struct statx sx;
-    if (statx(fd, name, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT, STATX_BASIC_STATS | STATX_BTIME, &sx) == 0) {
-        mode = sx.stx_mode;
-        info->size = sx.stx_size;
-        info->date_modified = _os_dir_filetime(sx.stx_mtime.tv_sec, sx.stx_mtime.tv_nsec);
-        info->date_accessed = _os_dir_filetime(sx.stx_atime.tv_sec, sx.stx_atime.tv_nsec);
-        if (sx.stx_mask & STATX_BTIME) {
-            info->date_created = _os_dir_filetime(sx.stx_btime.tv_sec, sx.stx_btime.tv_nsec);
-        }
-    } else {
-        if (errno == ENOENT) {
-            return false;
-        }
-        struct stat st;
-        if (fstatat(fd, name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
-            return false;
-        }
-        mode = st.st_mode;
-        info->size = (uint64_t) st.st_size;
-        info->date_modified = _os_dir_filetime(st.st_mtim.tv_sec, (uint32_t) st.st_mtim.tv_nsec);
-        info->date_accessed = _os_dir_filetime(st.st_atim.tv_sec, (uint32_t) st.st_atim.tv_nsec);
+    uint32_t mode;
+    if (!os_posix_stat_at(fd, name, &e->info, &mode)) {
+        return false;
     }
-    info->attributes = _os_dir_attributes(mode, name);
+    os_file_info_t *info = &e->info;
     e->is_folder = S_ISDIR(mode);
     e->is_link = S_ISLNK(mode);
     if (e->is_folder) {

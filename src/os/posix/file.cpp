@@ -238,27 +238,37 @@ static void _os_file_info_unknown(os_file_info_t *info) {
     info->attributes = 0;
 }
 
-bool os_get_file_info(const char *path, os_file_info_t *info) {
+bool os_posix_stat_at(int dirfd, const char *name, os_file_info_t *info, uint32_t *mode) {
     _os_file_info_unknown(info);
     struct statx sx;
-    if (statx(AT_FDCWD, path, AT_SYMLINK_NOFOLLOW, STATX_BASIC_STATS | STATX_BTIME, &sx) == 0) {
+    if (statx(dirfd, name, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT, STATX_BASIC_STATS | STATX_BTIME, &sx) ==
+        0) {
+        *mode = sx.stx_mode;
         info->size = sx.stx_size;
         info->date_modified = _os_filetime(sx.stx_mtime.tv_sec, sx.stx_mtime.tv_nsec);
         info->date_accessed = _os_filetime(sx.stx_atime.tv_sec, sx.stx_atime.tv_nsec);
         if (sx.stx_mask & STATX_BTIME) {
             info->date_created = _os_filetime(sx.stx_btime.tv_sec, sx.stx_btime.tv_nsec);
         }
-        info->attributes = _os_attributes(sx.stx_mode, path);
     } else {
         // A kernel older than statx, or a sandbox that forbids it: the same without birth time.
         struct stat st;
-        if (fstatat(AT_FDCWD, path, &st, AT_SYMLINK_NOFOLLOW) != 0) {
+        if (fstatat(dirfd, name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
             return false;
         }
+        *mode = st.st_mode;
         info->size = (uint64_t) st.st_size;
         info->date_modified = _os_filetime(st.st_mtim.tv_sec, st.st_mtim.tv_nsec);
         info->date_accessed = _os_filetime(st.st_atim.tv_sec, st.st_atim.tv_nsec);
-        info->attributes = _os_attributes(st.st_mode, path);
+    }
+    info->attributes = _os_attributes((mode_t) *mode, name);
+    return true;
+}
+
+bool os_get_file_info(const char *path, os_file_info_t *info) {
+    uint32_t mode;
+    if (!os_posix_stat_at(AT_FDCWD, path, info, &mode)) {
+        return false;
     }
     if (info->attributes & OS_ATTR_DIRECTORY) {
         info->size = UINT64_MAX;

@@ -237,26 +237,11 @@ struct os_process_t {
 
 // Quotes one argument by the rules CommandLineToArgvW reads back: backslashes are literal except before a
 // quote, where they are doubled.
+// A switch must reach the child unquoted: the program's own parser takes a quoted token for text, never
+// for a switch. os_quote_arg quotes only what needs it.
 static void _mainloop_quote(str_t *cl, const char *arg) {
-    str_cat_z(cl, " \"");
-    int slashes = 0;
-    for (const char *p = arg; *p; p++) {
-        if (*p == '\\') {
-            slashes++;
-        } else {
-            if (*p == '"') {
-                for (int k = 0; k < slashes + 1; k++) {
-                    str_cat_char(cl, '\\');
-                }
-            }
-            slashes = 0;
-        }
-        str_cat_char(cl, *p);
-    }
-    for (int k = 0; k < slashes; k++) {
-        str_cat_char(cl, '\\');
-    }
-    str_cat_char(cl, '"');
+    str_cat_char(cl, ' ');
+    os_quote_arg(cl, arg);
 }
 
 os_process_t *os_process_start(const char *exe, const char *const *args, int count) {

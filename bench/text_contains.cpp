@@ -144,7 +144,10 @@ void bench_peer(const std::vector<std::string> &lowered, const char *term) {
 
 int main(int argc, char **argv) {
     text_init_tables();
-    size_t n = argc > 1 ? (size_t) strtoull(argv[1], nullptr, 10) : 1000000;
+    size_t n = 1000000;
+    if (argc > 1) {
+        n = strcmp(argv[1], "--smoke") == 0 ? 20000 : (size_t) strtoull(argv[1], nullptr, 10);
+    }
     rng_t rng;
     names_t names;
     std::vector<std::string> lowered;

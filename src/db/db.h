@@ -152,6 +152,7 @@ struct db_fs_t {
     char *filename;
     uint64_t last_write_time;
     int32_t change_state; // starts at -1
+    void *change_handle;  // the list folder's change watch, owned by the file-list monitor; null when none
 
     // Folders.
     uint32_t buffer_size;
@@ -450,6 +451,11 @@ struct db_t {
     db_structure_t structure;
 
     char *remote_name; // a private index over one named file list, or null
+    int32_t filelist_status; // of that private index's read: FILELIST_OK, _NO_FILENAME (1), _OPEN_FAILED (2)
+
+    // The file-list change monitor: its thread and stop event, owned by the monitor code; null when none.
+    void *filelist_monitor;
+    bool filelist_check_made; // a check for changed lists has run since the index became ready
 
     bool load_run_history_pending;
     bool load_recent_pending;

@@ -15,6 +15,7 @@
 struct str_t;
 struct os_instance_lock_t;
 struct cl_t;
+struct db_t;
 
 // ---- process-wide state --------------------------------------------------------------------------------
 
@@ -26,6 +27,8 @@ extern bool read_only;
 extern bool no_db;
 // The show command the process was started with; handed to a running instance with a command line.
 extern int32_t main_show_command;
+// The one index, or null until something first needs it. Main thread.
+extern db_t *db;
 
 // ---- event queue ---------------------------------------------------------------------------------------
 
@@ -125,6 +128,20 @@ bool main_send_command_line(const char *instance);
 // Applies switches to the running process; running is true for a command line handed over by a later
 // instance. -exit and -quit end the loop at the end.
 void main_apply_command_line(const main_switches_t *sw, bool running);
+
+// ---- the index ---------------------------------------------------------------------------------------
+
+// Creates the index and starts its load (or, with -no-db or no file, its rebuild), once: later calls do
+// nothing. The -db switch, the instance, -no-db and -read-only of this process's command line apply.
+void main_db_load();
+// What a command line asks of the index: -reindex (loading first if need be), -update (a forced save,
+// left to the shutdown when the same line quits), and the load itself when the program will search its
+// own index: at once, or after -load-delay milliseconds on the first call. running is false at start.
+void main_db_apply_command_line(const cl_t *cl, bool running);
+// Shutdown: cancels a pending delayed load, saves the index unless nothing may be written, destroys it.
+void main_db_kill();
+// This process's own parsed command line, or null before it is parsed and after main_kill.
+const cl_t *main_command_line();
 
 // ---- the program ---------------------------------------------------------------------------------------
 

@@ -24,6 +24,10 @@ static os_instance_lock_t *instance_lock = nullptr;
 // The result of the OLE start, logged at once and again once the log file is open.
 static uint32_t ole_result = 0;
 
+const cl_t *main_command_line() {
+    return switches.cl;
+}
+
 const char *main_instance() {
     if (switches.instance) {
         return switches.instance;
@@ -129,10 +133,17 @@ void main_apply_command_line(const main_switches_t *sw, bool running) {
     if (sw->no_db) {
         no_db = true;
     }
-    (void) running;
+    main_db_apply_command_line(sw->cl, running);
     if (sw->exit) {
         main_quit(0);
     }
+}
+
+static bool _main_has_work_before_exit(const cl_t *cl) {
+    if (!cl)
+        return false;
+    return (cl->flags & (CL_FLAG_UPDATE | CL_FLAG_REINDEX | CL_FLAG_RESCAN_ALL)) ||
+           ((cl->on | cl->off) & CL_ON_MONITOR_PAUSE) || cl->service_pipe_name;
 }
 
 // Steps 17 and 18. False when this process has nothing more to do.
@@ -142,8 +153,9 @@ static bool _main_take_instance() {
         debug_color_printf(MAIN_STEP_COLOR, "mutex exists\n");
         return false;
     }
-    // -exit with nothing running: there is nothing to end, and nothing is created.
-    return !switches.exit;
+    // -exit with nothing running: there is nothing to end, and nothing is created, unless the same line
+    // asks for work that an instance does before it ends.
+    return !switches.exit || _main_has_work_before_exit(switches.cl);
 }
 
 // Step 23: the hidden window, and the command line applied for the first time.
@@ -171,6 +183,7 @@ static void _main_kill() {
 
 static void _main_shutdown() {
     debug_color_printf(MAIN_STEP_COLOR, "shutdown\n");
+    main_db_kill();
     main_loop_kill();
     os_instance_lock_destroy(instance_lock);
     instance_lock = nullptr;

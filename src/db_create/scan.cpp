@@ -1,55 +1,36 @@
-// The built-in folder scan: a work list of folders walked with os_dir, folder excludes applied before a
-// folder is entered, so that an excluded tree costs nothing.
-#include <cstring>
-
+// The rebuild's folder scan: the folder module's scan with the index's excludes, its items handed to the
+// rebuild in scan order. Folder excludes apply during the walk, so that an excluded tree is never
+// entered; file excludes are the merge's business, as for every other source.
 #include "db_create/db_create.h"
-#include "mem/mem.h"
-#include "os/os_dir.h"
+#include "folder/folder.h"
 
 db_folder_scan_t db_folder_scan = db_folder_scan_default;
 
-struct _work_t {
-    char *path;
-    uintptr_t handle;
+struct _scan_ctx_t {
+    const db_exclude_t *exclude;
+    void *match_data;
 };
 
+static bool _scan_exclude(void *c, const char *path, size_t path_len, const char *name, size_t name_len,
+                          const os_file_info_t *fd, bool folder) {
+    _scan_ctx_t *ctx = (_scan_ctx_t *) c;
+    return folder && db_exclude_folder(ctx->exclude, ctx->match_data, name, (uint32_t) name_len, path,
+                                       (uint32_t) path_len);
+}
+
 bool db_folder_scan_default(const char *path, const db_exclude_t *exclude, db_scan_proc_t proc, void *ctx) {
-    os_dir_t *top = os_dir_open(path);
-    if (!top)
-        return false;
-    os_dir_close(top);
-    uint32_t cap = 64, n = 0;
-    _work_t *work = (_work_t *) mem_alloc(cap * sizeof(_work_t));
-    work[n++] = {mem_dup(path, strlen(path)), 0};
-    void *md = db_exclude_match_data_create();
-    str_t child;
-    str_init(&child);
-    while (n) {
-        _work_t w = work[--n];
-        os_dir_t *dir = os_dir_open(w.path);
-        os_dir_entry_t e;
-        while (dir && os_dir_next(dir, &e)) {
-            if (db_exclude_attributes(exclude, e.info.attributes))
-                continue;
-            str_path_cat(&child, w.path, (int) strlen(w.path), e.name, (int) e.name_len);
-            if (e.is_folder) {
-                if (db_exclude_folder(exclude, md, e.name, e.name_len, child.ptr, (uint32_t) child.len))
-                    continue;
-                uintptr_t h = proc(ctx, w.handle, true, e.name, e.name_len, &e.info);
-                if (n == cap) {
-                    cap *= 2;
-                    work = (_work_t *) mem_realloc(work, cap * sizeof(_work_t));
-                }
-                work[n++] = {mem_dup(child.ptr, (size_t) child.len), h};
-            } else {
-                proc(ctx, w.handle, false, e.name, e.name_len, &e.info);
-            }
-        }
-        os_dir_close(dir);
-        mem_free(w.path);
-    }
-    str_kill(&child);
-    db_exclude_match_data_destroy(md);
-    mem_free(work);
-    return true;
+    _scan_ctx_t sc = {exclude, db_exclude_match_data_create()};
+    scan_options_t options = {exclude->exclude_hidden, exclude->exclude_system, _scan_exclude, &sc};
+    scan_result_t r;
+    scan_result_init(&r);
+    bool ok = folder_scan(path, &options, &r);
+    db_exclude_match_data_destroy(sc.match_data);
+    // The root stands for the source itself: its children are the source's top records (handle 0).
+    // Folders come before what they hold, so each parent's handle is known when its children are.
+    for (scan_item_t *it = r.folders_first; ok && it; it = it->next)
+        it->tag = proc(ctx, it->parent->tag, true, it->name, it->name_len, &it->fd);
+    for (scan_item_t *it = r.files_first; ok && it; it = it->next)
+        proc(ctx, it->parent->tag, false, it->name, it->name_len, &it->fd);
+    scan_result_kill(&r);
+    return ok;
 }

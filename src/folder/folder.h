@@ -24,6 +24,7 @@ struct str_t;
 struct scan_item_t {
     scan_item_t *next;   // the next item of the same list (folders or files), in scan order
     scan_item_t *parent; // the folder holding this item; null for the root
+    uintptr_t tag;       // zero from the scan; free for the caller (e.g. what the item became)
     os_file_info_t fd;
     uint32_t name_len;
     char name[1]; // name_len bytes and a zero; the root's name is the scanned path

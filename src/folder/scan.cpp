@@ -23,6 +23,7 @@ static scan_item_t *_item_new(scan_result_t *r, scan_item_t *parent, const char 
     scan_item_t *it = (scan_item_t *) mem_stack_alloc(&r->pool, offsetof(scan_item_t, name) + len + 1);
     it->next = nullptr;
     it->parent = parent;
+    it->tag = 0;
     it->fd = *fd;
     it->name_len = len;
     memcpy(it->name, name, len);

@@ -1,5 +1,5 @@
-// Conversions between UTF-16 and UTF-8 that the string buffers and the formatter need. Private to the mem
-// module; the text module has the full set for everyone else.
+// Conversions between UTF-16 and UTF-8 in the shape the string buffers and the formatter need. Private to
+// the mem module; they are the text module's converters, which everyone else calls directly.
 #pragma once
 
 #include <cstdint>

@@ -116,6 +116,8 @@ size_t utf8_to_utf16_counted(uint16_t *dest, const char *text, size_t bytes);
 size_t utf8_to_utf16_counted_no_tabs(uint16_t *dest, const char *text, size_t bytes);
 // Units the zero-terminated text needs, without the terminator.
 size_t utf8_utf16_length(const char *text);
+// Units the counted text needs.
+size_t utf8_utf16_length_counted(const char *text, size_t bytes);
 
 // ---- comparison ----------------------------------------------------------------------------------------
 // Each returns the difference of the first pair of folded values that differ, else the difference of the

@@ -159,3 +159,15 @@ size_t utf8_utf16_length(const char *text) {
     }
     return units;
 }
+
+size_t utf8_utf16_length_counted(const char *text, size_t bytes) {
+    const uint8_t *p = (const uint8_t *) text;
+    size_t i = 0, units = 0;
+    while (i < bytes) {
+        int n;
+        uint32_t cp = text_decode(p + i, bytes - i, &n);
+        i += (size_t) n;
+        units += cp >= 0x10000 ? 2 : 1;
+    }
+    return units;
+}

@@ -5,7 +5,7 @@ set -euo pipefail
 
 pkgs=(cmake ninja-build g++ clang libclang-rt-14-dev llvm mingw-w64 wine wine64 xvfb xauth
       googletest libbz2-dev libpcre2-dev ntfs-3g unicode-data dpkg-dev bzip2 findutils
-      plocate time)
+      plocate time locales)
 
 missing=()
 for p in "${pkgs[@]}"; do

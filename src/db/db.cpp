@@ -5,6 +5,8 @@
 // for it in db_wait before touching them. The two locks guard only the status text and the queues that
 // monitor threads fill.
 #include "db/db.h"
+#include "db/dbfile.h"
+#include "db_create/filelist_monitor.h"
 
 #include <cstring>
 
@@ -55,7 +57,9 @@ void db_destroy(db_t *db) {
     db_wait(db, "db_destroy");
     // Later: stop the journal monitors, the service client, the read-directory monitors, the device
     // notifications and the monitor-event thread here, once they exist.
+    db_filelists_monitor_stop(db);
     event_remove(_db_ready_proc, db);
+    event_remove(_db_load_complete_proc, db);
     db_arrays_kill(db);
     db_pool_kill(&db->pool);
     db_fs_kill_all(db);

@@ -168,11 +168,12 @@ bool db_file_load_memory(db_t *db, const void *data, size_t size, bool compresse
 // has_content cleared.
 void db_file_clear(db_t *db);
 
-// db_load(db, flags): with -no-db logs "no db file" and starts a rebuild; otherwise starts the load job
+// db_load(db, flags): a private index over one list (remote_name) starts its rebuild, which reads the
+// list; with -no-db logs "no db file" and starts a rebuild; otherwise starts the load job
 // and returns at once. The job ends with _db_load_complete_proc and then _db_ready_proc on the main
 // thread. flags is reserved (0).
 void db_load(db_t *db, uint32_t flags);
 
 // Posted by the load job: marks the index loaded, clears the status and starts a rebuild when the load
-// left nothing to serve. ctx is the db_t. db_destroy's caller must remove it with event_remove.
+// left nothing to serve. ctx is the db_t; db_destroy removes a pending one.
 void _db_load_complete_proc(void *ctx);

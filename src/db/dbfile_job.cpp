@@ -5,6 +5,7 @@
 #include "config/config.h"
 #include "db/dbfile.h"
 #include "db_create/db_create.h"
+#include "db_create/filelist_monitor.h"
 #include "debug/debug.h"
 #include "main/main.h"
 #include "mem/mem.h"
@@ -21,8 +22,7 @@ struct db_load_job_t {
 };
 
 // The one hand-over to the index build. A failed or skipped load leaves an empty index, and the build is
-// what fills it again. The build (db_rebuild) is not part of the program yet, so this only says so; its
-// call, db_rebuild(db, 0), belongs here and nowhere else in this file.
+// what fills it again.
 static void _db_rebuild_start_default(db_t *db) {
     db_rebuild(db, false);
 }
@@ -81,6 +81,11 @@ static void _db_load_job_proc(db_t *db, void *arg) {
 
 void db_load(db_t *db, uint32_t flags) {
     (void) flags;
+    // A private index over one list has no file of its own: reading the list is its load.
+    if (db->remote_name) {
+        _db_start_rebuild(db);
+        return;
+    }
     if (db_file_no_db()) {
         debug_printf("no db file\n");
         _db_start_rebuild(db);
@@ -110,8 +115,9 @@ void _db_load_complete_proc(void *ctx) {
     db_t *db = (db_t *) ctx;
     db_wait(db, "_db_load_complete_proc");
     db->is_loaded = true;
-    // Later: unless monitor_pause or read_only is set, the journal monitors, the folder watchers and the
-    // file list monitors start here; then the queries hear of pending recent changes and run history.
+    // Later: unless monitor_pause or read_only is set, the journal monitors and the folder watchers start
+    // here; then the queries hear of pending recent changes and run history.
+    db_filelists_monitor_start(db);
     db_set_status(db, nullptr);
     if (!db->remote_name && _db_rebuild_required(db)) {
         debug_printf("load complete: rebuild required\n");

@@ -4,6 +4,7 @@
 
 #include "db/dbfile.h"
 #include "db_create/db_create.h"
+#include "db_create/filelist_monitor.h"
 #include "debug/debug.h"
 #include "main/main.h"
 #include "mem/mem.h"
@@ -60,6 +61,8 @@ void db_rebuild(db_t *db, bool mark_out_of_date) {
     db->service_connected = false;
     debug_printf("clear read dir changes\n");
     debug_printf("clear filelist monitor\n");
+    db_filelists_monitor_stop(db);
+    db->filelist_check_made = false;
     mem_array_kill(&db->ntfs_folders);
     mem_array_kill(&db->refs_folders);
     db->is_loaded = false;

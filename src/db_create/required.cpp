@@ -2,6 +2,7 @@
 #include <cstring>
 
 #include "db_create/db_create.h"
+#include "db_create/filelist_monitor.h"
 #include "debug/debug.h"
 #include "main/main.h"
 #include "mem/mem.h"
@@ -207,7 +208,10 @@ void db_apply_settings(db_t *db, bool *queries_need_refresh) {
     }
     db->recent_change_enabled = index_recent_changes != 0;
     // Later: with monitor changes (and neither monitor_pause nor read_only), the journal monitors are
-    // stopped and started again, then the folder and file list monitors restart.
+    // stopped and started again, then the folder monitors restart.
     (void) recent;
     (void) monitor;
+    // A list's monitor flag may have changed without a rebuild; the start stops what runs and honours the
+    // pause and read-only itself.
+    db_filelists_monitor_start(db);
 }

@@ -171,6 +171,15 @@ void db_build_sources(db_job_t *job) {
         _add_volumes(job, &tail, &job->config.ntfs_volumes, DB_FS_NTFS);
         _add_volumes(job, &tail, &job->config.refs_volumes, DB_FS_REFS);
     }
+    if (db->remote_name) {
+        // A private index is its one list and nothing else: no volumes, no folders, never watched.
+        db_build_source_t *s = _add(job, &tail, DB_FS_FILE_LIST);
+        s->filename = _dup(db->remote_name);
+        for (const db_fs_t *fs = db->fs_first; fs && !s->existing; fs = fs->next)
+            if (fs->type == DB_FS_FILE_LIST && _same(fs->filename, s->filename))
+                s->existing = fs;
+        return;
+    }
     for (int i = 0; i < job->config.filelists.count; i++) {
         db_build_source_t *s = _add(job, &tail, DB_FS_FILE_LIST);
         s->filename = _dup_resolved(job->config.filelists.items[i].filename);

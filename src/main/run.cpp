@@ -5,6 +5,7 @@
 #include "cl/cl.h"
 #include "config/config.h"
 #include "debug/debug.h"
+#include "filelist/create.h"
 #include "main/main.h"
 #include "mem/mem.h"
 #include "os/os.h"
@@ -46,6 +47,16 @@ static const char main_usage[] =
     "  -verbose              log every event and message\n"
     "  -read-only            never write the index or its file\n"
     "  -no-db                neither load nor save the index file\n"
+    "  -config <file>        the settings file\n"
+    "  -db <file>            the index file\n"
+    "  -reindex              build the index again from its sources\n"
+    "  -update               save the index to its file\n"
+    "  -load-delay <ms>      wait this long before loading the index\n"
+    "  -create-file-list <list> <folder>\n"
+    "                        write a file list of the folder's tree and end; filters:\n"
+    "                        -create-file-list-exclude-files <a;b>, -create-file-list-exclude-folders "
+    "<a;b>,\n"
+    "                        -create-file-list-include-only-files <a;b>\n"
     "  -help                 show this text\n";
 
 // Step 1: what every later step relies on. The log lock comes first of all.
@@ -61,6 +72,8 @@ static void _main_init_base() {
 
 // Step 2: the command line, through the full parser; no default base folder, the program first.
 static void _main_parse_command_line(int argc, char **argv) {
+    // -search-file-list turns a list into search text while the line is parsed.
+    cl_set_file_list_reader(filelist_to_search);
     main_switches_parse(&switches, argc, argv);
 }
 
@@ -146,6 +159,19 @@ static bool _main_has_work_before_exit(const cl_t *cl) {
            ((cl->on | cl->off) & CL_ON_MONITOR_PAUSE) || cl->service_pipe_name;
 }
 
+// Step 15: the switches that do one job and end the process. True when this process has done its job.
+// Of the installer's switches only -create-file-list exists on both platforms.
+static bool _main_do_command_line_installs() {
+    const cl_t *cl = switches.cl;
+    if (!cl || !cl->create_file_list_filename)
+        return false;
+    if (!filelist_create(cl->create_file_list_filename, cl->create_file_list_path,
+                         cl->create_file_list_exclude_files, cl->create_file_list_exclude_folders,
+                         cl->create_file_list_include_only_files))
+        exit_code = 1;
+    return true;
+}
+
 // Steps 17 and 18. False when this process has nothing more to do.
 static bool _main_take_instance() {
     debug_color_printf(MAIN_STEP_COLOR, "create mutex\n");
@@ -205,7 +231,7 @@ int main_run(int argc, char **argv, int show_command) {
     _main_load_language();
     _main_apply_log_switches();
     read_only = switches.read_only;
-    if (_main_take_instance() && _main_create_window()) {
+    if (!_main_do_command_line_installs() && _main_take_instance() && _main_create_window()) {
         debug_color_printf(MAIN_STEP_COLOR, "enter main loop\n");
         main_loop_run();
     }

@@ -9,6 +9,7 @@
 
 #include "db/db.h"
 #include "db/dbfile.h"
+#include "filelist/filelist.h"
 #include "main/main.h"
 #include "mem/mem.h"
 #include "os/os.h"
@@ -138,6 +139,45 @@ TEST(ProgramIndex, ReindexUpdateExitLeavesTheIndexFileAndALaterStartKeepsIt) {
     ASSERT_FALSE(before.empty());
     ASSERT_EQ(run_program({"-instance", inst, "-config", ini.c_str(), "-update", "-exit"}), 0);
     EXPECT_EQ(read_all(db_file), before);
+}
+
+// -create-file-list does its one job without taking the instance: a running instance doesn't stop it,
+// and the list it leaves reads back as the tree minus what its filters exclude.
+TEST(ProgramIndex, CreateFileListWritesTheFilteredTree) {
+    ASSERT_TRUE(os_file_exists(exe_path().c_str())) << "build the sablewatch target first";
+    str_t tmp;
+    str_init(&tmp);
+    os_temp_folder(&tmp);
+    std::string S = OS_SEP_STR;
+    std::string dir = std::string(tmp.ptr, (size_t) tmp.len) + S + "sw-cfl-" +
+                      std::to_string(os_thread_id()) + "-" + std::to_string(os_tick_ms());
+    str_kill(&tmp);
+    std::string tree = dir + S + "tree";
+    ASSERT_TRUE(os_folder_create_path((tree + S + "keep").c_str()));
+    ASSERT_TRUE(os_folder_create_path((tree + S + "skip").c_str()));
+    write_text(tree + S + "keep" + S + "a.txt", "a");
+    write_text(tree + S + "keep" + S + "b.log", "b");
+    write_text(tree + S + "skip" + S + "c.txt", "c");
+    std::string list = dir + S + "out.swl";
+    ASSERT_EQ(run_program({"-create-file-list", list.c_str(), tree.c_str(), "-create-file-list-exclude-files",
+                           "*.log", "-create-file-list-exclude-folders", "skip"}),
+              0);
+
+    filelist_t fl;
+    filelist_init(&fl);
+    filelist_options_t options = {false, false};
+    ASSERT_EQ(filelist_read(&fl, list.c_str(), &options), FILELIST_OK);
+    std::vector<std::string> got;
+    for (const filelist_item_t *it = fl.first; it; it = it->next)
+        got.emplace_back(it->path, it->path_len);
+    filelist_kill(&fl);
+    std::sort(got.begin(), got.end());
+    EXPECT_EQ(got, (std::vector<std::string>{tree + S + "keep", tree + S + "keep" + S + "a.txt"}));
+
+    // A folder that can't be listed is a failed run, and no list is left behind.
+    std::string missing = dir + S + "none.swl";
+    EXPECT_EQ(run_program({"-create-file-list", missing.c_str(), (dir + S + "no-such-folder").c_str()}), 1);
+    EXPECT_FALSE(os_file_exists(missing.c_str()));
 }
 
 } // namespace

@@ -1,14 +1,43 @@
 // Any bytes are a valid search: parse, compile, dump and free them under every parser setting the
-// first byte selects, as a search and as a filter, and expand them as macros.
+// first byte selects, as a search and as a filter, against no index or a small one (so that the
+// parse-time lookups of path roots, infolder:, shell: and frn: walk records), and expand them as macros.
 #include <cstdint>
 #include <cstring>
 #include <string>
 
 #include "config/config.h"
+#include "db/db.h"
 #include "db_query/expand.h"
 #include "db_query/literal.h"
 #include "db_query/term.h"
 #include "mem/mem.h"
+
+// A folder source and an NTFS volume with folder references, built once.
+static db_t *_index() {
+    static db_t *db = nullptr;
+    if (db) {
+        return db;
+    }
+    db = db_create(nullptr);
+    db_fs_t *folder = db_fs_add(db, DB_FS_FOLDER);
+    db_fs_t *ntfs = db_fs_add(db, DB_FS_NTFS);
+    const char *top = OS_SEP == '/' ? "" : "C:";
+    db_ref_t root = db_folder_new(db, folder, 0, top, (uint32_t) strlen(top));
+    db_ref_t usr = db_folder_new(db, folder, root, "usr", 3);
+    db_ref_t file = db_file_new(db, folder, usr, "ls", 2);
+    db_ref_t volume = db_folder_new(db, ntfs, 0, "D:", 2);
+    db_ref_t docs = db_folder_new(db, ntfs, volume, "docs", 4);
+    uint64_t frn[2] = {5, 0x20};
+    memcpy(db_record_frn(db, volume), &frn[0], 8);
+    memcpy(db_record_frn(db, docs), &frn[1], 8);
+    for (db_ref_t r : {root, usr, volume, docs}) {
+        mem_array_push(&db->folders, r);
+    }
+    mem_array_push(&db->ntfs_folders, volume);
+    mem_array_push(&db->ntfs_folders, docs);
+    mem_array_push(&db->files, file);
+    return db;
+}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size < 2) {
@@ -29,7 +58,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     size_t split = strlen(search) / 2;
     std::string filter(search + split);
     db_search_t s;
-    db_search_init(&s, nullptr);
+    db_search_init(&s, (settings & 0x80) ? _index() : nullptr);
     db_term_t *terms =
         db_search_parse(search, bits & 0x1F, (bits & 0x80) ? filter.c_str() : nullptr, bits >> 3);
     db_search_compile_terms(&s, terms);

@@ -79,6 +79,9 @@ void db_op_release(db_op_t *op) {
     case DB_OPK_FILELIST:
         mem_array_kill(&((db_op_filelist_t *) payload)->sorted);
         break;
+    case DB_OPK_FRN:
+        mem_free(((db_op_frn_t *) payload)->records);
+        break;
     default:
         break;
     }

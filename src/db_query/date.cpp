@@ -5,8 +5,6 @@
 #include "mem/mem.h"
 #include "text/text.h"
 
-int date_two_digit_year_max = 2049;
-
 static bool _is_digit(char c) {
     return c >= '0' && c <= '9';
 }
@@ -66,6 +64,19 @@ void date_add_months(os_systemtime_t *fields, int64_t month) {
     fields->year = y < -1000000000 ? -1000000000 : y > 1000000000 ? 1000000000 : (int) y;
 }
 
+int date_two_digit_year_max() {
+    str_t s;
+    str_init(&s);
+    os_locale_get(OS_LOCALE_TWO_DIGIT_YEAR_MAX, &s);
+    const char *p = s.ptr;
+    int64_t year = _digits(&p, 6);
+    bool whole = p != s.ptr && *p == 0;
+    str_kill(&s);
+    // A limit below 99 would push every two-digit year below year 0; such an answer, or none, is taken as
+    // the platform default.
+    return whole && year >= 99 ? (int) year : DATE_TWO_DIGIT_YEAR_DEFAULT;
+}
+
 void date_fix_two_digit_year(os_systemtime_t *fields) {
     if (fields->year >= 100) {
         return;
@@ -73,7 +84,7 @@ void date_fix_two_digit_year(os_systemtime_t *fields) {
     os_systemtime_t now;
     date_now_fields(&now);
     fields->year += now.year - now.year % 100;
-    if (fields->year > date_two_digit_year_max) {
+    if (fields->year > date_two_digit_year_max()) {
         fields->year -= 100;
     }
 }

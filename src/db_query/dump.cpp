@@ -99,6 +99,9 @@ void db_op_dump(const db_op_t *op, str_t *out) {
     case DB_OPK_FRN: {
         const db_op_frn_t *f = (const db_op_frn_t *) payload;
         str_cat_printf(out, " %I64x:%I64x", f->high, f->low);
+        if (f->hits) {
+            str_cat_printf(out, " hits %u", f->hits);
+        }
         break;
     }
     default:

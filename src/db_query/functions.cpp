@@ -1,15 +1,30 @@
 // The search functions: each recogniser compares its own literal prefixes byte-exactly, reads its
 // argument with the tolerant parsers, and appends one folder op and one file op. The recognisers run in
 // a fixed order; the first that takes the term wins.
+#include <cstdlib>
 #include <cstring>
 
 #include "db/db.h"
 #include "db_query/literal.h"
 #include "db_query/query_internal.h"
+#include "debug/debug.h"
 #include "mem/mem.h"
+#include "os/os_shell.h"
 
-// The type text folders show; the index keeps the shell's text on Windows, a fixed one elsewhere.
-static const char folder_type_text[] = "File folder";
+void db_type_text_fixed(const char *name, uint32_t len, bool folder, str_t *out) {
+    if (folder) {
+        str_set(out, "File folder");
+        return;
+    }
+    uint32_t ext_len = 0;
+    const char *ext = db_name_extension(name, len, &ext_len);
+    str_clear(out);
+    for (uint32_t i = 0; i < ext_len; i++) {
+        uint8_t c = (uint8_t) ext[i];
+        str_cat_char(out, c < 0x80 ? (char) ascii_upper[c] : (char) c);
+    }
+    str_cat_z(out, ext_len ? " File" : "File");
+}
 
 // The argument behind the first of the literals that begins the term, or null.
 static const char *_arg(const db_term_t *t, const char *const *literals) {
@@ -401,7 +416,12 @@ static bool _type(db_search_t *s, db_term_t *t) {
     db_op_t *folder = db_op_new(s, true, t, DB_OP_FALSE, DB_OPK_NONE, 0);
     file = _pattern(s, false, t, 222 + _not(t), arg);
     const db_text_match_t *m = (const db_text_match_t *) db_op_payload(file);
-    bool match = db_text_match_run(m, folder_type_text, sizeof folder_type_text - 1);
+    // The index keeps no folder type of its own yet, so folders show the fixed text on every platform.
+    str_t folder_text;
+    str_init(&folder_text);
+    db_type_text_fixed("", 0, true, &folder_text);
+    bool match = db_text_match_run(m, folder_text.ptr, (size_t) folder_text.len);
+    str_kill(&folder_text);
     folder->op = (uint16_t) ((match != (_not(t) != 0)) ? DB_OP_TRUE : DB_OP_FALSE);
     s->needs_type = true;
     return true;
@@ -592,16 +612,14 @@ static bool _count(db_search_t *s, db_term_t *t) {
     return true;
 }
 
-static bool _frn(db_search_t *s, db_term_t *t) {
-    static const char *const l[] = {"frn:", nullptr};
-    const char *arg = _arg(t, l);
-    if (!arg) {
-        return false;
-    }
+// ---- frn: ---------------------------------------------------------------------------------------------
+
+// The hexadecimal argument (an optional 0x) as a 128-bit value; digits beyond 32 push the top ones out.
+static void _frn_parse(const char *arg, uint64_t *low, uint64_t *high) {
     if (arg[0] == '0' && (arg[1] == 'x' || arg[1] == 'X')) {
         arg += 2;
     }
-    uint64_t low = 0, high = 0;
+    *low = *high = 0;
     for (;; arg++) {
         char c = *arg;
         int v = c >= '0' && c <= '9'   ? c - '0'
@@ -611,14 +629,169 @@ static bool _frn(db_search_t *s, db_term_t *t) {
         if (v < 0) {
             break;
         }
-        high = (high << 4) | (low >> 60);
-        low = (low << 4) | (uint64_t) v;
+        *high = (*high << 4) | (*low >> 60);
+        *low = (*low << 4) | (uint64_t) v;
+    }
+}
+
+struct frn_hits_t {
+    mem_ref_t *refs;
+    uint32_t count, cap;
+};
+
+static void _hit(frn_hits_t *h, mem_ref_t r) {
+    for (uint32_t i = 0; i < h->count; i++) {
+        if (h->refs[i] == r) {
+            return;
+        }
+    }
+    if (h->count == h->cap) {
+        h->cap = h->cap ? h->cap * 2 : 4;
+        h->refs = (mem_ref_t *) mem_realloc(h->refs, h->cap * sizeof(mem_ref_t));
+    }
+    h->refs[h->count++] = r;
+}
+
+// True when folder r belongs to fs and carries the reference (low, high).
+static bool _frn_equal(db_t *db, const db_fs_t *fs, mem_ref_t r, uint64_t low, uint64_t high) {
+    const uint8_t *frn = db_record_frn(db, r);
+    if (!frn || db_record_fs_index(r) != fs->index) {
+        return false;
+    }
+    uint64_t l = 0, h = 0;
+    memcpy(&l, frn, 8);
+    if (fs->type == DB_FS_REFS) {
+        memcpy(&h, frn + 8, 8);
+    }
+    return l == low && h == high;
+}
+
+// The folder of source fs whose reference is (low, high), or 0. The FRN arrays hold the folders of every
+// volume source; the walk checks the source too, since two volumes share small references.
+static mem_ref_t _folder_by_frn(db_t *db, const db_fs_t *fs, uint64_t low, uint64_t high) {
+    bool refs = fs->type == DB_FS_REFS;
+    if (!refs && high) {
+        return 0;
+    }
+    const mem_array_t *a = refs ? &db->refs_folders : &db->ntfs_folders;
+    for (uint32_t c = 0; c < a->chunk_count; c++) {
+        const mem_array_chunk_t *chunk = a->table[c];
+        const mem_ref_t *items = mem_array_chunk_items(chunk);
+        for (uint32_t i = 0; i < chunk->n; i++) {
+            mem_ref_t r = items[i];
+            if (_frn_equal(db, fs, r, low, high)) {
+                return r;
+            }
+        }
+    }
+    return 0;
+}
+
+// Every record of the array directly under parent with that exact name.
+static void _children_named(const mem_array_t *a, mem_ref_t parent, const char *name, int len,
+                            frn_hits_t *hits) {
+    for (uint32_t c = 0; c < a->chunk_count; c++) {
+        const mem_array_chunk_t *chunk = a->table[c];
+        const mem_ref_t *items = mem_array_chunk_items(chunk);
+        for (uint32_t i = 0; i < chunk->n; i++) {
+            uint32_t n;
+            const char *rn = db_record_name(items[i], &n);
+            if (db_record_parent(items[i]) == parent && (int) n == len && memcmp(rn, name, n) == 0) {
+                _hit(hits, items[i]);
+            }
+        }
+    }
+}
+
+int db_frn_resolve_volume(const db_fs_t *fs, uint64_t low, uint64_t high, uint64_t *parent_low,
+                          uint64_t *parent_high, str_t *name) {
+    const char *volume = fs->guid ? fs->guid : fs->path;
+    return os_volume_file_by_id(volume, low, fs->type == DB_FS_REFS ? high : 0, parent_low, parent_high,
+                                name);
+}
+
+db_frn_resolve_t db_frn_resolve = db_frn_resolve_volume;
+
+// One volume source: the volume names the file's parent and name, and the index's folder with that
+// parent reference holds the record. The index's own folder references find a folder without the volume
+// (Linux reads volumes from images, and a volume may be offline).
+static void _frn_source(db_t *db, const db_fs_t *fs, uint64_t low, uint64_t high, frn_hits_t *hits) {
+    bool refs = fs->type == DB_FS_REFS;
+    str_t name;
+    str_init(&name);
+    uint64_t parent_low = 0, parent_high = 0;
+    int found = db_frn_resolve ? db_frn_resolve(fs, low, high, &parent_low, &parent_high, &name) : -1;
+    if (found < 0) {
+        debug_printf("frn: invalid volume handle\n");
+    } else if (found == 0) {
+        debug_printf(refs ? "no refs FSCTL_READ_FILE_USN_DATA\n" : "NO file from frn %d\n", (int) fs->index);
+    } else {
+        if (refs) {
+            debug_printf("REFS parent frn %016I64x%016I64x %t\n", parent_high, parent_low, name.ptr,
+                         name.len);
+        } else {
+            debug_printf("NTFS parent frn %016I64x %t\n", parent_low, name.ptr, name.len);
+        }
+        mem_ref_t parent = _folder_by_frn(db, fs, parent_low, parent_high);
+        if (parent) {
+            _children_named(&db->folders, parent, name.ptr, name.len, hits);
+            _children_named(&db->files, parent, name.ptr, name.len, hits);
+        }
+    }
+    if (mem_ref_t folder = _folder_by_frn(db, fs, low, high)) {
+        _hit(hits, folder);
+    }
+    str_kill(&name);
+}
+
+static int _ref_order(const void *a, const void *b) {
+    mem_ref_t x = *(const mem_ref_t *) a, y = *(const mem_ref_t *) b;
+    return x < y ? -1 : x > y;
+}
+
+bool db_op_frn_test(const db_op_frn_t *f, mem_ref_t record) {
+    uint32_t lo = 0, hi = f->hits;
+    while (lo < hi) {
+        uint32_t mid = (lo + hi) / 2;
+        if (f->records[mid] < record) {
+            lo = mid + 1;
+        } else {
+            hi = mid;
+        }
+    }
+    return lo < f->hits && f->records[lo] == record;
+}
+
+static bool _frn(db_search_t *s, db_term_t *t) {
+    static const char *const l[] = {"frn:", nullptr};
+    const char *arg = _arg(t, l);
+    if (!arg) {
+        return false;
+    }
+    uint64_t low, high;
+    _frn_parse(arg, &low, &high);
+    frn_hits_t hits = {};
+    if (s->db) {
+        for (const db_fs_t *fs = s->db->fs_first; fs; fs = fs->next) {
+            if (fs->type == DB_FS_NTFS || fs->type == DB_FS_REFS) {
+                _frn_source(s->db, fs, low, high, &hits);
+            }
+        }
+    }
+    if (hits.count > 1) {
+        qsort(hits.refs, hits.count, sizeof(mem_ref_t), _ref_order);
     }
     for (int folder = 1; folder >= 0; folder--) {
         db_op_t *op = db_op_new(s, folder, t, 336 + _not(t), DB_OPK_FRN, sizeof(db_op_frn_t));
         db_op_frn_t *f = (db_op_frn_t *) db_op_payload(op);
         f->low = low, f->high = high;
+        f->hits = hits.count;
+        if (hits.count) {
+            f->records = (mem_ref_t *) mem_alloc(hits.count * sizeof(mem_ref_t));
+            memcpy(f->records, hits.refs, hits.count * sizeof(mem_ref_t));
+        }
     }
+    mem_free(hits.refs);
     return true;
 }
 

@@ -34,9 +34,11 @@ struct db_range64_t {
     uint64_t high;
 };
 
-// The two-digit-year limit of the user's calendar: a two-digit year that would land above it loses a
-// century. The platform has no neutral call for it yet, so it lives here with Windows' default of 2049.
-extern int date_two_digit_year_max;
+// The two-digit-year limit of the user's calendar (os_locale_get with OS_LOCALE_TWO_DIGIT_YEAR_MAX): a
+// two-digit year that would land above it loses a century. A missing or unusable answer gives Windows'
+// default, 2049.
+#define DATE_TWO_DIGIT_YEAR_DEFAULT 2049
+int date_two_digit_year_max();
 
 // Compare prefixes.
 enum { CMP_NONE = 0, CMP_GE = 1, CMP_GT = 2, CMP_LE = 3, CMP_LT = 4, CMP_EQ = 5 };
@@ -68,5 +70,5 @@ uint64_t date_to_filetime(int year, int month, int day);
 uint64_t systemtime_to_filetime(const os_systemtime_t *st);
 // Sets the month, carrying months outside 1..12 (including 0 and below) into the year.
 void date_add_months(os_systemtime_t *fields, int64_t month);
-// A year below 100 gets the current century, less 100 when that passes date_two_digit_year_max.
+// A year below 100 gets the current century, less 100 when that passes date_two_digit_year_max().
 void date_fix_two_digit_year(os_systemtime_t *fields);

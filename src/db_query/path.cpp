@@ -7,6 +7,7 @@
 #include "db_query/query_internal.h"
 #include "debug/debug.h"
 #include "mem/mem.h"
+#include "os/os_shell.h"
 
 static const bool is_windows = OS_SEP == '\\';
 
@@ -324,11 +325,26 @@ bool db_query_infolder(db_search_t *s, db_term_t *t) {
     return true;
 }
 
-// shell: names a known folder that only the platform's shell can resolve. Nothing here resolves one
-// yet, so every name is a root search that found no root.
+// shell: names a known folder; the platform resolves it, and the folder's path is then searched as an
+// absolute path ending in a separator: everything below that folder. A name the platform can't resolve,
+// or a folder whose path isn't absolute, is a root search that found no root.
 bool db_query_shell(db_search_t *s, db_term_t *t) {
     if (strncmp(t->text, "shell:", 6) != 0) {
         return false;
+    }
+    str_t folder;
+    str_init(&folder);
+    bool taken = false;
+    if (os_known_folder(t->text + 6, &folder) && folder.len) {
+        debug_printf("shell: %s is %s\n", t->text + 6, folder.ptr);
+        if (folder.ptr[folder.len - 1] != OS_SEP) {
+            str_cat_char(&folder, OS_SEP);
+        }
+        taken = db_query_path_term(s, t, folder.ptr, 0);
+    }
+    str_kill(&folder);
+    if (taken) {
+        return true;
     }
     entries_t e = {};
     uint32_t c = (t->flags & TERM_CASE) ? 1 : 0, d = (t->flags & TERM_DIACRITICS) ? 1 : 0;

@@ -178,10 +178,29 @@ struct db_op_image_t {
     uint32_t height_min, height_max;
 };
 
+// frn: the records that have the reference on some volume source, found when the search was compiled
+// and sorted by reference, so that the scan's test is a binary search on the record itself.
 struct db_op_frn_t {
     uint64_t low, high; // the 128-bit reference
     uint32_t hits;      // records found for it when the search was compiled
+    mem_ref_t *records; // heap, owned; null when hits is 0
 };
+
+// True when record is one of the op's records (the test of op 336; 337 is its NOT).
+bool db_op_frn_test(const db_op_frn_t *f, mem_ref_t record);
+
+struct db_fs_t;
+// How a volume source answers for a file reference: the parent folder's reference and the file's name.
+// NTFS references use low alone; ReFS ones both halves. Returns 1 when found, 0 when the volume has no
+// such file, -1 when the volume can't be asked. The default asks the mounted volume through
+// os_volume_file_by_id; tests put their own in. Whatever it says, a folder that the index holds with the
+// reference is found too, so folders need no volume at all.
+typedef int (*db_frn_resolve_t)(const db_fs_t *fs, uint64_t low, uint64_t high, uint64_t *parent_low,
+                                uint64_t *parent_high, str_t *name);
+extern db_frn_resolve_t db_frn_resolve;
+// The default: the mounted volume named by the source's GUID path, else by its path.
+int db_frn_resolve_volume(const db_fs_t *fs, uint64_t low, uint64_t high, uint64_t *parent_low,
+                          uint64_t *parent_high, str_t *name);
 
 // ---- terms ---------------------------------------------------------------------------------------------
 
@@ -262,6 +281,11 @@ void db_search_compile_term(db_search_t *s, db_term_t *t);
 void db_terms_dump(const db_term_t *first, str_t *out);
 // An op's opcode and payload in the same form.
 void db_op_dump(const db_op_t *op, str_t *out);
+
+// The type text of a record where the platform's shell has none to give (Linux): "File folder" for a
+// folder, "<EXT> File" for a file with an extension (the text behind the last '.', ASCII letters
+// upper-cased), "File" without one. type: matches its pattern against this text.
+void db_type_text_fixed(const char *name, uint32_t len, bool folder, str_t *out);
 
 // Compiles a string pattern for the functions that take one (type:, child:, content and tags ...).
 // The text is copied; the pattern lives in the op payload the caller sized with db_text_match_size.

@@ -273,7 +273,11 @@ uint32_t os_tick_ms();
 
 // ---- locale --------------------------------------------------------------------------------------------
 
-// Locale values the program asks for (GetLocaleInfoW on Windows; fixed defaults on Linux).
+// Locale values the program asks for, as Windows' GetLocaleInfoW gives them for the user default. On Linux
+// they are derived from the C library's locale data for the user's environment (LC_ALL, LC_TIME, LANG ...
+// as setlocale(LC_ALL, "") reads them; the process's own C locale is never switched): pictures are
+// translated from the strftime forms into Windows pictures. A value the platform can't give falls back to
+// the text in the comment. Every read goes through os_hooks.locale_get, so tests pin them.
 enum os_locale_id_t {
     OS_LOCALE_DATE_SEPARATOR,    // "/"
     OS_LOCALE_TIME_SEPARATOR,    // ":"
@@ -283,9 +287,26 @@ enum os_locale_id_t {
     OS_LOCALE_THOUSAND,          // ","
     OS_LOCALE_FIRST_DAY_OF_WEEK, // "0" Monday .. "6" Sunday
     OS_LOCALE_DATE_ORDER,        // "0" M-D-Y, "1" D-M-Y, "2" Y-M-D
-    OS_LOCALE_COUNT
+    OS_LOCALE_AM,                // "AM"; empty in a locale with a 24-hour clock
+    OS_LOCALE_PM,                // "PM"; likewise
+    // The last year that a two-digit year may stand for ("2049"): 49 is 2049, 50 is 1950. Windows asks
+    // the user's calendar (CAL_ITWODIGITYEARMAX); the C library has no such setting, so Linux gives
+    // Windows' own default, which keeps a search's meaning the same on both platforms.
+    OS_LOCALE_TWO_DIGIT_YEAR_MAX,
+    // Twelve month names from January, twelve short ones, then seven day names and seven short ones from
+    // Monday, as Windows numbers them: OS_LOCALE_MONTH_NAME + 0 is January, OS_LOCALE_DAY_NAME + 6 Sunday.
+    OS_LOCALE_MONTH_NAME,
+    OS_LOCALE_MONTH_ABBREV = OS_LOCALE_MONTH_NAME + 12,
+    OS_LOCALE_DAY_NAME = OS_LOCALE_MONTH_ABBREV + 12,
+    OS_LOCALE_DAY_ABBREV = OS_LOCALE_DAY_NAME + 7,
+    OS_LOCALE_COUNT = OS_LOCALE_DAY_ABBREV + 7
 };
+// The user default's value (through os_hooks). An id out of range gives "".
 void os_locale_get(os_locale_id_t id, str_t *out);
+// The same value for a named locale, outside the hooks: a C library locale name on Linux ("de_DE.UTF-8",
+// "C"), a locale name on Windows ("de-DE"). False, with out empty, when the platform doesn't know the
+// locale; an id out of range gives true and "".
+bool os_locale_get_named(const char *name, os_locale_id_t id, str_t *out);
 
 // ---- replaceable calls ---------------------------------------------------------------------------------
 

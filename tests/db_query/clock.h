@@ -15,6 +15,7 @@ namespace test_clock {
 inline uint64_t now_value;
 inline const char *first_day = "0";
 inline const char *date_order = "1";
+inline const char *two_digit_year_max = "2049";
 
 inline uint64_t utc(int y, int mo, int d, int h = 0, int mi = 0, int s = 0) {
     os_systemtime_t st = {y, mo, 0, d, h, mi, s, 0};
@@ -74,6 +75,8 @@ inline void locale(os_locale_id_t id, str_t *out) {
         str_set(out, first_day);
     } else if (id == OS_LOCALE_DATE_ORDER) {
         str_set(out, date_order);
+    } else if (id == OS_LOCALE_TWO_DIGIT_YEAR_MAX) {
+        str_set(out, two_digit_year_max);
     } else {
         str_set(out, "");
     }
@@ -83,6 +86,7 @@ inline void install(uint64_t now) {
     now_value = now;
     first_day = "0";
     date_order = "1";
+    two_digit_year_max = "2049";
     os_hooks.filetime_now = fixed_now;
     os_hooks.filetime_to_local = to_local;
     os_hooks.local_to_filetime = from_local;

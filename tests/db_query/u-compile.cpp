@@ -302,8 +302,10 @@ TEST_F(CompileTest, Functions) {
          "#0 flags 03140 next - notnext - folder 1 file 222 contains/lowerbase \"txt\" text \"type:txt\"\n"},
         {"!type:folder", "#0 flags 1b540 next - notnext - folder 1 file 223 contains/lowerbase \"folder\" "
                          "text \"type:folder\"\n"},
-        {"shell:desktop", "#0 flags 03140 next - notnext - folder 286 \"desktop\" folders 0 file 286 "
-                          "\"desktop\" folders 0 text \"shell:desktop\"\n"},
+        // A name the platform doesn't know: a root search that found no root.
+        {"shell:nosuchfolder",
+         "#0 flags 03140 next - notnext - folder 286 \"nosuchfolder\" folders 0 file 286 "
+         "\"nosuchfolder\" folders 0 text \"shell:nosuchfolder\"\n"},
         {"content:abc", "#0 flags 03140 next - notnext - folder 1 file 338 contains/lowerbase \"abc\" text "
                         "\"content:abc\"\n"},
         {"ansicontent:a", "#0 flags 03140 next - notnext - folder 1 file 344 contains/lowerbase \"a\" text "
@@ -758,4 +760,49 @@ TEST_F(CompileTest, ContentWildcardsOnlyWhenExplicit) {
                       "\"child:a?c\"\n"},
     };
     CHECK_TABLE(table);
+}
+
+// The fixed type texts, and type: patterns run on them the way the scan runs the file op's pattern.
+TEST_F(CompileTest, FixedTypeTexts) {
+    static const struct {
+        const char *name;
+        bool folder;
+        const char *text;
+    } rows[] = {
+        {"report.txt", false, "TXT File"},
+        {"archive.tar.gz", false, "GZ File"},
+        {"README", false, "File"},
+        {"trailing.", false, "File"},
+        {".bashrc", false, "BASHRC File"},
+        {"x.Mp3", false, "MP3 File"},
+        {"caf\xC3\xA9.\xC3\xA9t\xC3\xA9", false, "\xC3\xA9T\xC3\xA9 File"},
+        {"docs.d", true, "File folder"},
+    };
+    str_t out;
+    str_init(&out);
+    for (const auto &row : rows) {
+        db_type_text_fixed(row.name, (uint32_t) strlen(row.name), row.folder, &out);
+        EXPECT_EQ(std::string(out.ptr, (size_t) out.len), row.text) << row.name;
+    }
+    static const struct {
+        const char *search;
+        const char *name;
+        bool match;
+    } patterns[] = {
+        {"type:\"txt file\"", "a.txt", true}, {"type:txt", "a.txt.bak", false},
+        {"type:bak", "a.txt.bak", true},      {"type:\"file\"", "README", true},
+        {"type:folder", "a.txt", false},      {"exact:type:file", "a.txt", false},
+        {"exact:type:file", "README", true},
+    };
+    for (const auto &p : patterns) {
+        db_search_t s;
+        db_search_init(&s, nullptr);
+        db_search_compile(&s, p.search, 0, nullptr, 0, false);
+        ASSERT_EQ(s.file_ops->op, 222) << p.search;
+        db_type_text_fixed(p.name, (uint32_t) strlen(p.name), false, &out);
+        const db_text_match_t *m = (const db_text_match_t *) db_op_payload(s.file_ops);
+        EXPECT_EQ(db_text_match_run(m, out.ptr, (size_t) out.len), p.match) << p.search << " on " << p.name;
+        db_search_kill(&s);
+    }
+    str_kill(&out);
 }

@@ -314,13 +314,41 @@ TEST_F(LiteralTest, CalendarHelpers) {
     EXPECT_EQ(now.day, 13);
     EXPECT_EQ(now.day_of_week, 3);
     EXPECT_EQ(now.hour, 14);
-    int saved = date_two_digit_year_max;
-    date_two_digit_year_max = 2029;
-    os_systemtime_t y = {29, 1, 0, 1, 0, 0, 0, 0};
-    date_fix_two_digit_year(&y);
-    EXPECT_EQ(y.year, 2029);
-    y.year = 30;
-    date_fix_two_digit_year(&y);
-    EXPECT_EQ(y.year, 1930);
-    date_two_digit_year_max = saved;
+}
+
+// The limit comes from the locale: each two-digit year lands in this century unless that passes the
+// limit, and a literal built on such a year follows it. The clock stands in 2024.
+TEST_F(LiteralTest, TwoDigitYearsFollowTheLocaleLimit) {
+    static const struct {
+        const char *limit;
+        int y29, y30, y49, y50, y99;
+    } rows[] = {
+        {"1999", 1929, 1930, 1949, 1950, 1999},
+        {"2029", 2029, 1930, 1949, 1950, 1999},
+        {"2049", 2029, 2030, 2049, 1950, 1999},
+        // No usable answer: the platform default, 2049.
+        {"", 2029, 2030, 2049, 1950, 1999},
+        {"20x9", 2029, 2030, 2049, 1950, 1999},
+        {"12", 2029, 2030, 2049, 1950, 1999},
+    };
+    for (const auto &row : rows) {
+        test_clock::two_digit_year_max = row.limit;
+        const int two[] = {29, 30, 49, 50, 99};
+        const int want[] = {row.y29, row.y30, row.y49, row.y50, row.y99};
+        for (int i = 0; i < 5; i++) {
+            os_systemtime_t y = {two[i], 1, 0, 1, 0, 0, 0, 0};
+            date_fix_two_digit_year(&y);
+            EXPECT_EQ(y.year, want[i]) << "limit '" << row.limit << "' year " << two[i];
+        }
+        // A year of four digits, or of three, is never moved.
+        os_systemtime_t y = {2090, 1, 0, 1, 0, 0, 0, 0};
+        date_fix_two_digit_year(&y);
+        EXPECT_EQ(y.year, 2090);
+        // The numeric literal's year (day first here): 1 February of the year the limit gives.
+        const char *p = "1/2/30";
+        db_range64_t r;
+        date_literal_parse(&p, &r, true);
+        EXPECT_EQ(r.low, utc(row.y30, 1, 31, 23)) << row.limit;
+        EXPECT_EQ(r.high, utc(row.y30, 2, 1, 23) - 1) << row.limit;
+    }
 }

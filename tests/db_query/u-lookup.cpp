@@ -9,6 +9,7 @@
 #include "db/db.h"
 #include "db_query/term.h"
 #include "mem/mem.h"
+#include "os/os_shell.h"
 
 static const char sep = OS_SEP;
 
@@ -129,5 +130,181 @@ TEST_F(LookupTest, AbsolutePathWithoutTrailingSeparatorIsAPrefix) {
     std::vector<mem_ref_t> found;
     // Not a root shape: a startwith on the full path.
     EXPECT_EQ(lookup(path("/usr/bi"), &found), 126);
+    EXPECT_TRUE(found.empty());
+}
+
+// ---- shell: --------------------------------------------------------------------------------------------
+
+// The folder chain of an absolute path in the first source: its top is the fixture's root, each further
+// component a folder made when missing. Returns the last one.
+static mem_ref_t chain(LookupTest *t, db_fs_t *fs, const std::string &full) {
+    std::vector<std::string> parts;
+    size_t start = 0;
+    for (size_t i = 0; i <= full.size(); i++) {
+        if (i == full.size() || full[i] == sep) {
+            parts.push_back(full.substr(start, i - start));
+            start = i + 1;
+        }
+    }
+    if (parts.empty() || parts[0] != t->top) {
+        return 0;
+    }
+    mem_ref_t at = t->root;
+    for (size_t i = 1; i < parts.size(); i++) {
+        if (!parts[i].empty()) {
+            at = t->folder(fs, at, parts[i].c_str());
+        }
+    }
+    return at;
+}
+
+TEST_F(LookupTest, ShellNamesSearchBelowTheKnownFolder) {
+    str_t known;
+    str_init(&known);
+    ASSERT_TRUE(os_known_folder("Downloads", &known));
+    std::string downloads(known.ptr, (size_t) known.len);
+    str_kill(&known);
+    mem_ref_t leaf = chain(this, db_fs_get(db, 0), downloads);
+    if (!leaf) {
+        GTEST_SKIP() << "the downloads folder " << downloads << " is not on the first drive";
+    }
+    std::vector<mem_ref_t> found;
+    // The folder itself is the one entry, for its children: the same op as the path with a separator.
+    EXPECT_EQ(lookup("shell:downloads", &found), 260);
+    EXPECT_EQ(found, std::vector<mem_ref_t>{leaf});
+    EXPECT_EQ(lookup(downloads + sep, &found), 260);
+    EXPECT_EQ(found, std::vector<mem_ref_t>{leaf});
+    EXPECT_EQ(lookup("shell:Downloads", &found), 260);
+    EXPECT_EQ(lookup("!shell:downloads", &found), 264);
+    EXPECT_EQ(found, std::vector<mem_ref_t>{leaf});
+    // Known to the platform but not in the index, and unknown: a root search that found nothing.
+    EXPECT_EQ(lookup("shell:templates", &found), 286);
+    EXPECT_EQ(lookup("shell:no-such-folder", &found), 286);
+    EXPECT_EQ(lookup("!shell:no-such-folder", &found), 290);
+}
+
+// ---- frn: ----------------------------------------------------------------------------------------------
+
+// A volume's answers by hand: the file 0x100 lies in the folder 0x20 under the name "report.txt"; on the
+// ReFS volume the file (7, 0x100) lies in the folder (7, 0x20). Every other reference is refused.
+static int fake_resolve(const db_fs_t *fs, uint64_t low, uint64_t high, uint64_t *parent_low,
+                        uint64_t *parent_high, str_t *name) {
+    if (low != 0x100 || high != (fs->type == DB_FS_REFS ? 7u : 0u)) {
+        return 0;
+    }
+    *parent_low = 0x20;
+    *parent_high = high;
+    str_set(name, "report.txt");
+    return 1;
+}
+
+// A volume that can't be opened.
+static int offline(const db_fs_t *, uint64_t, uint64_t, uint64_t *, uint64_t *, str_t *) {
+    return -1;
+}
+
+struct FrnTest : LookupTest {
+    db_fs_t *ntfs = nullptr, *ntfs2 = nullptr, *refs = nullptr;
+    mem_ref_t c = 0, docs = 0, report = 0, other_report = 0, c2 = 0, docs2 = 0, e = 0, refs_docs = 0,
+              refs_report = 0;
+
+    mem_ref_t volume_folder(db_fs_t *fs, mem_ref_t parent, const char *name, uint64_t low, uint64_t high) {
+        mem_ref_t r = folder(fs, parent, name);
+        uint8_t *frn = db_record_frn(db, r);
+        memcpy(frn, &low, 8);
+        if (fs->type == DB_FS_REFS) {
+            memcpy(frn + 8, &high, 8);
+        }
+        mem_array_push(fs->type == DB_FS_REFS ? &db->refs_folders : &db->ntfs_folders, r);
+        return r;
+    }
+    mem_ref_t file(db_fs_t *fs, mem_ref_t parent, const char *name) {
+        mem_ref_t r = db_file_new(db, fs, parent, name, (uint32_t) strlen(name));
+        mem_array_push(&db->files, r);
+        return r;
+    }
+
+    void SetUp() override {
+        LookupTest::SetUp();
+        ntfs = db_fs_add(db, DB_FS_NTFS);
+        ntfs2 = db_fs_add(db, DB_FS_NTFS);
+        refs = db_fs_add(db, DB_FS_REFS);
+        c = volume_folder(ntfs, 0, "C:", 5, 0);
+        docs = volume_folder(ntfs, c, "docs", 0x20, 0);
+        mem_ref_t old = volume_folder(ntfs, c, "old", 0x21, 0);
+        report = file(ntfs, docs, "report.txt");
+        file(ntfs, docs, "Report.txt");
+        other_report = file(ntfs, old, "report.txt");
+        // A second volume with the same small references.
+        c2 = volume_folder(ntfs2, 0, "F:", 5, 0);
+        docs2 = volume_folder(ntfs2, c2, "docs", 0x20, 0);
+        e = volume_folder(refs, 0, "E:", 5, 7);
+        refs_docs = volume_folder(refs, e, "docs", 0x20, 7);
+        refs_report = file(refs, refs_docs, "report.txt");
+    }
+    void TearDown() override {
+        db_frn_resolve = db_frn_resolve_volume;
+        LookupTest::TearDown();
+    }
+
+    // Compiles the search; returns the folder op's opcode and the records it found.
+    uint16_t frn(const char *search, std::vector<mem_ref_t> *found) {
+        db_search_t s;
+        db_search_init(&s, db);
+        db_search_compile(&s, search, 0, nullptr, 0, false);
+        uint16_t op = s.folder_ops->op;
+        found->clear();
+        EXPECT_EQ(s.folder_ops->kind, DB_OPK_FRN);
+        const db_op_frn_t *f = (const db_op_frn_t *) db_op_payload(s.folder_ops);
+        const db_op_frn_t *g = (const db_op_frn_t *) db_op_payload(s.file_ops);
+        EXPECT_EQ(f->hits, g->hits);
+        for (uint32_t i = 0; i < f->hits; i++) {
+            found->push_back(f->records[i]);
+            // The scan's test finds each of them, in both chains.
+            EXPECT_TRUE(db_op_frn_test(f, f->records[i]));
+            EXPECT_TRUE(db_op_frn_test(g, f->records[i]));
+        }
+        // And nothing else of the index.
+        for (mem_ref_t r : {root, usr, c, docs, report, other_report, c2, docs2, e, refs_docs, refs_report}) {
+            bool listed = std::find(found->begin(), found->end(), r) != found->end();
+            EXPECT_EQ(db_op_frn_test(f, r), listed) << search << " record " << r;
+        }
+        db_search_kill(&s);
+        return op;
+    }
+};
+
+TEST_F(FrnTest, WithoutTheVolumeTheIndexFindsFoldersByReference) {
+    db_frn_resolve = offline;
+    std::vector<mem_ref_t> found;
+    // Both NTFS volumes hold a folder 0x20; the ReFS one only with a high half of 7.
+    EXPECT_EQ(frn("frn:0x20", &found), 336);
+    EXPECT_EQ(found, sorted({docs, docs2}));
+    EXPECT_EQ(frn("frn:70000000000000020", &found), 336);
+    EXPECT_EQ(found, std::vector<mem_ref_t>{refs_docs});
+    EXPECT_EQ(frn("!frn:5", &found), 337);
+    EXPECT_EQ(found, sorted({c, c2}));
+    // A file can't be found without asking the volume.
+    EXPECT_EQ(frn("frn:100", &found), 336);
+    EXPECT_TRUE(found.empty());
+    // The default asks the mounted volume; these sources name none, and the folders are still found.
+    db_frn_resolve = db_frn_resolve_volume;
+    EXPECT_EQ(frn("frn:0x20", &found), 336);
+    EXPECT_EQ(found, sorted({docs, docs2}));
+}
+
+TEST_F(FrnTest, TheVolumeNamesTheParentAndTheName) {
+    db_frn_resolve = fake_resolve;
+    std::vector<mem_ref_t> found;
+    // The name is compared exactly, and only under the folder with the parent's reference; the second
+    // NTFS volume has that folder but no such file, and the ReFS volume refuses the 64-bit reference.
+    EXPECT_EQ(frn("frn:0x100", &found), 336);
+    EXPECT_EQ(found, std::vector<mem_ref_t>{report});
+    EXPECT_EQ(frn("frn:0x70000000000000100", &found), 336);
+    EXPECT_EQ(found, std::vector<mem_ref_t>{refs_report});
+    // A reference the volume refuses still finds a folder that the index knows by it.
+    EXPECT_EQ(frn("frn:0x21", &found), 336);
+    EXPECT_EQ(found.size(), 1u);
+    EXPECT_EQ(frn("frn:0x999", &found), 336);
     EXPECT_TRUE(found.empty());
 }

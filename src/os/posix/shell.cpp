@@ -1,0 +1,261 @@
+// Known folders on Linux: the shell's names mapped onto the XDG user folders and base folders (the table
+// is in os_shell.h).
+#include "mem/mem.h"
+#include "os/os_internal.h"
+#include "os/os_shell.h"
+
+#include <pwd.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+enum _kind_t {
+    K_USER_DIR,    // an XDG user folder: key and default below $HOME
+    K_HOME,        // $HOME
+    K_HOME_PARENT, // the folder holding $HOME
+    K_CONFIG,      // $XDG_CONFIG_HOME, with a sub-folder
+    K_DATA,        // $XDG_DATA_HOME, with a sub-folder
+    K_CACHE,       // $XDG_CACHE_HOME
+    K_FIXED,       // a fixed system folder
+    K_TEMP,        // the temporary folder
+    K_PICTURES_SUB // a sub-folder of the pictures folder
+};
+
+struct _known_t {
+    const char *names[4];
+    _kind_t kind;
+    const char *arg; // the XDG key, the sub-folder or the fixed path
+    const char *def; // the default below $HOME of a user folder
+};
+
+static const _known_t _known[] = {
+    {{"Desktop"}, K_USER_DIR, "DESKTOP", "Desktop"},
+    {{"Personal", "Documents", "My Documents"}, K_USER_DIR, "DOCUMENTS", "Documents"},
+    {{"Downloads"}, K_USER_DIR, "DOWNLOAD", "Downloads"},
+    {{"My Music", "Music"}, K_USER_DIR, "MUSIC", "Music"},
+    {{"My Pictures", "Pictures"}, K_USER_DIR, "PICTURES", "Pictures"},
+    {{"My Video", "Videos", "Video"}, K_USER_DIR, "VIDEOS", "Videos"},
+    {{"Templates"}, K_USER_DIR, "TEMPLATES", "Templates"},
+    {{"Public"}, K_USER_DIR, "PUBLICSHARE", "Public"},
+    {{"Screenshots"}, K_PICTURES_SUB, "Screenshots", nullptr},
+    {{"Profile", "UsersFilesFolder"}, K_HOME, nullptr, nullptr},
+    {{"UserProfiles"}, K_HOME_PARENT, nullptr, nullptr},
+    {{"AppData", "Roaming AppData"}, K_CONFIG, nullptr, nullptr},
+    {{"Local AppData", "LocalAppData"}, K_DATA, nullptr, nullptr},
+    {{"Cache"}, K_CACHE, nullptr, nullptr},
+    {{"Programs"}, K_DATA, "applications", nullptr},
+    {{"Common Programs"}, K_FIXED, "/usr/share/applications", nullptr},
+    {{"Startup"}, K_CONFIG, "autostart", nullptr},
+    {{"Common Startup"}, K_FIXED, "/etc/xdg/autostart", nullptr},
+    {{"Fonts"}, K_FIXED, "/usr/share/fonts", nullptr},
+    {{"RecycleBinFolder", "Trash"}, K_DATA, "Trash/files", nullptr},
+    {{"Temp"}, K_TEMP, nullptr, nullptr},
+};
+
+static void _strip_trailing(str_t *s) {
+    while (s->len > 1 && s->ptr[s->len - 1] == '/') {
+        s->ptr[--s->len] = 0;
+    }
+}
+
+static void _home(str_t *out) {
+    const char *home = getenv("HOME");
+    if (home && home[0] == '/') {
+        str_set(out, home);
+    } else {
+        struct passwd pw;
+        struct passwd *found = nullptr;
+        char buf[4096];
+        bool ok = getpwuid_r(geteuid(), &pw, buf, sizeof(buf), &found) == 0 && found && found->pw_dir;
+        str_set(out, ok ? found->pw_dir : "/");
+    }
+    _strip_trailing(out);
+}
+
+// An XDG base folder: the variable when it holds an absolute path, else the default below $HOME.
+static void _base(str_t *out, const char *variable, const char *below_home) {
+    const char *v = getenv(variable);
+    if (v && v[0] == '/') {
+        str_set(out, v);
+        _strip_trailing(out);
+        return;
+    }
+    _home(out);
+    str_path_cat(out, out->ptr, out->len, below_home, (int) strlen(below_home));
+}
+
+// ---- user-dirs.dirs ------------------------------------------------------------------------------------
+
+// One value of the file: "$HOME/..." or "/..." in quotes (or bare to the end of the line), with backslash
+// escapes. False for any other form.
+static bool _value(const char *p, const char *end, str_t *out) {
+    str_t raw;
+    str_init(&raw);
+    if (p < end && *p == '"') {
+        for (p++; p < end && *p != '"'; p++) {
+            if (*p == '\\' && p + 1 < end) {
+                p++;
+            }
+            str_cat_char(&raw, *p);
+        }
+    } else {
+        while (end > p && (end[-1] == ' ' || end[-1] == '\t' || end[-1] == '\r')) {
+            end--;
+        }
+        str_cat(&raw, p, (int) (end - p));
+    }
+    bool ok = true;
+    if (strncmp(raw.ptr, "$HOME", 5) == 0 && (raw.ptr[5] == 0 || raw.ptr[5] == '/')) {
+        _home(out);
+        if (raw.ptr[5] == '/' && raw.ptr[6]) {
+            str_path_cat(out, out->ptr, out->len, raw.ptr + 6, raw.len - 6);
+        }
+    } else if (raw.ptr[0] == '/') {
+        str_set_n(out, raw.ptr, raw.len);
+    } else {
+        ok = false;
+    }
+    str_kill(&raw);
+    if (ok) {
+        _strip_trailing(out);
+    }
+    return ok;
+}
+
+// The value of XDG_<key>_DIR in the text of the file; the last line that sets it wins, as when a shell
+// sources the file.
+static bool _find_user_dir(const char *text, size_t len, const char *key, str_t *out) {
+    str_t name;
+    str_init(&name);
+    str_printf(&name, "XDG_%s_DIR", key);
+    bool found = false;
+    const char *p = text, *stop = text + len;
+    while (p < stop) {
+        const char *eol = (const char *) memchr(p, '\n', (size_t) (stop - p));
+        const char *line_end = eol ? eol : stop;
+        const char *q = p;
+        while (q < line_end && (*q == ' ' || *q == '\t')) {
+            q++;
+        }
+        size_t n = (size_t) name.len;
+        if (q < line_end && *q != '#' && (size_t) (line_end - q) > n && memcmp(q, name.ptr, n) == 0 &&
+            q[n] == '=') {
+            found |= _value(q + n + 1, line_end, out);
+        }
+        p = line_end + 1;
+    }
+    str_kill(&name);
+    return found;
+}
+
+static void _user_dir(str_t *out, const char *key, const char *def) {
+    str_t path, text;
+    str_init(&path);
+    str_init(&text);
+    _base(&path, "XDG_CONFIG_HOME", ".config");
+    str_path_cat(&path, path.ptr, path.len, "user-dirs.dirs", 14);
+    os_file_t f = os_file_open(path.ptr, OS_OPEN_READ);
+    bool found = false;
+    if (f != OS_FILE_INVALID) {
+        char buf[4096];
+        int64_t n;
+        // The file is a few hundred bytes; a runaway one is read no further than 1 MB.
+        while (text.len < (1 << 20) && (n = os_file_read(f, buf, sizeof buf)) > 0) {
+            str_cat(&text, buf, (int) n);
+        }
+        os_file_close(f);
+        found = _find_user_dir(text.ptr, (size_t) text.len, key, out);
+    }
+    if (!found) {
+        _home(out);
+        str_path_cat(out, out->ptr, out->len, def, (int) strlen(def));
+    }
+    str_kill(&path);
+    str_kill(&text);
+}
+
+// ---- names ---------------------------------------------------------------------------------------------
+
+static bool _same_name(const char *a, size_t n, const char *b) {
+    if (strlen(b) != n) {
+        return false;
+    }
+    return strncasecmp(a, b, n) == 0;
+}
+
+static const _known_t *_lookup(const char *name) {
+    if (strncasecmp(name, "shell:", 6) == 0) {
+        name += 6;
+    }
+    size_t n = strlen(name);
+    while (n > 0 && (name[n - 1] == '/' || name[n - 1] == '\\')) {
+        n--;
+    }
+    for (const _known_t &k : _known) {
+        for (const char *alias : k.names) {
+            if (alias && _same_name(name, n, alias)) {
+                return &k;
+            }
+        }
+    }
+    return nullptr;
+}
+
+static void _sub(str_t *out, const char *sub) {
+    if (sub) {
+        str_path_cat(out, out->ptr, out->len, sub, (int) strlen(sub));
+    }
+}
+
+bool os_known_folder(const char *name, str_t *out) {
+    str_set(out, "");
+    const _known_t *k = name ? _lookup(name) : nullptr;
+    if (!k) {
+        return false;
+    }
+    switch (k->kind) {
+    case K_USER_DIR:
+        _user_dir(out, k->arg, k->def);
+        break;
+    case K_HOME:
+        _home(out);
+        break;
+    case K_HOME_PARENT: {
+        _home(out);
+        char *slash = strrchr(out->ptr, '/');
+        int keep = slash && slash != out->ptr ? (int) (slash - out->ptr) : 1;
+        out->len = keep < out->len ? keep : out->len;
+        out->ptr[out->len] = 0;
+        break;
+    }
+    case K_CONFIG:
+        _base(out, "XDG_CONFIG_HOME", ".config");
+        _sub(out, k->arg);
+        break;
+    case K_DATA:
+        _base(out, "XDG_DATA_HOME", ".local/share");
+        _sub(out, k->arg);
+        break;
+    case K_CACHE:
+        _base(out, "XDG_CACHE_HOME", ".cache");
+        break;
+    case K_FIXED:
+        str_set(out, k->arg);
+        break;
+    case K_TEMP:
+        os_temp_folder(out);
+        break;
+    case K_PICTURES_SUB:
+        _user_dir(out, "PICTURES", "Pictures");
+        _sub(out, k->arg);
+        break;
+    }
+    return out->len > 0;
+}
+
+int os_volume_file_by_id(const char *, uint64_t, uint64_t, uint64_t *parent_low, uint64_t *parent_high,
+                         str_t *name) {
+    *parent_low = *parent_high = 0;
+    str_set(name, "");
+    return -1;
+}

@@ -1,0 +1,245 @@
+// Locale values: the hook that tests pin them with, the user default's values being usable, and the values
+// of named locales, the C locale and German, against what those locales are known to say.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <initializer_list>
+#include <string>
+
+#include "os_test_util.h"
+
+#ifndef _WIN32
+// glibc's newlocale loses the parsed copy of LOCPATH on every call made while it is set (the argz list
+// of the search path is never freed); the German test sets it, so the leak checker is told to let that
+// one allocation site pass.
+extern "C" const char *__lsan_default_suppressions() {
+    return "leak:__argz_add_sep\n";
+}
+#endif
+
+namespace {
+
+std::string named(const char *locale, os_locale_id_t id) {
+    str_t s;
+    str_init(&s);
+    EXPECT_TRUE(os_locale_get_named(locale, id, &s)) << locale;
+    std::string v = os_test_text(&s);
+    str_kill(&s);
+    return v;
+}
+
+std::string user(os_locale_id_t id) {
+    str_t s;
+    str_init(&s);
+    os_locale_get(id, &s);
+    std::string v = os_test_text(&s);
+    str_kill(&s);
+    return v;
+}
+
+os_locale_id_t month(int m) {
+    return (os_locale_id_t) (OS_LOCALE_MONTH_NAME + m - 1);
+}
+// Monday 1 .. Sunday 7.
+os_locale_id_t day(int d) {
+    return (os_locale_id_t) (OS_LOCALE_DAY_NAME + d - 1);
+}
+os_locale_id_t day_abbrev(int d) {
+    return (os_locale_id_t) (OS_LOCALE_DAY_ABBREV + d - 1);
+}
+
+void pinned(os_locale_id_t id, str_t *out) {
+    str_set(out, id == OS_LOCALE_TWO_DIGIT_YEAR_MAX ? "1999" : "pinned");
+}
+
+struct expect_t {
+    os_locale_id_t id;
+    const char *value;
+};
+
+void check(const char *locale, const expect_t *rows, size_t n) {
+    for (size_t i = 0; i < n; i++) {
+        EXPECT_EQ(named(locale, rows[i].id), rows[i].value) << locale << " id " << (int) rows[i].id;
+    }
+}
+
+#ifndef _WIN32
+// The test's own locales: the system's, or ones compiled into a private folder that LOCPATH points at
+// while the test runs. has() tells which could be had.
+struct locales_t {
+    std::string folder, saved_locpath;
+    bool had_locpath = false;
+    std::string made[4];
+    int count = 0;
+
+    explicit locales_t(std::initializer_list<const char *> names) {
+        str_t s;
+        str_init(&s);
+        for (const char *name : names) {
+            std::string full = std::string(name) + ".UTF-8";
+            if (os_locale_get_named(full.c_str(), OS_LOCALE_DECIMAL, &s)) {
+                made[count++] = full;
+                continue;
+            }
+            if (folder.empty()) {
+                const char *old = getenv("LOCPATH");
+                had_locpath = old != nullptr;
+                saved_locpath = old ? old : "";
+                os_temp_folder(&s);
+                folder = os_test_text(&s) + "/sw-locale-test-" + std::to_string(os_thread_id());
+                os_folder_create_path(folder.c_str());
+                setenv("LOCPATH", folder.c_str(), 1);
+            }
+            std::string cmd = "localedef -i " + std::string(name) + " -f UTF-8 '" + folder + "/" + full +
+                              "' >/dev/null 2>&1";
+            // localedef warns with exit code 1 and still writes the locale: the probe decides.
+            (void) std::system(cmd.c_str());
+            if (os_locale_get_named(full.c_str(), OS_LOCALE_DECIMAL, &s)) {
+                made[count++] = full;
+            }
+        }
+        str_kill(&s);
+    }
+    bool has(const char *full) const {
+        for (int i = 0; i < count; i++) {
+            if (made[i] == full) {
+                return true;
+            }
+        }
+        return false;
+    }
+    ~locales_t() {
+        if (!folder.empty()) {
+            if (had_locpath) {
+                setenv("LOCPATH", saved_locpath.c_str(), 1);
+            } else {
+                unsetenv("LOCPATH");
+            }
+            std::string cmd = "rm -rf '" + folder + "'";
+            EXPECT_EQ(std::system(cmd.c_str()), 0);
+        }
+    }
+};
+#endif
+
+} // namespace
+
+TEST(OsLocaleHook, PinsEveryValueAndResets) {
+    os_hooks.locale_get = pinned;
+    EXPECT_EQ(user(OS_LOCALE_DATE_ORDER), "pinned");
+    EXPECT_EQ(user(OS_LOCALE_TWO_DIGIT_YEAR_MAX), "1999");
+    EXPECT_EQ(user(day(7)), "pinned");
+    os_hooks_reset();
+    // The platform's own answers are usable: the flags are digits in their ranges, the limit a year.
+    std::string first = user(OS_LOCALE_FIRST_DAY_OF_WEEK), order = user(OS_LOCALE_DATE_ORDER);
+    ASSERT_EQ(first.size(), 1u);
+    EXPECT_TRUE(first[0] >= '0' && first[0] <= '6');
+    ASSERT_EQ(order.size(), 1u);
+    EXPECT_TRUE(order[0] >= '0' && order[0] <= '2');
+    int limit = atoi(user(OS_LOCALE_TWO_DIGIT_YEAR_MAX).c_str());
+    EXPECT_GE(limit, 99);
+    EXPECT_LE(limit, 9999);
+    for (int m = 1; m <= 12; m++) {
+        EXPECT_FALSE(user(month(m)).empty()) << m;
+    }
+    for (int d = 1; d <= 7; d++) {
+        EXPECT_FALSE(user(day(d)).empty()) << d;
+    }
+    EXPECT_EQ(user((os_locale_id_t) OS_LOCALE_COUNT), "");
+    EXPECT_EQ(user((os_locale_id_t) -1), "");
+}
+
+TEST(OsLocaleNamed, UnknownLocaleGivesNothing) {
+    str_t s;
+    str_init(&s);
+    str_set(&s, "old");
+    EXPECT_FALSE(os_locale_get_named("xx_QQ.nonsense", OS_LOCALE_DECIMAL, &s));
+    EXPECT_EQ(s.len, 0);
+    str_kill(&s);
+}
+
+#ifndef _WIN32
+TEST(OsLocaleNamed, TheCLocale) {
+    // The C locale is the United States' order with a 24-hour clock; it has no thousands separator, so the
+    // Windows default stands in, and its week starts on Sunday.
+    const expect_t rows[] = {
+        {OS_LOCALE_DATE_SEPARATOR, "/"},
+        {OS_LOCALE_TIME_SEPARATOR, ":"},
+        {OS_LOCALE_SHORT_DATE, "MM/dd/yy"},
+        {OS_LOCALE_TIME_FORMAT, "HH:mm:ss"},
+        {OS_LOCALE_DECIMAL, "."},
+        {OS_LOCALE_THOUSAND, ","},
+        {OS_LOCALE_FIRST_DAY_OF_WEEK, "6"},
+        {OS_LOCALE_DATE_ORDER, "0"},
+        {OS_LOCALE_AM, "AM"},
+        {OS_LOCALE_PM, "PM"},
+        {OS_LOCALE_TWO_DIGIT_YEAR_MAX, "2049"},
+        {month(1), "January"},
+        {month(12), "December"},
+        {(os_locale_id_t) (OS_LOCALE_MONTH_ABBREV + 4), "May"},
+        {day(1), "Monday"},
+        {day(7), "Sunday"},
+        {day_abbrev(3), "Wed"},
+    };
+    check("C", rows, sizeof rows / sizeof rows[0]);
+}
+
+TEST(OsLocaleNamed, TheEnvironmentsLocaleIsTheUserDefault) {
+    os_hooks_reset();
+    for (int id = 0; id < OS_LOCALE_COUNT; id++) {
+        EXPECT_EQ(user((os_locale_id_t) id), named("", (os_locale_id_t) id)) << id;
+    }
+}
+#endif
+
+TEST(OsLocaleNamed, German) {
+#ifdef _WIN32
+    const char *name = "de-DE";
+#else
+    locales_t locales({"de_DE", "nb_NO", "sq_AL"});
+    if (!locales.has("de_DE.UTF-8")) {
+        GTEST_SKIP() << "no German locale: the system has none and localedef could not make one (is the "
+                        "package locales installed?)";
+    }
+    const char *name = "de_DE.UTF-8";
+    // Letters of the text are quoted as one run, a dropped zone leaves no blank, and the "-" flag drops
+    // the leading zero.
+    if (locales.has("nb_NO.UTF-8")) {
+        EXPECT_EQ(named("nb_NO.UTF-8", OS_LOCALE_TIME_FORMAT), "'kl'. HH.mm");
+        EXPECT_EQ(named("nb_NO.UTF-8", OS_LOCALE_TIME_SEPARATOR), ".");
+    }
+    if (locales.has("sq_AL.UTF-8")) {
+        EXPECT_EQ(named("sq_AL.UTF-8", OS_LOCALE_SHORT_DATE), "d.M.yy");
+        EXPECT_EQ(named("sq_AL.UTF-8", OS_LOCALE_DATE_ORDER), "1");
+    }
+    // glibc knows the German week and a 24-hour clock without AM and PM.
+    const expect_t glibc_rows[] = {{OS_LOCALE_AM, ""},
+                                   {OS_LOCALE_PM, ""},
+                                   {OS_LOCALE_TWO_DIGIT_YEAR_MAX, "2049"},
+                                   {OS_LOCALE_SHORT_DATE, "dd.MM.yyyy"},
+                                   {day_abbrev(7), "So"}};
+    check(name, glibc_rows, sizeof glibc_rows / sizeof glibc_rows[0]);
+#endif
+    const expect_t rows[] = {
+        {OS_LOCALE_DATE_SEPARATOR, "."},
+        {OS_LOCALE_TIME_SEPARATOR, ":"},
+        {OS_LOCALE_TIME_FORMAT, "HH:mm:ss"},
+        {OS_LOCALE_DECIMAL, ","},
+        {OS_LOCALE_THOUSAND, "."},
+        {OS_LOCALE_FIRST_DAY_OF_WEEK, "0"},
+        {OS_LOCALE_DATE_ORDER, "1"},
+        {month(1), "Januar"},
+        {month(3), "M\xC3\xA4rz"},
+        {day(1), "Montag"},
+        {day(7), "Sonntag"},
+    };
+    check(name, rows, sizeof rows / sizeof rows[0]);
+    // Windows versions differ in leading zeros ("dd.MM.yyyy", "d.M.yyyy") and in the short day names'
+    // full stop: the picture is day, month, year with dots, and Sunday's short name begins "So".
+    std::string picture = named(name, OS_LOCALE_SHORT_DATE);
+    EXPECT_EQ(picture.find('d'), 0u) << picture;
+    EXPECT_NE(picture.find(".M"), std::string::npos) << picture;
+    ASSERT_GE(picture.size(), 5u);
+    EXPECT_EQ(picture.substr(picture.size() - 5), ".yyyy") << picture;
+    EXPECT_EQ(named(name, day_abbrev(7)).substr(0, 2), "So");
+}

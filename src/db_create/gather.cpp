@@ -331,6 +331,9 @@ static void _read_filelist(db_build_ctx_t *ctx) {
     filelist_options_t options = {ctx->job->exclude.exclude_hidden, ctx->job->exclude.exclude_system};
     db_set_status(ctx->job->db, "Indexing %s...", name);
     int rc = filelist_read(&list, name, &options);
+    // A private index over this one list tells its windows why it is empty once the build is done.
+    if (ctx->job->db->remote_name)
+        ctx->job->db->filelist_status = rc;
     if (rc == FILELIST_OPEN_FAILED && src->existing) {
         // A list that can't be opened keeps what it had.
         _reuse(ctx, "using existing filelist index %s");

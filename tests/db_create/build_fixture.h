@@ -87,8 +87,8 @@ class BuildTest : public ::testing::Test {
         os_hooks_reset();
         max_threads = 0;
         const ::testing::TestInfo *info = ::testing::UnitTest::GetInstance()->current_test_info();
-        root = (fs::temp_directory_path() /
-                (std::string("sw-build-") + info->test_suite_name() + "-" + info->name()))
+        root = (fs::temp_directory_path() / (std::string("sw-build-") + info->test_suite_name() + "-" +
+                                             info->name() + "-" + std::to_string(os_thread_id())))
                    .string();
         fs::remove_all(root);
         fs::create_directories(root);

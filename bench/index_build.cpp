@@ -49,6 +49,8 @@ struct options_t {
     std::string corpus;
     std::string paths;
     std::string log;
+    std::string keep;        // --keep: the plain database file is written here and kept
+    bool build_only = false; // --build-only: the build and its check, no save, load or peer
 };
 
 // What one step cost. Negative values mean not measured.
@@ -420,9 +422,14 @@ bool parse_args(int argc, char **argv, options_t *o) {
             o->paths = argv[++i];
         else if (strcmp(a, "--log") == 0 && has_value)
             o->log = argv[++i];
+        else if (strcmp(a, "--keep") == 0 && has_value)
+            o->keep = argv[++i];
+        else if (strcmp(a, "--build-only") == 0)
+            o->build_only = true;
         else {
             fprintf(stderr,
-                    "usage: %s [--smoke] [--corpus <list.swl>] [--paths <list>] [--no-peer] [--log <file>]\n",
+                    "usage: %s [--smoke] [--corpus <list.swl>] [--paths <list>] [--no-peer] [--log <file>]\n"
+                    "       [--keep <file.db>] [--build-only]\n",
                     argv[0]);
             return false;
         }
@@ -551,8 +558,24 @@ int main(int argc, char **argv) {
         printf("check: the paths make %llu folders and %llu files: %s\n", (unsigned long long) want_folders,
                (unsigned long long) want_files, counts_ok ? "the index agrees" : "THE INDEX DIFFERS");
     }
-    std::string plain = r.out_dir + "/bench-plain.db", packed = r.out_dir + "/bench-compressed.db";
-    made.push_back(plain);
+    if (o.build_only) {
+        printf("build s: %.2f, peak memory MiB: %.1f, memory B/record: %.1f\n", b.seconds, b.peak_mib,
+               per(b.arena_bytes, records));
+        if (!o.keep.empty())
+            printf("save to %s: %s\n", o.keep.c_str(), save(db, o.keep, false).ok ? "done" : "FAILED");
+        db_destroy(db);
+        for (const std::string &f : made)
+            os_file_delete(f.c_str());
+        if (r.cleanup)
+            os_folder_delete(r.out_dir.c_str());
+        config_kill();
+        return counts_ok ? 0 : 1;
+    }
+    // With --keep the plain file is the one asked for, so that two builds can be compared byte for byte.
+    std::string plain = o.keep.empty() ? r.out_dir + "/bench-plain.db" : o.keep;
+    std::string packed = r.out_dir + "/bench-compressed.db";
+    if (o.keep.empty())
+        made.push_back(plain);
     made.push_back(packed);
     step_t sp = save(db, plain, false);
     step_t sc = save(db, packed, true);

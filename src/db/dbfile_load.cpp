@@ -26,6 +26,10 @@ struct _reader_t {
     uint8_t *seen;    // one bit per record, for the duplicate check of the arrays
     mem_ref_t *files; // file records while they are read; the array is laid out once they are all in
     uint32_t files_cap;
+    // Flat copies of the two record arrays: the sorted arrays name records by index in a random order,
+    // and one flat lookup costs less than a walk through the chunk table.
+    mem_ref_t *folder_refs;
+    bool counts_children; // some source is a volume, whose folders count their children
 };
 
 // ---- the source records --------------------------------------------------------------------------------
@@ -150,6 +154,7 @@ static void _read_sources(_reader_t *r) {
         switch (type) {
         case DB_FS_NTFS:
         case DB_FS_REFS:
+            r->counts_children = true;
             _read_text(s, &fs->guid);
             _read_text(s, &fs->path);
             _read_text(s, &fs->root);
@@ -329,6 +334,7 @@ static bool _read_folders(_reader_t *r) {
     db_t *db = r->db;
     const db_structure_t *st = &db->structure;
     mem_array_alloc_bulk(&db->folders, r->F);
+    r->folder_refs = (mem_ref_t *) mem_alloc((size_t) r->F * 4 + 4);
     const char *prev = "";
     uint32_t prev_len = 0;
     for (uint32_t i = 0; i < r->F; i++) {
@@ -347,6 +353,7 @@ static bool _read_folders(_reader_t *r) {
         if (_folder_tail(type))
             memset(data + st->folder_data_size + _folder_tail(type), 0, 4);
         *mem_array_bulk_slot(&db->folders, i) = rec;
+        r->folder_refs[i] = rec;
         prev = db_record_name(rec, &prev_len);
         if (r->s->error)
             return false;
@@ -354,8 +361,7 @@ static bool _read_folders(_reader_t *r) {
     uint32_t start = debug_now_us();
     for (uint32_t i = 0; i < r->F; i++) {
         uint32_t raw = r->raw[i];
-        *(uint32_t *) db_ptr(*mem_array_bulk_slot(&db->folders, i)) =
-            raw < r->F ? *mem_array_bulk_slot(&db->folders, raw) : 0;
+        *(uint32_t *) db_ptr(r->folder_refs[i]) = raw < r->F ? r->folder_refs[raw] : 0;
     }
     debug_printf("convert all folder parent indexes into folder parent folders %f seconds\n",
                  (int) (debug_now_us() - start));
@@ -364,10 +370,12 @@ static bool _read_folders(_reader_t *r) {
 
 // One more child for a folder of a volume source; other folders keep no count.
 static void _count_child(_reader_t *r, uint32_t folder_index) {
+    if (!r->counts_children)
+        return;
     uint32_t type = db_fs_get(r->db, r->fs_of[folder_index])->type;
     if (type != DB_FS_NTFS && type != DB_FS_REFS)
         return;
-    db_ref_t folder = *mem_array_bulk_slot(&r->db->folders, folder_index);
+    db_ref_t folder = r->folder_refs[folder_index];
     uint8_t *count = db_record_data(folder) + r->db->structure.folder_data_size + _folder_tail(type);
     uint32_t n;
     memcpy(&n, count, 4);
@@ -384,7 +392,7 @@ static bool _read_file(_reader_t *r, const char **prev, uint32_t *prev_len, db_r
     if (!_read_delta(r, *prev_len, &add, &keep, false))
         return false;
     bool root = v >= r->F;
-    db_ref_t parent = root ? 0 : *mem_array_bulk_slot(&db->folders, v);
+    db_ref_t parent = root ? 0 : r->folder_refs[v];
     uint32_t total = db_file_record_size(&db->structure, root, keep + add);
     db_ref_t rec = _record(r, total, root, root ? v - r->F : 0, parent, *prev, keep, add);
     if (!rec)
@@ -414,36 +422,43 @@ static bool _read_files(_reader_t *r) {
         for (uint32_t i = 0; i < r->N; i++)
             *mem_array_bulk_slot(&r->db->files, i) = r->files[i];
     }
-    mem_free(r->files);
-    r->files = nullptr;
     return true;
 }
 
 // ---- arrays --------------------------------------------------------------------------------------------
 
-// Reads count indexes into a, each naming a distinct record of source (folders or files, n of them).
-// type_only: for the FRN arrays, the source type every element must have, else -1.
-static bool _read_array(_reader_t *r, mem_array_t *a, uint32_t count, mem_array_t *source, uint32_t n,
-                        int type_only) {
-    bool folder = source == &r->db->folders;
+#define ARRAY_BATCH 4096
+
+// Reads count indexes into a, each naming a distinct record of flat (folders or files, n of them).
+// type_only: for the FRN arrays, the source type every element must have, else -1. The indexes come in
+// batches, so that the stream is asked once for thousands of them.
+static bool _read_array(_reader_t *r, mem_array_t *a, uint32_t count, const mem_ref_t *flat, uint32_t n,
+                        bool folder, int type_only) {
     memset(r->seen, 0, (size_t) n / 8 + 1);
     if (count)
         mem_array_alloc_bulk(a, count);
-    for (uint32_t i = 0; i < count; i++) {
-        uint32_t v = os_stream_read_u32(r->s);
+    uint8_t batch[ARRAY_BATCH * 4];
+    for (uint32_t done = 0; done < count;) {
+        uint32_t k = count - done < ARRAY_BATCH ? count - done : ARRAY_BATCH;
+        os_read(r->s, batch, (size_t) k * 4);
         if (r->s->error)
             return false;
-        bool bad = v >= n || (r->seen[v / 8] & (1 << (v % 8)));
-        if (!bad && type_only >= 0)
-            bad = db_fs_get(r->db, r->fs_of[v])->type != (uint32_t) type_only;
-        if (bad) {
-            debug_printf(folder ? "invalid folder index %u" : "invalid file index %u", v);
-            return false;
+        for (uint32_t j = 0; j < k; j++, done++) {
+            const uint8_t *b = batch + 4 * j;
+            uint32_t v =
+                (uint32_t) b[0] | (uint32_t) b[1] << 8 | (uint32_t) b[2] << 16 | (uint32_t) b[3] << 24;
+            bool bad = v >= n || (r->seen[v / 8] & (1 << (v % 8)));
+            if (!bad && type_only >= 0)
+                bad = db_fs_get(r->db, r->fs_of[v])->type != (uint32_t) type_only;
+            if (bad) {
+                debug_printf(folder ? "invalid folder index %u" : "invalid file index %u", v);
+                return false;
+            }
+            r->seen[v / 8] |= (uint8_t) (1 << (v % 8));
+            *mem_array_bulk_slot(a, done) = flat[v];
+            if (type_only >= 0 && r->raw[v] < r->F)
+                _count_child(r, r->raw[v]);
         }
-        r->seen[v / 8] |= (uint8_t) (1 << (v % 8));
-        *mem_array_bulk_slot(a, i) = *mem_array_bulk_slot(source, v);
-        if (type_only >= 0 && r->raw[v] < r->F)
-            _count_child(r, r->raw[v]);
     }
     return true;
 }
@@ -456,7 +471,7 @@ static bool _read_frn_array(_reader_t *r, mem_array_t *a, uint32_t type) {
         debug_printf("invalid folder count %u\n", count);
         return false;
     }
-    return _read_array(r, a, count, &r->db->folders, r->F, (int) type);
+    return _read_array(r, a, count, r->folder_refs, r->F, true, (int) type);
 }
 
 static bool _read_arrays(_reader_t *r) {
@@ -468,11 +483,11 @@ static bool _read_arrays(_reader_t *r) {
     mem_array_t *arrays[8];
     int n = db_file_arrays(r->db, true, arrays);
     for (int i = 0; i < n && r->F; i++)
-        if (!_read_array(r, arrays[i], r->F, &r->db->folders, r->F, -1))
+        if (!_read_array(r, arrays[i], r->F, r->folder_refs, r->F, true, -1))
             return false;
     n = db_file_arrays(r->db, false, arrays);
     for (int i = 0; i < n && r->N; i++)
-        if (!_read_array(r, arrays[i], r->N, &r->db->files, r->N, -1))
+        if (!_read_array(r, arrays[i], r->N, r->files, r->N, false, -1))
             return false;
     return true;
 }
@@ -526,6 +541,7 @@ bool db_file_read(db_t *db, os_file_stream_t *s, const db_load_settings_t *setti
     mem_free(r.fs_of);
     mem_free(r.seen);
     mem_free(r.files);
+    mem_free(r.folder_refs);
     return ok;
 }
 

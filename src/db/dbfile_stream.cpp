@@ -157,6 +157,13 @@ static bool _fill_compressed(os_file_stream_t *s) {
 
 void os_read(os_file_stream_t *s, void *out, size_t n) {
     uint8_t *dst = (uint8_t *) out;
+    // Most reads are a few bytes that the buffer already holds.
+    if (n <= s->left) {
+        memcpy(dst, s->buffer + s->pos, n);
+        s->pos += (uint32_t) n;
+        s->left -= (uint32_t) n;
+        return;
+    }
     while (n) {
         if (s->left == 0) {
             bool more = !s->error && (s->plain ? _fill_plain(s) : _fill_compressed(s));
@@ -194,6 +201,10 @@ bool os_stream_read_finish(os_file_stream_t *s) {
 }
 
 uint8_t os_stream_read_u8(os_file_stream_t *s) {
+    if (s->left) {
+        s->left--;
+        return s->buffer[s->pos++];
+    }
     uint8_t v;
     os_read(s, &v, 1);
     return v;
@@ -201,7 +212,13 @@ uint8_t os_stream_read_u8(os_file_stream_t *s) {
 
 uint32_t os_stream_read_u32(os_file_stream_t *s) {
     uint8_t b[4];
-    os_read(s, b, 4);
+    if (s->left >= 4) {
+        memcpy(b, s->buffer + s->pos, 4);
+        s->pos += 4;
+        s->left -= 4;
+    } else {
+        os_read(s, b, 4);
+    }
     return (uint32_t) b[0] | (uint32_t) b[1] << 8 | (uint32_t) b[2] << 16 | (uint32_t) b[3] << 24;
 }
 

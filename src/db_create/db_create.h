@@ -237,3 +237,55 @@ void db_build_gather(db_job_t *job);
 void db_build_convert_volume(db_job_t *job, db_build_source_t *source);
 // Merging: from the temporary records to the final index.
 void db_build_merge(db_job_t *job);
+
+// ---- the fast sorts of the merge -----------------------------------------------------------------------
+// Each gives exactly the array that a stable sort of the same input with the index's own comparator
+// gives; they only spend fewer full comparisons getting there.
+
+// A map from record references to 32-bit values: open addressing over a power of two of slots, at most
+// half full. Reference 0 can't be a key.
+struct db_build_map_slot_t {
+    db_ref_t key; // 0 marks an empty slot
+    uint32_t value;
+};
+
+struct db_build_map_t {
+    db_build_map_slot_t *slots; // key and value side by side: a lookup touches one cache line
+    uint32_t mask;              // slot count - 1
+};
+
+// Room for capacity keys. Owns its memory until db_build_map_kill.
+void db_build_map_init(db_build_map_t *m, uint32_t capacity);
+void db_build_map_kill(db_build_map_t *m);
+// Adds or replaces; key must not be 0 and at most capacity keys may be put.
+void db_build_map_put(db_build_map_t *m, db_ref_t key, uint32_t value);
+// The value of key, UINT32_MAX when it was never put.
+uint32_t db_build_map_get(const db_build_map_t *m, db_ref_t key);
+
+// The folded-path class of every folder: folders sorted by db_path_compare_lower_base, equal paths sharing
+// one rank (1 and up; 0 stands for "no folder").
+struct db_build_ranks_t {
+    db_build_map_t map;   // folder -> rank
+    uint32_t *class_size; // folders per rank, rank_count + 1 entries
+    uint32_t rank_count;
+};
+
+// Ranks the n folders (distinct records whose parent chains end at 0). With given_ranks null they are
+// sorted here; otherwise given_ranks[i] is folders[i]'s rank and class_sizes (rank_count + 1 entries) is
+// copied. Owns its memory until db_build_ranks_kill.
+void db_build_ranks_init(db_build_ranks_t *r, const db_ref_t *folders, uint32_t n,
+                         const uint32_t *given_ranks, const uint32_t *class_sizes, uint32_t rank_count);
+void db_build_ranks_kill(db_build_ranks_t *r);
+// The rank of a folder; 0 for the null reference; UINT32_MAX for a folder that was not ranked.
+uint32_t db_build_rank(const db_build_ranks_t *r, db_ref_t folder);
+
+// Sorts items in place in the build's name order: db_name_compare, then the parent reference, stable.
+// ranks (may be null) must rank every parent of the items.
+void db_build_sort_names(db_ref_t *items, uint32_t n, const db_build_ranks_t *ranks);
+// out gets the path order (db_path_name_compare) of the n records of by_name, which is in name order
+// (db_name_compare) with no two records equal under it; ranks ranks every parent. out must not be by_name.
+void db_build_path_order(const db_ref_t *by_name, uint32_t n, const db_build_ranks_t *ranks, db_ref_t *out);
+// out gets the order of db_compare for order and folder from by_name, which is in name order: a value
+// order or the extension order.
+void db_build_value_order(const db_t *db, db_order_t order, bool folder, const db_ref_t *by_name, uint32_t n,
+                          db_ref_t *out);

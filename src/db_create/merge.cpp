@@ -111,17 +111,6 @@ static void _verbose_drop(const db_job_t *job, const char *format, db_ref_t r) {
 
 // ---- sorting -------------------------------------------------------------------------------------------
 
-// Name order, then the parent, so that records with the same parent and name always stand side by
-// side. Full ties keep the order in which the sources delivered them (the sort is stable), which makes
-// the choice of which duplicate survives the same at every rebuild, whatever the record addresses.
-static int _name_cmp(uint32_t a, uint32_t b) {
-    int d = db_name_compare(a, b);
-    if (d)
-        return d;
-    db_ref_t pa = db_record_parent(a), pb = db_record_parent(b);
-    return pa < pb ? -1 : pa > pb;
-}
-
 struct _frn_sort_t {
     const db_job_t *job;
     uint32_t type;
@@ -179,7 +168,8 @@ static void _collect_folders(_merge_t *m) {
         }
         m->folders.items[m->folders.count++] = f;
     }
-    debug_printf("removed %d orphaned folders in %f seconds\n", (int) dropped, (int) (debug_now_us() - start));
+    debug_printf("removed %d orphaned folders in %f seconds\n", (int) dropped,
+                 (int) (debug_now_us() - start));
 }
 
 // Runs before the tops lose their marker: a parent whose own parent is 0 is then an orphan.
@@ -320,16 +310,32 @@ static uint32_t _tail(uint32_t type) {
 }
 
 // Allocates and fills the final copy of each temporary record in the flat order; the final parent
-// holds the temporary parent for now.
-static void _finals(_merge_t *m, _flat_t *f, bool folders, db_ref_t *out) {
+// holds the temporary parent for now. A record's source index lies at the end of its parent chain: a
+// walk for each folder, whose result the map keeps by temporary folder, so that a file asks its parent
+// instead of walking. index (one per record) gets the source index of each.
+static void _finals(_merge_t *m, _flat_t *f, bool folders, db_ref_t *out, db_build_map_t *source_of,
+                    uint32_t *index_out) {
     db_t *db = m->job->db;
     const db_structure_t *s = &db->structure;
+    // With one source every record is its own.
+    const db_build_source_t *single = m->job->sources && !m->job->sources->next ? m->job->sources : nullptr;
     for (uint32_t i = 0; i < f->count; i++) {
         db_ref_t t = f->items[i];
         uint32_t len;
         db_record_name(t, &len);
         db_ref_t parent = db_record_parent(t);
-        uint32_t index = db_record_fs_index(t);
+        uint32_t index;
+        if (single) {
+            index = single->index;
+        } else {
+            index = folders || !parent ? db_record_fs_index(t) : db_build_map_get(source_of, parent);
+            // Not reached while every parent is a kept folder; the final copy of the parent still knows.
+            if (index == UINT32_MAX)
+                index = db_record_fs_index(db_record_parent(parent));
+            if (folders)
+                db_build_map_put(source_of, t, index);
+        }
+        index_out[i] = index;
         uint32_t type = m->source_type[index];
         uint32_t size =
             folders ? db_folder_record_size(s, type, !parent, len) : db_file_record_size(s, !parent, len);
@@ -363,10 +369,12 @@ static void _add_child(db_t *db, db_ref_t parent) {
         db_folder_set_child_count(db, parent, db_folder_child_count(db, parent) + 1);
 }
 
-static void _setup_folders(_merge_t *m, db_ref_t *final_folders) {
+static void _setup_folders(_merge_t *m, db_ref_t *final_folders, db_build_map_t *source_of) {
     db_t *db = m->job->db;
     uint32_t n = m->folders.count;
-    _finals(m, &m->folders, true, final_folders);
+    uint32_t *index = (uint32_t *) mem_alloc(((size_t) n + 1) * sizeof(uint32_t));
+    _finals(m, &m->folders, true, final_folders, source_of, index);
+    mem_free(index);
     // The temporary record now points forward at its final copy...
     for (uint32_t i = 0; i < n; i++)
         _set_parent(m->folders.items[i], final_folders[i]);
@@ -390,21 +398,23 @@ static void _setup_folders(_merge_t *m, db_ref_t *final_folders) {
     }
 }
 
-static void _setup_files(_merge_t *m, db_ref_t *final_files) {
+static void _setup_files(_merge_t *m, db_ref_t *final_files, db_build_map_t *source_of) {
     db_t *db = m->job->db;
     uint32_t n = m->files.count;
-    _finals(m, &m->files, false, final_files);
+    uint32_t *index = (uint32_t *) mem_alloc(((size_t) n + 1) * sizeof(uint32_t));
+    _finals(m, &m->files, false, final_files, source_of, index);
     for (uint32_t i = 0; i < n; i++) {
         db_ref_t p = db_record_parent(final_files[i]);
         if (!p)
             continue;
         db_ref_t fp = db_record_parent(p);
         _set_parent(final_files[i], fp);
-        uint32_t type = m->source_type[db_record_fs_index(fp)];
+        uint32_t type = m->source_type[index[i]];
         if (type == DB_FS_NTFS || type == DB_FS_REFS)
             _add_child(db, fp);
     }
     _fill_array(&db->files, final_files, n);
+    mem_free(index);
 }
 
 static void _folder_sizes(db_t *db, const db_ref_t *folders, uint32_t nf, const db_ref_t *files, uint32_t n) {
@@ -429,31 +439,26 @@ static void _folder_sizes(db_t *db, const db_ref_t *folders, uint32_t nf, const 
 
 // ---- the other sorted arrays ---------------------------------------------------------------------------
 
-struct _sort_ctx_t {
-    const db_t *db;
-    db_order_t order;
-    bool folder;
-};
-
-static int _order_cmp(void *c, uint32_t a, uint32_t b) {
-    _sort_ctx_t *s = (_sort_ctx_t *) c;
-    return db_compare(s->db, s->order, s->folder, a, b);
-}
-
-static void _other_sorts(db_t *db, bool folder, db_ref_t *items, uint32_t n) {
+// Every further array derives from the name order of the records, which by_name holds; the path order
+// also from the ranks of the folders' paths.
+static void _other_sorts(db_t *db, bool folder, const db_ref_t *by_name, uint32_t n,
+                         const db_build_ranks_t *ranks) {
     uint32_t start = debug_now_us();
     static const db_order_t orders[] = {DB_ORDER_PATH,          DB_ORDER_SIZE,          DB_ORDER_DATE_CREATED,
                                         DB_ORDER_DATE_MODIFIED, DB_ORDER_DATE_ACCESSED, DB_ORDER_ATTRIBUTES,
                                         DB_ORDER_EXTENSION};
+    db_ref_t *items = (db_ref_t *) mem_alloc(((size_t) n + 1) * sizeof(db_ref_t));
     for (db_order_t order : orders) {
         mem_array_t *a = db_array(db, order, folder);
         if (!a)
             continue;
-        _sort_ctx_t c = {db, order, folder};
-        // Each sort starts from the order the one before left.
-        os_qsort_ex(items, n, &c, _order_cmp);
+        if (order == DB_ORDER_PATH)
+            db_build_path_order(by_name, n, ranks, items);
+        else
+            db_build_value_order(db, order, folder, by_name, n, items);
         _fill_array(a, items, n);
     }
+    mem_free(items);
     debug_printf(folder ? "other folder sorts: %f seconds" : "Other file sorts: %f seconds",
                  (int) (debug_now_us() - start));
 }
@@ -528,14 +533,20 @@ void db_build_merge(db_job_t *job) {
     _clear_tops(&m);
     debug_printf("sort folder indexes.\n");
     uint32_t start = debug_now_us();
-    os_qsort(m.folders.items, m.folders.count, _name_cmp);
+    // The folded path of every folder, ranked once: the name sorts and the path orders compare parents
+    // through it.
+    db_build_ranks_t temp_ranks;
+    db_build_ranks_init(&temp_ranks, m.folders.items, m.folders.count, nullptr, nullptr, 0);
+    debug_printf("rank folder paths: %f seconds\n", (int) (debug_now_us() - start));
+    start = debug_now_us();
+    db_build_sort_names(m.folders.items, m.folders.count, &temp_ranks);
     _frn_sort_t fs_ntfs = {job, DB_FS_NTFS}, fs_refs = {job, DB_FS_REFS};
     os_qsort_ex(m.ntfs.items, m.ntfs.count, &fs_ntfs, _frn_cmp);
     os_qsort_ex(m.refs.items, m.refs.count, &fs_refs, _frn_cmp);
     debug_printf("folder name os_qsort: %f seconds\n", (int) (debug_now_us() - start));
     debug_printf("sort file indexes.\n");
     start = debug_now_us();
-    os_qsort(m.files.items, m.files.count, _name_cmp);
+    db_build_sort_names(m.files.items, m.files.count, &temp_ranks);
     debug_printf("os_qsort file names indexes: %f seconds\n", (int) (debug_now_us() - start));
     _dupes(&m);
     debug_printf("setup indexes.\n");
@@ -546,20 +557,33 @@ void db_build_merge(db_job_t *job) {
     debug_printf("setup folders.\n");
     uint32_t folders_start = debug_now_us();
     db_ref_t *final_folders = (db_ref_t *) mem_alloc(((size_t) m.folders.count + 1) * sizeof(db_ref_t));
-    _setup_folders(&m, final_folders);
+    db_build_map_t source_of;
+    db_build_map_init(&source_of, m.folders.count);
+    _setup_folders(&m, final_folders, &source_of);
+    // The final folders take the ranks of their temporary copies, which they match one for one.
+    uint32_t *given = (uint32_t *) mem_alloc(((size_t) m.folders.count + 1) * sizeof(uint32_t));
+    for (uint32_t i = 0; i < m.folders.count; i++)
+        given[i] = db_build_rank(&temp_ranks, m.folders.items[i]);
+    db_build_ranks_t ranks;
+    db_build_ranks_init(&ranks, final_folders, m.folders.count, given, temp_ranks.class_size,
+                        temp_ranks.rank_count);
+    mem_free(given);
+    db_build_ranks_kill(&temp_ranks);
     debug_printf("setup files.\n");
     uint32_t files_start = debug_now_us();
     db_ref_t *final_files = (db_ref_t *) mem_alloc(((size_t) m.files.count + 1) * sizeof(db_ref_t));
-    _setup_files(&m, final_files);
+    _setup_files(&m, final_files, &source_of);
+    db_build_map_kill(&source_of);
     if ((db->structure.word & DB_STRUCTURE_FOLDER_SIZE) && (db->structure.word & DB_STRUCTURE_SIZE))
         _folder_sizes(db, final_folders, m.folders.count, final_files, m.files.count);
     if (db->structure.word & 0x3F00) {
-        _other_sorts(db, true, final_folders, m.folders.count);
-        _other_sorts(db, false, final_files, m.files.count);
+        _other_sorts(db, true, final_folders, m.folders.count, &ranks);
+        _other_sorts(db, false, final_files, m.files.count, &ranks);
     }
     debug_printf("setup files: %f seconds\n", (int) (debug_now_us() - files_start));
     debug_printf("setup folders: %f seconds\n", (int) (debug_now_us() - folders_start));
     debug_printf("create db time taken: %f seconds\n", (int) (debug_now_us() - total));
+    db_build_ranks_kill(&ranks);
     mem_free(final_folders);
     mem_free(final_files);
     mem_free(m.folders.items);

@@ -138,17 +138,38 @@ void csv_close(csv_t *csv) {
 
 // ---- fields --------------------------------------------------------------------------------------------
 
+// A line that lies whole in the reader's buffer is parsed where it lies: fields are cut and unquoted in
+// place, which the buffer allows as well as the line copy does, and the buffer is not refilled before
+// the next line is asked for. Only a line that runs past the buffer's end is gathered into the copy.
+static bool _csv_next_line(csv_t *csv, char **start, char **end) {
+    line_reader_t *r = &csv->reader;
+    if (r->pos < r->avail) {
+        char *p = r->buffer + r->pos;
+        char *lf = (char *) memchr(p, '\n', r->avail - r->pos);
+        if (lf) {
+            r->pos += (size_t) (lf - p) + 1;
+            *start = p;
+            *end = lf > p && lf[-1] == '\r' ? lf - 1 : lf;
+            return true;
+        }
+    }
+    if (!line_reader_next(r, &csv->line)) {
+        return false;
+    }
+    *start = csv->line.ptr;
+    *end = csv->line.ptr + csv->line.len;
+    return true;
+}
+
 static bool _csv_load_line(csv_t *csv) {
-    if (!line_reader_next(&csv->reader, &csv->line)) {
+    char *p;
+    if (!_csv_next_line(csv, &p, &csv->end)) {
         csv->eof = true;
         return false;
     }
-    char *p = csv->line.ptr;
-    csv->end = p + csv->line.len;
     if (csv->first_line) {
         csv->first_line = false;
-        if (csv->line.len >= 3 && (uint8_t) p[0] == 0xEF && (uint8_t) p[1] == 0xBB &&
-            (uint8_t) p[2] == 0xBF) {
+        if (csv->end - p >= 3 && (uint8_t) p[0] == 0xEF && (uint8_t) p[1] == 0xBB && (uint8_t) p[2] == 0xBF) {
             p += 3;
         }
     }

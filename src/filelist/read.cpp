@@ -224,14 +224,16 @@ static bool _read_header(csv_t *csv, int *positions, int *column_count) {
     return positions[_COL_FILENAME] >= 0;
 }
 
-static void _add_item(filelist_t *list, const str_t *path, const os_file_info_t *fd, uint8_t flags) {
-    size_t size = offsetof(filelist_item_t, path) + (size_t) path->len + 1;
+static void _add_item(filelist_t *list, const char *path, size_t len, const os_file_info_t *fd,
+                      uint8_t flags) {
+    size_t size = offsetof(filelist_item_t, path) + len + 1;
     filelist_item_t *item = (filelist_item_t *) mem_stack_alloc(&list->pool, size);
     item->next = nullptr;
     item->fd = *fd;
-    item->path_len = (uint32_t) path->len;
+    item->path_len = (uint32_t) len;
     item->flags = flags;
-    memcpy(item->path, path->ptr, (size_t) path->len + 1);
+    memcpy(item->path, path, len);
+    item->path[len] = 0;
     if (list->last) {
         list->last->next = item;
     } else {
@@ -281,8 +283,17 @@ static void _read_row(filelist_t *list, csv_t *csv, const int *positions, int co
     fd.date_modified = _parse_date(values[_COL_MODIFIED]);
     fd.date_accessed = _parse_date(values[_COL_ACCESSED]);
     fd.attributes = attributes;
-    filelist_resolve_path(path, base_dir, values[_COL_FILENAME], (size_t) filename_len, list->sep);
-    _add_item(list, path, &fd, folder ? FILELIST_ITEM_FOLDER : 0);
+    const char *name = values[_COL_FILENAME];
+    uint8_t flags = folder ? FILELIST_ITEM_FOLDER : 0;
+    // The common row names an absolute path in this platform's own form: resolving would copy it as it
+    // stands, so it goes from the field into the item at once.
+    bool turned = list->sep == '/' ? name[0] != '/' : name[0] == '/';
+    if (!turned && filelist_path_is_absolute(name, (size_t) filename_len, list->sep)) {
+        _add_item(list, name, (size_t) filename_len, &fd, flags);
+        return;
+    }
+    filelist_resolve_path(path, base_dir, name, (size_t) filename_len, list->sep);
+    _add_item(list, path->ptr, (size_t) path->len, &fd, flags);
 }
 
 int filelist_read_csv(filelist_t *list, csv_t *csv, const char *base_dir, const filelist_options_t *options) {

@@ -25,11 +25,24 @@ void *os_vm_reserve(size_t size) {
     return p == MAP_FAILED ? nullptr : p;
 }
 
+#ifdef MADV_POPULATE_WRITE
+#define OS_MADV_POPULATE_WRITE MADV_POPULATE_WRITE
+#else
+#define OS_MADV_POPULATE_WRITE 23 // the kernel's value; older C library headers lack the name
+#endif
+
 bool os_vm_commit(void *ptr, size_t size) {
     char *start;
     size_t len;
     _os_page_range(ptr, size, &start, &len);
-    return mprotect(start, len, PROT_READ | PROT_WRITE) == 0;
+    if (mprotect(start, len, PROT_READ | PROT_WRITE) != 0)
+        return false;
+    // Committed memory is written at once (the arena commits a block when it hands out its first bytes),
+    // so the pages are made present in one call rather than by a fault per page: a large index build or
+    // load spends a third of its time in page faults otherwise. Kernels before 5.14 refuse the advice,
+    // and the pages then come by faults as before.
+    madvise(start, len, OS_MADV_POPULATE_WRITE);
+    return true;
 }
 
 void os_vm_decommit(void *ptr, size_t size) {

@@ -6,10 +6,10 @@
 // and no record can be larger than the pool serves. A failure returns false at once; the caller clears
 // whatever was built.
 #include <cstring>
-#include <pcre2.h>
 
 #include "config/config.h"
 #include "db/dbfile.h"
+#include "db_create/db_create.h"
 #include "debug/debug.h"
 #include "mem/mem.h"
 
@@ -183,24 +183,6 @@ static void _read_sources(_reader_t *r) {
 
 // ---- the exclude lists ---------------------------------------------------------------------------------
 
-// Adds a stored pattern as the settings add theirs: the regular expression kinds are compiled now, and a
-// pattern that doesn't compile stays as a text that matches nothing.
-static db_exclude_item_t **_exclude_add(db_exclude_item_t **tail, uint32_t kind, const str_t *text) {
-    db_exclude_item_t *item = (db_exclude_item_t *) mem_alloc(sizeof(db_exclude_item_t));
-    memset(item, 0, sizeof(*item));
-    item->kind = kind;
-    item->length = (uint32_t) text->len;
-    item->text = mem_dup(text->len ? text->ptr : "", (size_t) text->len);
-    if (kind == 9 || kind == 10) {
-        int code;
-        PCRE2_SIZE offset;
-        item->regex = pcre2_compile((PCRE2_SPTR) item->text, item->length,
-                                    PCRE2_CASELESS | PCRE2_UTF | PCRE2_UCP, &code, &offset, nullptr);
-    }
-    *tail = item;
-    return &item->next;
-}
-
 static bool _needs_path(const db_exclude_item_t *list) {
     for (; list; list = list->next)
         if (list->kind == 0 || list->kind == 8 || list->kind == 10)
@@ -216,7 +198,9 @@ static void _read_patterns(os_file_stream_t *s, db_exclude_item_t **list) {
     for (uint32_t i = 0; i < n && !s->error; i++) {
         uint32_t kind = os_stream_read_u8(s);
         os_stream_read_string_max(s, &text, 0x7FFFFFFFu);
-        tail = _exclude_add(tail, kind, &text);
+        // Added as the settings add theirs, so that a regular expression is compiled now and one that
+        // doesn't compile stays a text that matches nothing.
+        tail = db_exclude_add_stored(tail, kind, text.ptr, (uint32_t) text.len);
     }
     str_kill(&text);
 }
@@ -292,7 +276,7 @@ static bool _read_delta(_reader_t *r, uint32_t prev_len, uint32_t *add, uint32_t
     *add = os_stream_read_len(r->s);
     uint32_t cut = *add ? os_stream_read_len(r->s) : 0;
     if (cut > prev_len) {
-        debug_printf(folder ? "Invalid folder code offset %d > %d." : "Invalid file code offset %d > %d.",
+        debug_printf(folder ? "Invalid folder code offset %d > %d.\n" : "Invalid file code offset %d > %d.\n",
                      (int) cut, (int) prev_len);
         return false;
     }
@@ -451,7 +435,7 @@ static bool _read_array(_reader_t *r, mem_array_t *a, uint32_t count, const mem_
             if (!bad && type_only >= 0)
                 bad = db_fs_get(r->db, r->fs_of[v])->type != (uint32_t) type_only;
             if (bad) {
-                debug_printf(folder ? "invalid folder index %u" : "invalid file index %u", v);
+                debug_printf(folder ? "invalid folder index %u\n" : "invalid file index %u\n", v);
                 return false;
             }
             r->seen[v / 8] |= (uint8_t) (1 << (v % 8));

@@ -52,6 +52,10 @@ enum {
 // compiled with JIT, or kept as a text that matches nothing when it doesn't compile. On Linux a separator
 // in a regular expression is '/', on Windows a doubled backslash. Returns the new tail link.
 db_exclude_item_t **db_exclude_add(db_exclude_item_t **tail, const char *pattern, uint32_t len);
+// Appends an item already classified, its text as db_exclude_add stores it (as the database file keeps
+// it); the regular expression kinds are compiled as db_exclude_add compiles them. Returns the new tail.
+db_exclude_item_t **db_exclude_add_stored(db_exclude_item_t **tail, uint32_t kind, const char *text,
+                                          uint32_t len);
 // Builds the three lists and the flags from the frozen settings (the lists stay empty with the exclude
 // list switched off; the hidden and system flags apply still). out is overwritten; kill it with
 // db_exclude_kill.

@@ -62,17 +62,28 @@ static void *_compile(const char *text, uint32_t len) {
     return re;
 }
 
-db_exclude_item_t **db_exclude_add(db_exclude_item_t **tail, const char *pattern, uint32_t len) {
-    uint32_t start, end;
-    uint32_t kind = _classify(pattern, len, &start, &end);
+db_exclude_item_t **db_exclude_add_stored(db_exclude_item_t **tail, uint32_t kind, const char *text,
+                                          uint32_t len) {
     db_exclude_item_t *item = (db_exclude_item_t *) mem_alloc(sizeof(db_exclude_item_t));
     memset(item, 0, sizeof(*item));
     item->kind = kind;
-    if (kind == DB_EXCLUDE_REGEX || kind == DB_EXCLUDE_PATH_REGEX) {
-        item->text = mem_dup(pattern + start, end - start);
-        item->length = end - start;
+    item->text = mem_dup(len ? text : "", len);
+    item->length = len;
+    if (kind == DB_EXCLUDE_REGEX || kind == DB_EXCLUDE_PATH_REGEX)
         item->regex = _compile(item->text, item->length);
-    } else {
+    *tail = item;
+    return &item->next;
+}
+
+db_exclude_item_t **db_exclude_add(db_exclude_item_t **tail, const char *pattern, uint32_t len) {
+    uint32_t start, end;
+    uint32_t kind = _classify(pattern, len, &start, &end);
+    if (kind == DB_EXCLUDE_REGEX || kind == DB_EXCLUDE_PATH_REGEX)
+        return db_exclude_add_stored(tail, kind, pattern + start, end - start);
+    db_exclude_item_t *item = (db_exclude_item_t *) mem_alloc(sizeof(db_exclude_item_t));
+    memset(item, 0, sizeof(*item));
+    item->kind = kind;
+    {
         str_t folded;
         str_init(&folded);
         term_fold(&folded, pattern + start, end - start, TEXT_FOLD_LOWER);

@@ -50,6 +50,12 @@ TEST(Exclude, KindsAndMatches) {
         EXPECT_EQ(db_exclude_item_match(list, md, c.name, (uint32_t) strlen(c.name), path.data(),
                                         (uint32_t) path.size()),
                   c.match);
+        // The form a database file keeps, kind and stored text, must match the same when loaded.
+        db_exclude_add_stored(&list->next, list->kind, list->text, list->length);
+        EXPECT_EQ(db_exclude_item_match(list->next, md, c.name, (uint32_t) strlen(c.name), path.data(),
+                                        (uint32_t) path.size()),
+                  c.match)
+            << "stored form";
         db_exclude_t e = {};
         e.folders = list;
         db_exclude_kill(&e);

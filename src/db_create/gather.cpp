@@ -298,7 +298,7 @@ static void _read_volume(db_build_ctx_t *ctx) {
             if (!reader->read(vol, ctx))
                 src->out_of_date = true;
             reader->close(vol);
-            debug_printf(ntfs ? "ntfs index: %d folders, %d files" : "refs index: %d folders, %d files",
+            debug_printf(ntfs ? "ntfs index: %d folders, %d files\n" : "refs index: %d folders, %d files\n",
                          (int) ctx->folder_count, (int) ctx->file_count);
         }
     }

@@ -252,11 +252,11 @@ static void _frn_dupes(_merge_t *m, _flat_t *f, uint32_t type, _flat_t *noted) {
         uint64_t lo, hi = 0;
         memcpy(&lo, fb, 8);
         if (type == DB_FS_NTFS) {
-            debug_color_printf((int32_t) 0xFFFF0000, "found folder NTFS FRN dupe %d:%016I64x",
+            debug_color_printf((int32_t) 0xFFFF0000, "found folder NTFS FRN dupe %d:%016I64x\n",
                                (int) db_record_fs_index(b), lo);
         } else {
             memcpy(&hi, fb + 8, 8);
-            debug_color_printf((int32_t) 0xFFFF0000, "found folder REFS FRN dupe %d:%016I64x%016I64x",
+            debug_color_printf((int32_t) 0xFFFF0000, "found folder REFS FRN dupe %d:%016I64x%016I64x\n",
                                (int) db_record_fs_index(b), hi, lo);
         }
         noted->items[noted->count++] = b;
@@ -286,7 +286,7 @@ static void _dupes(_merge_t *m) {
             continue;
         uint32_t len;
         const char *name = db_record_name(b, &len);
-        debug_color_printf((int32_t) 0xFFFF0000, "found file name dupe %t", name, (int) len);
+        debug_color_printf((int32_t) 0xFFFF0000, "found file name dupe %t\n", name, (int) len);
         // Marked after the walk: the comparison with the next one needs the real parent.
         noted.items[noted.count++] = b;
     }
@@ -459,7 +459,7 @@ static void _other_sorts(db_t *db, bool folder, const db_ref_t *by_name, uint32_
         _fill_array(a, items, n);
     }
     mem_free(items);
-    debug_printf(folder ? "other folder sorts: %f seconds" : "Other file sorts: %f seconds",
+    debug_printf(folder ? "other folder sorts: %f seconds\n" : "Other file sorts: %f seconds\n",
                  (int) (debug_now_us() - start));
 }
 

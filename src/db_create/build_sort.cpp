@@ -22,6 +22,20 @@
 
 // Sorts a[0..n) with tmp holding at least n / 2 + 1 elements. Ties keep their input order: insertion moves
 // an element only past strictly greater ones, and a merge takes the left run's element on a tie.
+// Merges the sorted runs a[0, half) and a[half, n) in place through tmp (half elements), stably: on a tie
+// the left run's element comes first. Runs already in order cost one compare.
+template <class T, class C>
+static void _merge_halves(T *a, T *tmp, size_t half, size_t n, const C &cmp) {
+    if (cmp(a[half - 1], a[half]) <= 0)
+        return;
+    memcpy((void *) tmp, (const void *) a, half * sizeof(T));
+    size_t i = 0, j = half, k = 0;
+    while (i < half && j < n)
+        a[k++] = cmp(a[j], tmp[i]) < 0 ? a[j++] : tmp[i++];
+    while (i < half)
+        a[k++] = tmp[i++];
+}
+
 template <class T, class C>
 static void _merge_sort(T *a, T *tmp, size_t n, const C &cmp) {
     if (n <= BUILD_SORT_INSERTION) {
@@ -37,14 +51,7 @@ static void _merge_sort(T *a, T *tmp, size_t n, const C &cmp) {
     size_t half = n / 2;
     _merge_sort(a, tmp, half, cmp);
     _merge_sort(a + half, tmp, n - half, cmp);
-    if (cmp(a[half - 1], a[half]) <= 0)
-        return;
-    memcpy((void *) tmp, (const void *) a, half * sizeof(T));
-    size_t i = 0, j = half, k = 0;
-    while (i < half && j < n)
-        a[k++] = cmp(a[j], tmp[i]) < 0 ? a[j++] : tmp[i++];
-    while (i < half)
-        a[k++] = tmp[i++];
+    _merge_halves(a, tmp, half, n, cmp);
 }
 
 template <class T, class C>
@@ -80,14 +87,7 @@ static void _stable_sort(T *a, size_t n, const C &cmp) {
     os_thread_t *t = os_thread_create(_half_proc<T, C>, &right);
     _half_proc<T, C>(&left);
     os_thread_destroy(t);
-    if (cmp(a[half - 1], a[half]) > 0) {
-        memcpy((void *) tmp, (const void *) a, half * sizeof(T));
-        size_t i = 0, j = half, k = 0;
-        while (i < half && j < n)
-            a[k++] = cmp(a[j], tmp[i]) < 0 ? a[j++] : tmp[i++];
-        while (i < half)
-            a[k++] = tmp[i++];
-    }
+    _merge_halves(a, tmp, half, n, cmp);
     mem_free(tmp);
 }
 

@@ -14,23 +14,12 @@
 #include "mem/mem.h"
 #include "os/os.h"
 #include "os/os_main.h"
+#include "program.h"
 
 namespace {
 
-std::string exe_path() {
-    str_t folder;
-    str_init(&folder);
-    os_exe_folder(&folder);
-    std::string path = std::string(folder.ptr, (size_t) folder.len) + OS_SEP_STR + "sablewatch";
-#ifdef _WIN32
-    path += ".exe";
-#endif
-    str_kill(&folder);
-    return path;
-}
-
 int run_program(const std::vector<const char *> &args) {
-    os_process_t *p = os_process_start(exe_path().c_str(), args.data(), (int) args.size());
+    os_process_t *p = os_process_start(program_path().c_str(), args.data(), (int) args.size());
     if (!p)
         return -100;
     int code = -1;
@@ -76,7 +65,7 @@ std::vector<char> read_all(const std::string &path) {
 }
 
 TEST(ProgramIndex, ReindexUpdateExitLeavesTheIndexFileAndALaterStartKeepsIt) {
-    ASSERT_TRUE(os_file_exists(exe_path().c_str())) << "build the sablewatch target first";
+    ASSERT_TRUE(os_file_exists(program_path().c_str())) << "build the sablewatch target first";
     str_t tmp;
     str_init(&tmp);
     os_temp_folder(&tmp);
@@ -144,7 +133,7 @@ TEST(ProgramIndex, ReindexUpdateExitLeavesTheIndexFileAndALaterStartKeepsIt) {
 // -create-file-list does its one job without taking the instance: a running instance doesn't stop it,
 // and the list it leaves reads back as the tree minus what its filters exclude.
 TEST(ProgramIndex, CreateFileListWritesTheFilteredTree) {
-    ASSERT_TRUE(os_file_exists(exe_path().c_str())) << "build the sablewatch target first";
+    ASSERT_TRUE(os_file_exists(program_path().c_str())) << "build the sablewatch target first";
     str_t tmp;
     str_init(&tmp);
     os_temp_folder(&tmp);

@@ -9,20 +9,9 @@
 #include "mem/mem.h"
 #include "os/os.h"
 #include "os/os_main.h"
+#include "program.h"
 
 namespace {
-
-std::string program_path() {
-    str_t folder;
-    str_init(&folder);
-    os_exe_folder(&folder);
-    std::string path = std::string(folder.ptr, (size_t) folder.len) + OS_SEP_STR + "sablewatch";
-#ifdef _WIN32
-    path += ".exe";
-#endif
-    str_kill(&folder);
-    return path;
-}
 
 // Runs the program to its end. Returns its exit code, or -1 when it did not end in time; *ms is how long
 // it ran.

@@ -75,7 +75,9 @@ TEST_F(Program, ExitWithNothingRunningEndsAtOnceAndLeavesNothing) {
 TEST_F(Program, SecondStartsMeetTheFirstInstance) {
     const char *inst = instance.c_str();
     os_process_t *first =
-        os_process_start(program_path().c_str(), std::vector<const char *>{"-instance", inst}.data(), 2);
+        // -no-db: the instance under test builds its (empty) index in memory and leaves no file behind.
+        os_process_start(program_path().c_str(),
+                         std::vector<const char *>{"-instance", inst, "-no-db"}.data(), 3);
     ASSERT_NE(first, nullptr);
     bool up = false;
     for (int i = 0; i < 300 && !up; i++) {

@@ -325,9 +325,14 @@ int db_path_name_compare_desc(db_ref_t a, db_ref_t b);
 // Size and date orders: unsigned, unknown below every known value, ties to name order. Attribute order:
 // the letter forms bytewise, ties to name order. folder says which data offsets apply.
 int db_value_compare(const db_t *db, bool folder, db_field_t field, db_ref_t a, db_ref_t b);
+// The same without the tie to name order: 0 when the values alone don't decide. For sorts that start
+// from name order and keep it stably.
+int db_value_level_compare(const db_t *db, bool folder, db_field_t field, db_ref_t a, db_ref_t b);
 // Extension order: the text behind the last '.' of the name (empty without one) by
 // utf8_compare_lower_base, ties to name order.
 int db_extension_compare(db_ref_t a, db_ref_t b);
+// The extensions alone, without the tie to name order.
+int db_extension_level_compare(db_ref_t a, db_ref_t b);
 // FRN order of folders: NTFS 64-bit unsigned, ReFS 128-bit from the high half; then the source index.
 int db_frn_compare(const db_t *db, db_ref_t a, db_ref_t b);
 
@@ -450,7 +455,7 @@ struct db_t {
     db_exclude_t exclude;
     db_structure_t structure;
 
-    char *remote_name; // a private index over one named file list, or null
+    char *remote_name;       // a private index over one named file list, or null
     int32_t filelist_status; // of that private index's read: FILELIST_OK, _NO_FILENAME (1), _OPEN_FAILED (2)
 
     // The file-list change monitor: its thread and stop event, owned by the monitor code; null when none.

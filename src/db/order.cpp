@@ -349,9 +349,7 @@ int db_attribute_letters(uint32_t attributes, char *out) {
     return n;
 }
 
-int db_value_compare(const db_t *db, bool folder, db_field_t field, db_ref_t a, db_ref_t b) {
-    if (a == b)
-        return 0;
+int db_value_level_compare(const db_t *db, bool folder, db_field_t field, db_ref_t a, db_ref_t b) {
     uint64_t va = folder ? db_folder_get(db, a, field) : db_file_get(db, a, field);
     uint64_t vb = folder ? db_folder_get(db, b, field) : db_file_get(db, b, field);
     int c;
@@ -367,6 +365,13 @@ int db_value_compare(const db_t *db, bool folder, db_field_t field, db_ref_t a, 
         vb += 1;
         c = (va > vb) - (va < vb);
     }
+    return c;
+}
+
+int db_value_compare(const db_t *db, bool folder, db_field_t field, db_ref_t a, db_ref_t b) {
+    if (a == b)
+        return 0;
+    int c = db_value_level_compare(db, folder, field, a, b);
     return c ? c : db_name_compare(a, b);
 }
 
@@ -381,15 +386,19 @@ const char *db_name_extension(const char *name, uint32_t len, uint32_t *ext_len)
     return name + len;
 }
 
-int db_extension_compare(db_ref_t a, db_ref_t b) {
-    if (a == b)
-        return 0;
+int db_extension_level_compare(db_ref_t a, db_ref_t b) {
     uint32_t la, lb, ea, eb;
     const char *na = db_record_name(a, &la);
     const char *nb = db_record_name(b, &lb);
     const char *xa = db_name_extension(na, la, &ea);
     const char *xb = db_name_extension(nb, lb, &eb);
-    int c = utf8_compare_lower_base(xa, ea, xb, eb);
+    return utf8_compare_lower_base(xa, ea, xb, eb);
+}
+
+int db_extension_compare(db_ref_t a, db_ref_t b) {
+    if (a == b)
+        return 0;
+    int c = db_extension_level_compare(a, b);
     return c ? c : db_name_compare(a, b);
 }
 

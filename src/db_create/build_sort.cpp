@@ -312,35 +312,16 @@ struct _value_ctx_t {
     db_field_t field;
 };
 
-static uint64_t _value(const _value_ctx_t *c, db_ref_t r) {
-    return c->folder ? db_folder_get(c->db, r, c->field) : db_file_get(c->db, r, c->field);
-}
-
-// db_value_compare without its last level, the name order, which the input already has.
+// The value level of db_value_compare, and of db_extension_compare: the input is in name order already,
+// and a stable sort keeps it within every tie.
 static int _value_only(void *context, uint32_t a, uint32_t b) {
     const _value_ctx_t *c = (const _value_ctx_t *) context;
-    uint64_t va = _value(c, a), vb = _value(c, b);
-    if (c->field == DB_FIELD_ATTRIBUTES) {
-        char la[16], lb[16];
-        int na = db_attribute_letters((uint32_t) va, la);
-        int nb = db_attribute_letters((uint32_t) vb, lb);
-        int d = memcmp(la, lb, (size_t) (na < nb ? na : nb));
-        return d ? d : na - nb;
-    }
-    // Unknown (all ones) sorts first: adding one makes it 0.
-    va += 1;
-    vb += 1;
-    return (va > vb) - (va < vb);
+    return db_value_level_compare(c->db, c->folder, c->field, a, b);
 }
 
 static int _extension_only(void *context, uint32_t a, uint32_t b) {
     (void) context;
-    uint32_t la, lb, ea, eb;
-    const char *na = db_record_name(a, &la);
-    const char *nb = db_record_name(b, &lb);
-    const char *xa = db_name_extension(na, la, &ea);
-    const char *xb = db_name_extension(nb, lb, &eb);
-    return utf8_compare_lower_base(xa, ea, xb, eb);
+    return db_extension_level_compare(a, b);
 }
 
 struct _full_ctx_t {
@@ -393,9 +374,8 @@ void db_build_value_order(const db_t *db, db_order_t order, bool folder, const d
     }
     _value_ctx_t c = {db, folder, field};
     // Unknown sizes and dates are all one value: then the order is the name order as it stands.
-    uint64_t first = n ? _value(&c, by_name[0]) : 0;
     uint32_t i = 1;
-    while (i < n && _value(&c, by_name[i]) == first)
+    while (i < n && _value_only(&c, by_name[0], by_name[i]) == 0)
         i++;
     if (i < n)
         os_qsort_ex(out, n, &c, _value_only);

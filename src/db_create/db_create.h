@@ -73,6 +73,9 @@ void db_exclude_match_data_destroy(void *match_data);
 // item of the list needs it; the path kinds then match nothing).
 bool db_exclude_item_match(const db_exclude_item_t *item, void *match_data, const char *name, uint32_t len,
                            const char *path, uint32_t plen);
+// Whether any item of a list matches (path may be null as for db_exclude_item_match).
+bool db_exclude_list_match(const db_exclude_item_t *list, void *match_data, const char *name, uint32_t len,
+                           const char *path, uint32_t plen);
 // A folder is excluded when any excluded-folder item matches.
 bool db_exclude_folder(const db_exclude_t *e, void *match_data, const char *name, uint32_t len,
                        const char *path, uint32_t plen);

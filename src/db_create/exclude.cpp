@@ -237,8 +237,8 @@ bool db_exclude_item_match(const db_exclude_item_t *item, void *match_data, cons
     }
 }
 
-static bool _any(const db_exclude_item_t *list, void *md, const char *name, uint32_t len, const char *path,
-                 uint32_t plen) {
+bool db_exclude_list_match(const db_exclude_item_t *list, void *md, const char *name, uint32_t len,
+                           const char *path, uint32_t plen) {
     for (; list; list = list->next)
         if (db_exclude_item_match(list, md, name, len, path, plen))
             return true;
@@ -247,14 +247,14 @@ static bool _any(const db_exclude_item_t *list, void *md, const char *name, uint
 
 bool db_exclude_folder(const db_exclude_t *e, void *md, const char *name, uint32_t len, const char *path,
                        uint32_t plen) {
-    return _any(e->folders, md, name, len, path, plen);
+    return db_exclude_list_match(e->folders, md, name, len, path, plen);
 }
 
 bool db_exclude_file(const db_exclude_t *e, void *md, const char *name, uint32_t len, const char *path,
                      uint32_t plen) {
-    if (_any(e->files, md, name, len, path, plen))
+    if (db_exclude_list_match(e->files, md, name, len, path, plen))
         return true;
-    return e->include_only_files && !_any(e->include_only_files, md, name, len, path, plen);
+    return e->include_only_files && !db_exclude_list_match(e->include_only_files, md, name, len, path, plen);
 }
 
 bool db_exclude_attributes(const db_exclude_t *e, uint32_t attributes) {

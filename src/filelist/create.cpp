@@ -47,12 +47,7 @@ void filelist_filter_kill(filelist_filter_t *f) {
 
 bool filelist_filter_match(const filelist_filter_t *f, void *match_data, const char *name, uint32_t len,
                            const char *path, uint32_t plen) {
-    for (const db_exclude_item_t *i = f->items; i; i = i->next) {
-        if (db_exclude_item_match(i, match_data, name, len, path, plen)) {
-            return true;
-        }
-    }
-    return false;
+    return db_exclude_list_match(f->items, match_data, name, len, path, plen);
 }
 
 // ---- the walk ------------------------------------------------------------------------------------------

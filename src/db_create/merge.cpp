@@ -312,7 +312,7 @@ static uint32_t _tail(uint32_t type) {
 // Allocates and fills the final copy of each temporary record in the flat order; the final parent
 // holds the temporary parent for now. A record's source index lies at the end of its parent chain: a
 // walk for each folder, whose result the map keeps by temporary folder, so that a file asks its parent
-// instead of walking. index (one per record) gets the source index of each.
+// instead of walking. index_out (one per record, or null) gets the source index of each.
 static void _finals(_merge_t *m, _flat_t *f, bool folders, db_ref_t *out, db_build_map_t *source_of,
                     uint32_t *index_out) {
     db_t *db = m->job->db;
@@ -335,7 +335,8 @@ static void _finals(_merge_t *m, _flat_t *f, bool folders, db_ref_t *out, db_bui
             if (folders)
                 db_build_map_put(source_of, t, index);
         }
-        index_out[i] = index;
+        if (index_out)
+            index_out[i] = index;
         uint32_t type = m->source_type[index];
         uint32_t size =
             folders ? db_folder_record_size(s, type, !parent, len) : db_file_record_size(s, !parent, len);
@@ -372,9 +373,7 @@ static void _add_child(db_t *db, db_ref_t parent) {
 static void _setup_folders(_merge_t *m, db_ref_t *final_folders, db_build_map_t *source_of) {
     db_t *db = m->job->db;
     uint32_t n = m->folders.count;
-    uint32_t *index = (uint32_t *) mem_alloc(((size_t) n + 1) * sizeof(uint32_t));
-    _finals(m, &m->folders, true, final_folders, source_of, index);
-    mem_free(index);
+    _finals(m, &m->folders, true, final_folders, source_of, nullptr);
     // The temporary record now points forward at its final copy...
     for (uint32_t i = 0; i < n; i++)
         _set_parent(m->folders.items[i], final_folders[i]);

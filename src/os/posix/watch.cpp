@@ -9,7 +9,6 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/inotify.h>
-#include <time.h>
 #include <unistd.h>
 
 struct os_watch_t {
@@ -109,12 +108,6 @@ bool os_watch_stop_is_set(os_watch_stop_t *s) {
     return poll(&p, 1, 0) == 1 && (p.revents & POLLIN);
 }
 
-static int64_t _now_ms() {
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return (int64_t) ts.tv_sec * 1000 + ts.tv_nsec / 1000000;
-}
-
 int os_watch_wait(os_watch_stop_t *stop, os_watch_t *const *watches, int count, uint32_t timeout_ms) {
     if (count < 0 || count > OS_WATCH_WAIT_MAX - 1) {
         return OS_WATCH_WAIT_FAILED;
@@ -124,12 +117,13 @@ int os_watch_wait(os_watch_stop_t *stop, os_watch_t *const *watches, int count, 
     for (int i = 0; i < count; i++) {
         p[i + 1] = {watches[i]->fd, POLLIN, 0};
     }
-    int64_t deadline = timeout_ms == OS_INFINITE ? 0 : _now_ms() + timeout_ms;
+    // Elapsed time by unsigned subtraction of the tick, which stays right across its wrap.
+    uint32_t start = os_tick_ms();
     for (;;) {
         int wait = -1;
         if (timeout_ms != OS_INFINITE) {
-            int64_t left = deadline - _now_ms();
-            wait = left > 0 ? (int) left : 0;
+            uint32_t spent = os_tick_ms() - start;
+            wait = spent < timeout_ms ? (int) (timeout_ms - spent) : 0;
         }
         int n = poll(p, (nfds_t) count + 1, wait);
         if (n < 0 && errno == EINTR) {

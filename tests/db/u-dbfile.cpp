@@ -998,3 +998,65 @@ TEST_F(DbFile, LoadTakesOverTheSettingsOfEachSourceItFinds) {
     EXPECT_EQ(db_fs_get(bare.db, 4)->next_update, 5u);
     os_hooks_reset();
 }
+
+// ---- the fuzzer's seeds --------------------------------------------------------------------------------
+
+// The tree's root: the nearest folder above this source file, or above the working folder, that holds
+// the fuzz targets.
+static fsys::path source_root() {
+    for (fsys::path p : {fsys::path(__FILE__).parent_path(), fsys::current_path()}) {
+        std::error_code ec;
+        for (p = fsys::absolute(p, ec); !p.empty() && p != p.parent_path(); p = p.parent_path())
+            if (fsys::exists(p / "fuzz" / "fuzz-dbload.cpp", ec))
+                return p;
+    }
+    return {};
+}
+
+// The seeds of the database loader's fuzzer: a small valid index for each mix of structure bits and
+// exclude flags, plain and compressed, each behind the byte by which the fuzzer chooses compression.
+// With SW_WRITE_FUZZ_CORPUS set to a folder the seeds are written there; otherwise those in the tree must
+// be exactly these, so that a change of the format can't leave the fuzzer with seeds it rejects at once.
+TEST_F(DbFile, FuzzSeedsAreValidIndexesOfEachFlagMix) {
+    // No arrays; the default; every field without arrays; folder sizes with their array; everything.
+    const uint32_t words[] = {0x0000, DB_STRUCTURE_DEFAULT, 0x003F, 0x0121, 0x7F3F};
+    const char *out_dir = getenv("SW_WRITE_FUZZ_CORPUS");
+    fsys::path root = source_root(),
+               tree_dir = root.empty() ? fsys::path() : root / "fuzz" / "corpus" / "fuzz-dbload";
+    int compared = 0;
+    for (size_t i = 0; i < sizeof(words) / sizeof(words[0]); i++) {
+        // Long names (the 32-bit length forms) in every other seed; short ones keep the rest small.
+        built_t b(words[i], 10, 16, (uint32_t) i + 100, i % 2 == 1);
+        b.h.db->exclude.exclude_hidden = (i & 1) != 0;
+        b.h.db->exclude.exclude_system = (i & 2) != 0;
+        std::string want = dump(b.h.db);
+        for (bool compressed : {false, true}) {
+            char name[64];
+            snprintf(name, sizeof(name), "index-%04x-%s", words[i], compressed ? "bz2" : "plain");
+            SCOPED_TRACE(name);
+            std::string p = path("seed.db");
+            ASSERT_TRUE(db_file_save(b.h.db, p.c_str(), p.c_str(), compressed));
+            std::string seed = std::string(1, compressed ? '\x01' : '\x00') + slurp(p);
+            db_holder_t loaded(0);
+            ASSERT_TRUE(
+                db_file_load_memory(loaded.db, seed.data() + 1, seed.size() - 1, compressed, nullptr));
+            ASSERT_NO_FATAL_FAILURE(expect_same(want, dump(loaded.db)));
+            EXPECT_LT(seed.size(), 8192u);
+            if (out_dir && *out_dir) {
+                fsys::create_directories(fsys::path(out_dir));
+                spill((fsys::path(out_dir) / name).string(), seed);
+            } else if (!tree_dir.empty()) {
+                EXPECT_TRUE(slurp((tree_dir / name).string()) == seed)
+                    << "fuzz/corpus/fuzz-dbload/" << name
+                    << " is not what this test makes: run it with "
+                       "SW_WRITE_FUZZ_CORPUS=fuzz/corpus/fuzz-dbload";
+                compared++;
+            }
+        }
+    }
+    if (!out_dir && tree_dir.empty()) {
+        std::cout << "note: the source tree isn't reachable from here; the seeds were only loaded\n";
+    } else if (!out_dir) {
+        EXPECT_EQ(compared, 10);
+    }
+}

@@ -43,7 +43,7 @@ struct bytes_t {
     }
 };
 
-const uint64_t UNKNOWN = ~0ull;
+const uint64_t k_unknown = ~0ull;
 
 // A folder or file of the small index. parent: an index into the folders, or -1 for the source itself.
 struct rec_t {
@@ -57,7 +57,7 @@ struct rec_t {
 // The shape shared by every kind: a root, a folder and a child that extends its name, a name repeated
 // under two parents (stored with nothing new), and files likewise. In name order, as the file keeps them.
 // The root names all sort before "z".
-const uint32_t WORD = 0x2121; // sizes of files and folders, arrays by path and by size
+const uint32_t k_word = 0x2121; // sizes of files and folders, arrays by path and by size
 
 struct layout_t {
     uint32_t type;
@@ -74,9 +74,9 @@ layout_t make_layout(uint32_t type, const std::string &root) {
     // FRNs whose order by the high half differs from that by the low half, so that a ReFS FRN compared
     // from the wrong end, or an NTFS FRN read with the wrong width, shows.
     l.folders = {
-        {-1, root, 500, 0x0000000000000005ull, 0x30, 2},     // 0: two folders, one file
-        {0, "zap", UNKNOWN, 0x0000000000000101ull, 0x10, 2}, // 1: zapper, zip; a file
-        {1, "zapper", 10, 0x00000000000000FFull, 0x20, 0},   {0, "zip", 10, 0x0000000000000200ull, 0x00, 0},
+        {-1, root, 500, 0x0000000000000005ull, 0x30, 2},       // 0: two folders, one file
+        {0, "zap", k_unknown, 0x0000000000000101ull, 0x10, 2}, // 1: zapper, zip; a file
+        {1, "zapper", 10, 0x00000000000000FFull, 0x20, 0},     {0, "zip", 10, 0x0000000000000200ull, 0x00, 0},
         {1, "zip", 7, 0x0000000000000100ull, 0x40, 0}, // the same name under another parent
     };
     l.files = {
@@ -151,7 +151,7 @@ std::string hand_bytes(const layout_t &l) {
     bytes_t o;
     o.raw("SWDb");
     o.u32(0x01070014);
-    o.u32(WORD);
+    o.u32(k_word);
     o.u32(F);
     o.u32(N);
     o.len(1);
@@ -240,7 +240,7 @@ void expect_index(db_t *db, const layout_t &l) {
     ASSERT_EQ(db->fs_count, 1u);
     ASSERT_EQ(db->folders.count, l.folders.size());
     ASSERT_EQ(db->files.count, l.files.size());
-    EXPECT_EQ(db->structure.word, WORD);
+    EXPECT_EQ(db->structure.word, k_word);
     const db_fs_t *fs = db->fs_first;
     EXPECT_EQ(fs->type, l.type);
     EXPECT_EQ(fs->out_of_date, l.type == DB_FS_REFS);
@@ -423,12 +423,14 @@ TEST_F(Layout, IndexSavesToTheHandMadeBytes) {
     str_t tmp;
     str_init(&tmp);
     os_temp_folder(&tmp);
-    std::string p = std::string(tmp.ptr, (size_t) tmp.len) + OS_SEP_STR + "sw-layout.db";
+    // A name of this run's own, as other runs may share the temporary folder.
+    std::string p = std::string(tmp.ptr, (size_t) tmp.len) + OS_SEP_STR + "sw-layout-" +
+                    std::to_string(std::random_device()()) + ".db";
     str_kill(&tmp);
     for (const layout_row_t &row : k_rows) {
         SCOPED_TRACE(row.what);
         layout_t l = make_layout(row.type, row.root);
-        db_holder_t h(WORD);
+        db_holder_t h(k_word);
         build(h.db, l);
         ASSERT_TRUE(db_file_save(h.db, p.c_str(), p.c_str(), false));
         std::string want = hand_bytes(l), got = slurp(p);

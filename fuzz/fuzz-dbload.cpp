@@ -1,6 +1,9 @@
 // Fuzzes the database file loader with arbitrary bytes, plain or through bzip2 (the first byte's low bit
 // chooses). A load must either fail and leave an empty index, or succeed with an index whose arrays are
-// sound and whose every record reaches a real source through its parents.
+// sound and whose every record reaches a real source through its parents. Random bytes almost never get
+// past the magic, let alone through the decompressor, so the seeds in fuzz/corpus/fuzz-dbload are valid
+// indexes of each structure mix, plain and compressed; the file tests make them (SW_WRITE_FUZZ_CORPUS)
+// and check that the tree's copies are still what the writer produces.
 #include <cstdint>
 #include <cstdlib>
 

@@ -180,7 +180,14 @@ struct db_exclude_item_t {
     uint32_t length; // bytes of text
     uint32_t kind;
     void *regex; // compiled pattern (pcre2_code) or null; owned by the item
-    char *text;  // heap, zero-terminated
+    // The pattern as the settings wrote it, less the stars of the ends-with, begins-with and contains
+    // kinds and less "regex:": what the database file keeps and what a change of the settings is judged
+    // by. Heap, zero-terminated.
+    char *text;
+    // What the matchers compare with: text folded to lower case, wildcard runs collapsed. Heap,
+    // zero-terminated; null for the regular expression kinds, which match through regex.
+    char *match;
+    uint32_t match_length;
 };
 
 // Excluded folders, excluded files, included-only files; then whether a folder or file pattern needs

@@ -38,11 +38,12 @@ static bool _same(const char *a, const char *b) {
     return strcmp(a ? a : "", b ? b : "") == 0;
 }
 
-// A settings path in the form the index keeps, so that both sides are compared resolved.
+// A settings path in the form the index keeps its sources in (resolved, no trailing separator), so that
+// "/srv/tree/" finds the source "/srv/tree" as the rebuild that made it did.
 static bool _same_path(const char *setting, const char *stored) {
     str_t resolved;
     str_init(&resolved);
-    config_resolve_path(setting ? setting : "", &resolved);
+    db_build_resolve_path(&resolved, setting);
     bool same = _same(resolved.ptr, stored);
     str_kill(&resolved);
     return same;
@@ -76,30 +77,6 @@ static void _match_file_list(const _reader_t *r, db_fs_t *fs) {
     }
 }
 
-// A folder schedule's next time from now, in UTC ticks: every so many minutes, or at an hour every day or
-// on one weekday (1 Sunday .. 7 Saturday).
-static uint64_t _next_update(uint32_t type, uint32_t value) {
-    const uint64_t minute = 600000000ull, day = 1440 * minute;
-    uint64_t now = os_filetime_now();
-    if (type == DB_UPDATE_INTERVAL)
-        return now + value * minute;
-    if (type != DB_UPDATE_DAILY)
-        return 0;
-    os_systemtime_t st;
-    if (!os_filetime_to_local(now, &st))
-        return 0;
-    uint32_t weekday = value / 24;
-    st.hour = (int) (value % 24);
-    st.minute = st.second = st.milliseconds = 0;
-    uint64_t at;
-    if (!os_local_to_filetime(&st, &at))
-        return 0;
-    if (weekday == 0)
-        return at > now ? at : at + day;
-    at = at + (uint64_t) ((int) weekday - 1 - st.day_of_week + 7) % 7 * day;
-    return at > now ? at : at + 7 * day;
-}
-
 static void _match_folder(const _reader_t *r, db_fs_t *fs) {
     fs->monitor = true;
     fs->buffer_size = 65536;
@@ -116,16 +93,7 @@ static void _match_folder(const _reader_t *r, db_fs_t *fs) {
         fs->monitor = f->monitor != 0;
         fs->buffer_size = (uint32_t) f->buffer_size;
         fs->rescan_if_full = f->rescan_if_full != 0;
-        fs->update_type = DB_UPDATE_NONE;
-        fs->update_value = 0;
-        if (f->update_type == 1 && f->update_interval > 0 && (f->update_interval_type & ~1) == 0) {
-            fs->update_type = DB_UPDATE_INTERVAL;
-            fs->update_value = (uint32_t) f->update_interval * (f->update_interval_type == 1 ? 60 : 1);
-        } else if (f->update_type == 2 && f->update_day >= 0 && f->update_day <= 7 && f->update_at >= 0 &&
-                   f->update_at < 24) {
-            fs->update_type = DB_UPDATE_DAILY;
-            fs->update_value = (uint32_t) (f->update_day * 24 + f->update_at);
-        }
+        db_folder_schedule(f, &fs->update_type, &fs->update_value);
         break;
     }
     // With rescan_asap a scheduled folder is rescanned soon after every start; otherwise the schedule
@@ -133,7 +101,7 @@ static void _match_folder(const _reader_t *r, db_fs_t *fs) {
     if (c->folder_update_rescan_asap)
         fs->next_update = 0;
     else
-        fs->next_update = _next_update(fs->update_type, fs->update_value);
+        fs->next_update = db_folder_next_update(fs->update_type, fs->update_value, os_filetime_now());
 }
 
 static void _read_text(os_file_stream_t *s, char **field) {

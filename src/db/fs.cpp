@@ -63,6 +63,7 @@ static void _exclude_list_free(db_exclude_item_t *item) {
         if (item->regex)
             pcre2_code_free((pcre2_code *) item->regex);
         mem_free(item->text);
+        mem_free(item->match);
         mem_free(item);
         item = next;
     }

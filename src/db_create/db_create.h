@@ -47,13 +47,14 @@ enum {
     DB_EXCLUDE_PATH_REGEX = 10,   // "regex:" against the full path
 };
 
-// Classifies one pattern and appends it to a list. Texts of the name and path kinds are stored folded
-// (lower case) without the stars of kinds 5 to 7; a regular expression is stored without "regex:" and
-// compiled with JIT, or kept as a text that matches nothing when it doesn't compile. On Linux a separator
-// in a regular expression is '/', on Windows a doubled backslash. Returns the new tail link.
+// Classifies one pattern and appends it to a list. The text is kept as written, case and all, less the
+// stars of the ends-with, begins-with and contains kinds and less "regex:"; the matchers get a folded copy.
+// A regular expression is compiled with JIT, or kept as a text that matches nothing when it doesn't
+// compile. On Linux a separator in a regular expression is '/', on Windows a doubled backslash. Returns
+// the new tail link.
 db_exclude_item_t **db_exclude_add(db_exclude_item_t **tail, const char *pattern, uint32_t len);
-// Appends an item already classified, its text as db_exclude_add stores it (as the database file keeps
-// it); the regular expression kinds are compiled as db_exclude_add compiles them. Returns the new tail.
+// Appends an item already classified, its text as db_exclude_add keeps it (as the database file keeps
+// it), with the same folded copy or compiled expression that db_exclude_add makes. Returns the new tail.
 db_exclude_item_t **db_exclude_add_stored(db_exclude_item_t **tail, uint32_t kind, const char *text,
                                           uint32_t len);
 // Builds the three lists and the flags from the frozen settings (the lists stay empty with the exclude

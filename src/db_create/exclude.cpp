@@ -62,6 +62,21 @@ static void *_compile(const char *text, uint32_t len) {
     return re;
 }
 
+// The matchers' form of a stored text: folded as a name is compared, and for the wildcard kinds with
+// runs of stars collapsed, as the wildcard matcher expects.
+static void _set_match(db_exclude_item_t *item) {
+    str_t folded;
+    str_init(&folded);
+    term_fold(&folded, item->text, item->length, TEXT_FOLD_LOWER);
+    if (item->kind == DB_EXCLUDE_WILDCARD || item->kind == DB_EXCLUDE_PATH_WILDCARD) {
+        text_wildcard_normalize(folded.ptr);
+        folded.len = (int32_t) strlen(folded.ptr);
+    }
+    item->match = mem_dup(folded.len ? folded.ptr : "", (size_t) folded.len);
+    item->match_length = (uint32_t) folded.len;
+    str_kill(&folded);
+}
+
 db_exclude_item_t **db_exclude_add_stored(db_exclude_item_t **tail, uint32_t kind, const char *text,
                                           uint32_t len) {
     db_exclude_item_t *item = (db_exclude_item_t *) mem_alloc(sizeof(db_exclude_item_t));
@@ -71,6 +86,8 @@ db_exclude_item_t **db_exclude_add_stored(db_exclude_item_t **tail, uint32_t kin
     item->length = len;
     if (kind == DB_EXCLUDE_REGEX || kind == DB_EXCLUDE_PATH_REGEX)
         item->regex = _compile(item->text, item->length);
+    else
+        _set_match(item);
     *tail = item;
     return &item->next;
 }
@@ -78,26 +95,9 @@ db_exclude_item_t **db_exclude_add_stored(db_exclude_item_t **tail, uint32_t kin
 db_exclude_item_t **db_exclude_add(db_exclude_item_t **tail, const char *pattern, uint32_t len) {
     uint32_t start, end;
     uint32_t kind = _classify(pattern, len, &start, &end);
-    if (kind == DB_EXCLUDE_REGEX || kind == DB_EXCLUDE_PATH_REGEX)
-        return db_exclude_add_stored(tail, kind, pattern + start, end - start);
-    db_exclude_item_t *item = (db_exclude_item_t *) mem_alloc(sizeof(db_exclude_item_t));
-    memset(item, 0, sizeof(*item));
-    item->kind = kind;
-    {
-        str_t folded;
-        str_init(&folded);
-        term_fold(&folded, pattern + start, end - start, TEXT_FOLD_LOWER);
-        if (kind == DB_EXCLUDE_WILDCARD || kind == DB_EXCLUDE_PATH_WILDCARD) {
-            // One star matches what a run of them would, and the matcher wants them collapsed.
-            text_wildcard_normalize(folded.ptr);
-            folded.len = (int32_t) strlen(folded.ptr);
-        }
-        item->text = mem_dup(folded.len ? folded.ptr : "", (size_t) folded.len);
-        item->length = (uint32_t) folded.len;
-        str_kill(&folded);
-    }
-    *tail = item;
-    return &item->next;
+    // The settings' form and the file's form go through one constructor, so that an item loaded from
+    // the file is the item the settings made.
+    return db_exclude_add_stored(tail, kind, pattern + start, end - start);
 }
 
 // The items of a semicolon list, blanks at either end of an item dropped, empty items skipped.
@@ -202,8 +202,8 @@ static bool _path_at_or_below(const char *path, uint32_t plen, const char *text,
 
 bool db_exclude_item_match(const db_exclude_item_t *item, void *match_data, const char *name, uint32_t len,
                            const char *path, uint32_t plen) {
-    const char *t = item->text;
-    uint32_t n = item->length;
+    const char *t = item->match;
+    uint32_t n = item->match_length;
     switch (item->kind) {
     case DB_EXCLUDE_PATH:
         return path && _path_at_or_below(path, plen, t, n);

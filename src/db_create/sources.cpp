@@ -35,7 +35,8 @@ void db_build_resolve_path(str_t *out, const char *path) {
 void db_folder_schedule(const config_folder_t *f, uint32_t *type, uint32_t *value) {
     *type = DB_UPDATE_NONE;
     *value = 0;
-    if (f->update_type == 1 && f->update_interval &&
+    // A negative interval is no schedule: as an unsigned count of minutes it would mean centuries.
+    if (f->update_type == 1 && f->update_interval > 0 &&
         (f->update_interval_type == 0 || f->update_interval_type == 1)) {
         *type = DB_UPDATE_INTERVAL;
         *value = (uint32_t) f->update_interval * (f->update_interval_type == 1 ? 60 : 1);

@@ -3,14 +3,15 @@
 // rule each, cut and damaged files, hostile lengths, and the save and load as the program runs them.
 #include "db_fixture.h"
 
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <pcre2.h>
 #include <sstream>
 
 #include "config/config.h"
 #include "db/dbfile.h"
+#include "db_create/db_create.h"
 #include "debug/debug.h"
 #include "main/main.h"
 
@@ -51,7 +52,12 @@ class DbFile : public ::testing::Test {
         str_init(&tmp);
         os_temp_folder(&tmp);
         const ::testing::TestInfo *info = ::testing::UnitTest::GetInstance()->current_test_info();
-        dir = std::string(tmp.ptr, (size_t) tmp.len) + OS_SEP_STR + "sw-dbfile-" + info->name();
+        // Other runs of these tests may share the temporary folder: each run's folders carry a tag of
+        // their own, so that one run never removes another's files.
+        static const std::string run =
+            std::to_string(std::random_device()()) + "-" +
+            std::to_string(std::chrono::steady_clock::now().time_since_epoch().count());
+        dir = std::string(tmp.ptr, (size_t) tmp.len) + OS_SEP_STR + "sw-dbfile-" + run + "-" + info->name();
         str_kill(&tmp);
         fsys::remove_all(fsys::path(dir));
         fsys::create_directories(fsys::path(dir));
@@ -60,6 +66,7 @@ class DbFile : public ::testing::Test {
         debug_open_log_path(log_path.c_str());
     }
     void TearDown() override {
+        os_hooks_reset();
         db_file_rebuild_ops = saved_ops;
         debug_close_log();
         db_file_set_command_line(nullptr, nullptr, false, false);
@@ -95,18 +102,7 @@ static const struct {
 static void add_item(db_exclude_item_t **list, uint32_t kind, const std::string &text) {
     while (*list)
         list = &(*list)->next;
-    db_exclude_item_t *item = (db_exclude_item_t *) mem_alloc(sizeof(db_exclude_item_t));
-    memset(item, 0, sizeof(*item));
-    item->kind = kind;
-    item->length = (uint32_t) text.size();
-    item->text = mem_dup(text.data(), text.size());
-    if (kind == 9 || kind == 10) {
-        int code;
-        PCRE2_SIZE off;
-        item->regex = pcre2_compile((PCRE2_SPTR) item->text, item->length,
-                                    PCRE2_CASELESS | PCRE2_UTF | PCRE2_UCP, &code, &off, nullptr);
-    }
-    *list = item;
+    db_exclude_add_stored(list, kind, text.data(), (uint32_t) text.size());
 }
 
 // Five sources (NTFS, ReFS, a file list, a folder, the folder "/" with its empty root name), folders and
@@ -459,69 +455,117 @@ TEST_F(DbFile, StreamDamagedLengthAndFailedWrites) {
 
 // ---- the file name -------------------------------------------------------------------------------------
 
+// Sets (or with null removes) an environment variable for the rest of the process, and puts the old value
+// back when it goes out of scope.
+struct env_pin_t {
+    std::string name, old;
+    bool had;
+    env_pin_t(const char *n, const char *value) : name(n) {
+        const char *v = getenv(n);
+        had = v != nullptr;
+        old = v ? v : "";
+        set(value);
+    }
+    ~env_pin_t() { set(had ? old.c_str() : nullptr); }
+    void set(const char *value) {
+#ifdef _WIN32
+        // "NAME=" removes the variable, which is what an empty value means to the name rules as well.
+        std::string kv = name + "=" + (value ? value : "");
+        _putenv(kv.c_str());
+#else
+        if (value)
+            setenv(name.c_str(), value, 1);
+        else
+            unsetenv(name.c_str());
+#endif
+    }
+};
+
 TEST_F(DbFile, FileNameRules) {
-    std::string exe = path("exe"), user = path("user");
+    std::string exe = path("exe"), user = path("user"), local = path("local"), own = path("own.db");
+    std::string absolute = path("elsewhere"), sep = OS_SEP_STR;
     config_set_folders(exe.c_str(), user.c_str());
     uint8_t saved_app_data = app_data;
     char *saved_location = db_location;
-    app_data = 0;
-    auto name = [](bool temporary, bool multi) {
+    env_pin_t computer("COMPUTERNAME", "box"), host("HOSTNAME", "other"), user_name("USERNAME", "me"),
+        login("USER", "someone"), appdata("LOCALAPPDATA", local.c_str());
+    struct row_t {
+        const char *what;
+        const char *db_switch, *instance, *location;
+        bool app_data, temporary, multi;
+        const char *computer, *user_name; // null: the variable is removed
+        std::string want;
+    };
+    const row_t rows[] = {
+        {"plain", nullptr, nullptr, "", false, false, false, "box", "me", exe + sep + "Sablewatch.db"},
+        {"temporary", nullptr, nullptr, "", false, true, false, "box", "me", exe + sep + "Sablewatch.db.tmp"},
+        {"multi-user", nullptr, nullptr, "", false, false, true, "box", "me",
+         exe + sep + "Sablewatch.box.me.db"},
+        // Without the Windows names the POSIX ones serve; without either a name part is empty.
+        {"multi-user, other names", nullptr, nullptr, "", false, false, true, nullptr, nullptr,
+         exe + sep + "Sablewatch.other.someone.db"},
+        {"instance escaped", nullptr, "a:b*c", "", false, true, false, "box", "me",
+         exe + sep + "Sablewatch-a%3Ab%2Ac.db.tmp"},
+        {"relative location", nullptr, nullptr, "sub", false, false, false, "box", "me",
+         exe + sep + "sub" + sep + "Sablewatch.db"},
+        {"absolute location", nullptr, nullptr, absolute.c_str(), false, false, false, "box", "me",
+         absolute + sep + "Sablewatch.db"},
+        {"app data", nullptr, nullptr, "", true, false, false, "box", "me",
+         local + sep + "Sablewatch" + sep + "Sablewatch.db"},
+        // The switch gives the whole name, for the temporary file as well.
+        {"switch", own.c_str(), "x", "", false, false, true, "box", "me", own},
+        {"switch, temporary", own.c_str(), nullptr, "", false, true, false, "box", "me", own},
+    };
+    for (const row_t &r : rows) {
+        computer.set(r.computer);
+        user_name.set(r.user_name);
+        db_file_set_command_line(r.db_switch, r.instance, false, false);
+        app_data = r.app_data;
+        db_location = (char *) r.location;
         str_t s;
         str_init(&s);
-        db_file_name(&s, temporary, multi);
-        std::string out(s.ptr, (size_t) s.len);
+        db_file_name(&s, r.temporary, r.multi);
+        EXPECT_EQ(std::string(s.ptr, (size_t) s.len), r.want) << r.what;
         str_kill(&s);
-        return out;
-    };
-    std::string sep = OS_SEP_STR;
-    EXPECT_EQ(name(false, false), exe + sep + "Sablewatch.db");
-    EXPECT_EQ(name(true, false), exe + sep + "Sablewatch.db.tmp");
-
-    auto env = [](const char *a, const char *b) {
-        const char *v = getenv(a);
-        if (!v || !*v)
-            v = getenv(b);
-        return std::string(v ? v : "");
-    };
-    std::string multi =
-        "Sablewatch." + env("COMPUTERNAME", "HOSTNAME") + "." + env("USERNAME", "USER") + ".db";
-    EXPECT_EQ(name(false, true), exe + sep + multi);
-
-    db_file_set_command_line(nullptr, "a:b*c", false, false);
-    EXPECT_EQ(name(true, false), exe + sep + "Sablewatch-a%3Ab%2Ac.db.tmp");
-    db_file_set_command_line(nullptr, nullptr, false, false);
-
-    char relative[] = "sub";
-    db_location = relative;
-    EXPECT_EQ(name(false, false), exe + sep + "sub" + sep + "Sablewatch.db");
-    std::string absolute = path("elsewhere");
-    db_location = absolute.data();
-    EXPECT_EQ(name(false, false), absolute + sep + "Sablewatch.db");
-    db_location = saved_location;
-
+    }
+    // Without a local application data folder the per-user folder serves.
+    appdata.set(nullptr);
     app_data = 1;
-    const char *local = getenv("LOCALAPPDATA");
-    std::string base = local && *local ? std::string(local) + sep + "Sablewatch" : user;
-    EXPECT_EQ(name(false, false), base + sep + "Sablewatch.db");
+    db_location = nullptr;
+    db_file_set_command_line(nullptr, nullptr, false, false);
+    str_t s;
+    str_init(&s);
+    db_file_name(&s, false, false);
+    EXPECT_EQ(std::string(s.ptr, (size_t) s.len), user + sep + "Sablewatch.db");
+    str_kill(&s);
     app_data = saved_app_data;
-
-    // The switch gives the whole name, for the temporary file as well.
-    std::string own = path("own.db");
-    db_file_set_command_line(own.c_str(), "x", false, false);
-    EXPECT_EQ(name(false, true), own);
-    EXPECT_EQ(name(true, false), own);
+    db_location = saved_location;
     config_set_folders(nullptr, nullptr);
 }
 
 // ---- write and read back -------------------------------------------------------------------------------
 
 TEST_F(DbFile, BuiltIndexLoadsBackRecordForRecordPlainAndCompressed) {
-    // No arrays beyond name order; the default; every field and every array.
-    for (uint32_t word : {0x0000u, DB_STRUCTURE_DEFAULT, 0x7F3Fu}) {
-        built_t b(word, 600, 1500, word + 1);
+    struct row_t {
+        uint32_t word;
+        int folders, files;
+        bool sources_only; // no records and no arrays: the header, sources, excludes and two zero counts
+    };
+    // No arrays beyond name order; the default; every field and every array; an index of sources alone.
+    const row_t rows[] = {
+        {0x0000u, 600, 1500, false},
+        {DB_STRUCTURE_DEFAULT, 600, 1500, false},
+        {0x7F3Fu, 600, 1500, false},
+        {DB_STRUCTURE_DEFAULT, 0, 0, true},
+    };
+    for (const row_t &r : rows) {
+        built_t b(r.word, r.folders, r.files, r.word + 1);
+        if (r.sources_only)
+            db_arrays_kill(b.h.db);
         std::string want = dump(b.h.db);
         for (bool compressed : {false, true}) {
-            SCOPED_TRACE(::testing::Message() << std::hex << word << " compressed " << compressed);
+            SCOPED_TRACE(::testing::Message() << std::hex << r.word << " compressed " << compressed
+                                              << " sources only " << r.sources_only);
             std::string final_name = path("index.db"), temporary = path("index.db.tmp");
             ASSERT_TRUE(db_file_save(b.h.db, final_name.c_str(), temporary.c_str(), compressed));
             EXPECT_FALSE(fsys::exists(fsys::path(temporary)));
@@ -537,22 +581,10 @@ TEST_F(DbFile, BuiltIndexLoadsBackRecordForRecordPlainAndCompressed) {
         }
     }
     EXPECT_NE(log_text().find("invalid db magic"), std::string::npos);
-}
-
-TEST_F(DbFile, EmptyIndexKeepsItsSourcesAndExcludes) {
-    built_t b(DB_STRUCTURE_DEFAULT, 0, 0, 3);
-    db_t *db = b.h.db;
-    // Only the sources stay: no records, no arrays.
-    db_arrays_kill(db);
-    std::string want = dump(db);
-    std::string p = path("empty.db");
-    ASSERT_TRUE(db_file_save(db, p.c_str(), p.c_str(), false));
-    db_holder_t loaded(0);
-    ASSERT_TRUE(db_file_load(loaded.db, p.c_str(), false, nullptr));
-    expect_same(want, dump(loaded.db));
     // A missing file is a failed load that leaves nothing.
-    EXPECT_FALSE(db_file_load(loaded.db, path("missing.db").c_str(), false, nullptr));
-    EXPECT_TRUE(is_empty(loaded.db));
+    db_holder_t h(0);
+    EXPECT_FALSE(db_file_load(h.db, path("missing.db").c_str(), false, nullptr));
+    EXPECT_TRUE(is_empty(h.db));
 }
 
 // ---- hand-made files -----------------------------------------------------------------------------------
@@ -623,29 +655,14 @@ struct craft_t {
     }
 };
 
-TEST_F(DbFile, HandMadeFileLoadsAndEachBrokenRuleFailsWithItsText) {
+TEST_F(DbFile, EachBrokenRuleOfAHandMadeFileFailsWithItsText) {
     craft_t good;
     db_holder_t h(0);
     std::string bytes = good.bytes();
     ASSERT_TRUE(db_file_load_memory(h.db, bytes.data(), bytes.size(), false, nullptr)) << log_text();
-    db_t *db = h.db;
-    ASSERT_EQ(db->folders.count, 1u);
-    ASSERT_EQ(db->files.count, 2u);
-    db_ref_t root = mem_array_get(&db->folders, 0);
-    EXPECT_EQ(rec_name(root), "/r");
-    EXPECT_EQ(db_record_parent(root), 0u);
-    EXPECT_EQ(db_record_fs_index(root), 0u);
-    db_ref_t f = mem_array_get(&db->files, 0), g = mem_array_get(&db->files, 1);
-    EXPECT_EQ(rec_name(f), "f");
-    EXPECT_EQ(db_record_parent(f), root);
-    EXPECT_EQ(rec_name(g), "g");
-    EXPECT_EQ(db_record_parent(g), 0u);
-    EXPECT_EQ(db_record_fs_index(g), 0u);
-    EXPECT_EQ(mem_array_get(&db->files_by_path, 0), g);
-    EXPECT_EQ(db->fs_first->next_update, 7u);
-    ASSERT_NE(db->exclude.folders, nullptr);
-    EXPECT_NE(db->exclude.folders->regex, nullptr) << "regular expressions are compiled on load";
-    EXPECT_TRUE(db->exclude.exclude_hidden);
+    // A regular expression is compiled on load; the rest of a valid file is the layout test's.
+    ASSERT_NE(h.db->exclude.folders, nullptr);
+    EXPECT_NE(h.db->exclude.folders->regex, nullptr);
 
     struct row_t {
         const char *what;
@@ -823,22 +840,6 @@ TEST_F(DbFile, SaveAndLoadJobThroughTheCommandLineName) {
     }
     expect_same(want, dump(loaded.db));
 
-    // With rescan_asap off the schedule goes on from now: 3 o'clock local time within the next day.
-    uint8_t saved_asap = folder_update_rescan_asap;
-    folder_update_rescan_asap = 0;
-    db_holder_t again(0);
-    db_load(again.db, 0);
-    finish_load(again.db);
-    folder_update_rescan_asap = saved_asap;
-    db_fs_t *tree = db_fs_get(again.db, 3);
-    ASSERT_NE(tree, nullptr);
-    uint64_t now = os_filetime_now();
-    EXPECT_GT(tree->next_update, now);
-    EXPECT_LE(tree->next_update, now + 864000000000ull);
-    os_systemtime_t at;
-    ASSERT_TRUE(os_filetime_to_local(tree->next_update, &at));
-    EXPECT_EQ(at.hour, 3);
-    EXPECT_EQ(at.minute, 0);
     std::string log = log_text();
     EXPECT_NE(log.find("loaded 120 folders, 300 files, in "), std::string::npos);
     EXPECT_EQ(log.find("load complete: rebuild required"), std::string::npos);
@@ -858,4 +859,197 @@ TEST_F(DbFile, SaveAndLoadJobThroughTheCommandLineName) {
     db_load(none.db, 0);
     EXPECT_FALSE(db_job_running(none.db));
     EXPECT_NE(log_text().find("no db file"), std::string::npos);
+}
+
+// ---- the settings that a load takes over ---------------------------------------------------------------
+
+// A zone one hour east of UTC without daylight saving, and a fixed now (Wednesday 2024-03-27 10:00 UTC,
+// 11:00 local), so that a schedule comes out the same on every machine and on every day of the year.
+static const uint64_t k_minute = 600000000ull, k_hour = 60 * k_minute;
+static uint64_t utc(int year, int month, int day, int hour) {
+    os_systemtime_t st = {year, month, 0, day, hour, 0, 0, 0};
+    uint64_t ft = 0;
+    EXPECT_TRUE(os_system_to_filetime(&st, &ft));
+    return ft;
+}
+static uint64_t pinned_now() {
+    return utc(2024, 3, 27, 10);
+}
+static bool plus_one_to_local(uint64_t ft, os_systemtime_t *out) {
+    return os_filetime_to_system(ft + k_hour, out);
+}
+static bool plus_one_from_local(const os_systemtime_t *local, uint64_t *ft) {
+    if (!os_system_to_filetime(local, ft))
+        return false;
+    *ft -= k_hour;
+    return true;
+}
+
+// A path that is absolute on this platform.
+static std::string abs_path(const char *p) {
+    std::string s = p;
+    for (char &c : s)
+        if (c == '/')
+            c = OS_SEP;
+#ifdef _WIN32
+    s = "C:" + s;
+#endif
+    return s;
+}
+
+TEST_F(DbFile, LoadTakesOverTheSettingsOfEachSourceItFinds) {
+    os_hooks.filetime_now = pinned_now;
+    os_hooks.filetime_to_local = plus_one_to_local;
+    os_hooks.local_to_filetime = plus_one_from_local;
+
+    // The index as a rebuild stores its sources: resolved paths without a trailing separator, the top
+    // folder of the file system as an empty name (a drive as "C:").
+    db_holder_t h(0);
+    db_fs_t *vol = db_fs_add(h.db, DB_FS_NTFS);
+    db_fs_set_text(&vol->guid, "\\\\?\\Volume{1}\\");
+    db_fs_set_text(&vol->path, "C:");
+    db_fs_t *other_vol = db_fs_add(h.db, DB_FS_REFS);
+    db_fs_set_text(&other_vol->guid, "\\\\?\\Volume{2}\\");
+    db_fs_set_text(&other_vol->path, "E:");
+    db_fs_t *list = db_fs_add(h.db, DB_FS_FILE_LIST);
+    db_fs_set_text(&list->filename, abs_path("/lists/a.swl").c_str());
+    db_fs_t *unlisted_list = db_fs_add(h.db, DB_FS_FILE_LIST);
+    db_fs_set_text(&unlisted_list->filename, abs_path("/lists/gone.swl").c_str());
+    db_fs_t *tree = db_fs_add(h.db, DB_FS_FOLDER);
+    db_fs_set_text(&tree->path, abs_path("/srv/tree").c_str());
+#ifdef _WIN32
+    const char *top_stored = "C:", *top_setting = "C:\\";
+#else
+    const char *top_stored = "", *top_setting = "/";
+#endif
+    db_fs_t *top = db_fs_add(h.db, DB_FS_FOLDER);
+    db_fs_set_text(&top->path, top_stored);
+    db_fs_t *unlisted = db_fs_add(h.db, DB_FS_FOLDER);
+    db_fs_set_text(&unlisted->path, abs_path("/srv/gone").c_str());
+    for (db_fs_t *fs = h.db->fs_first; fs; fs = fs->next)
+        fs->next_update = 5; // what the file says; kept only when the settings have nothing to say
+    h.db->has_content = true;
+    std::string p = path("settings.db");
+    ASSERT_TRUE(db_file_save(h.db, p.c_str(), p.c_str(), false));
+
+    // The settings name the folders as a user writes them: with a trailing separator, and "/" itself.
+    std::string tree_setting = abs_path("/srv/tree/"), list_setting = abs_path("/lists/a.swl");
+    config_volume_t volumes[] = {{(char *) "\\\\?\\Volume{1}\\", (char *) "C:", nullptr, nullptr, 1, 1, 1}};
+    config_filelist_t lists[] = {{(char *) list_setting.c_str(), 0}};
+    config_folder_t folders[] = {
+        {(char *) tree_setting.c_str(), 0, 4096, 1, 1, 0, 0, 45, 0}, // every 45 minutes
+        {(char *) top_setting, 1, 8192, 0, 2, 0, 12, 6, 1},          // every day at 12:00
+    };
+    config_frozen_t c;
+    memset(&c, 0, sizeof(c));
+    c.ntfs_volumes = {volumes, 1, 1};
+    c.filelists = {lists, 1, 1};
+    c.folders = {folders, 2, 2};
+
+    struct want_t {
+        uint32_t index;
+        bool monitor;
+        uint32_t buffer_size;
+        bool rescan_if_full;
+        uint32_t update_type, update_value;
+        uint64_t next_update; // with rescan_asap off
+    };
+    const uint64_t now = pinned_now();
+    const want_t want[] = {
+        {4, false, 4096, true, DB_UPDATE_INTERVAL, 45, now + 45 * k_minute},
+        {5, true, 8192, false, DB_UPDATE_DAILY, 12, utc(2024, 3, 27, 11)},
+        // Not in the settings: watched, daily at 3:00, which has passed today.
+        {6, true, 65536, false, DB_UPDATE_DAILY, 3, utc(2024, 3, 28, 2)},
+    };
+    for (uint8_t asap : {1, 0}) {
+        SCOPED_TRACE(asap ? "rescan asap" : "schedule from now");
+        c.folder_update_rescan_asap = asap;
+        db_load_settings_t settings = {&c, false};
+        db_holder_t loaded(0);
+        ASSERT_TRUE(db_file_load(loaded.db, p.c_str(), false, &settings)) << log_text();
+        db_t *db = loaded.db;
+        EXPECT_TRUE(db_fs_get(db, 0)->monitor);
+        EXPECT_TRUE(db_fs_get(db, 0)->load_recent_changes);
+        EXPECT_FALSE(db_fs_get(db, 1)->monitor) << "a volume the settings don't name isn't watched";
+        EXPECT_FALSE(db_fs_get(db, 1)->load_recent_changes);
+        EXPECT_FALSE(db_fs_get(db, 2)->monitor);
+        EXPECT_TRUE(db_fs_get(db, 3)->monitor) << "a file list the settings don't name is watched";
+        for (const want_t &w : want) {
+            const db_fs_t *fs = db_fs_get(db, w.index);
+            SCOPED_TRACE(fs->path ? fs->path : "(top)");
+            EXPECT_EQ(fs->monitor, w.monitor);
+            EXPECT_EQ(fs->buffer_size, w.buffer_size);
+            EXPECT_EQ(fs->rescan_if_full, w.rescan_if_full);
+            EXPECT_EQ(fs->update_type, w.update_type);
+            EXPECT_EQ(fs->update_value, w.update_value);
+            EXPECT_EQ(fs->next_update, asap ? 0 : w.next_update);
+        }
+    }
+    // Without settings a load keeps the file's times.
+    db_holder_t bare(0);
+    ASSERT_TRUE(db_file_load(bare.db, p.c_str(), false, nullptr));
+    EXPECT_EQ(db_fs_get(bare.db, 4)->next_update, 5u);
+    os_hooks_reset();
+}
+
+// ---- the fuzzer's seeds --------------------------------------------------------------------------------
+
+// The tree's root: the nearest folder above this source file, or above the working folder, that holds
+// the fuzz targets.
+static fsys::path source_root() {
+    for (fsys::path p : {fsys::path(__FILE__).parent_path(), fsys::current_path()}) {
+        std::error_code ec;
+        for (p = fsys::absolute(p, ec); !p.empty() && p != p.parent_path(); p = p.parent_path())
+            if (fsys::exists(p / "fuzz" / "fuzz-dbload.cpp", ec))
+                return p;
+    }
+    return {};
+}
+
+// The seeds of the database loader's fuzzer: a small valid index for each mix of structure bits and
+// exclude flags, plain and compressed, each behind the byte by which the fuzzer chooses compression.
+// With SW_WRITE_FUZZ_CORPUS set to a folder the seeds are written there; otherwise those in the tree must
+// be exactly these, so that a change of the format can't leave the fuzzer with seeds it rejects at once.
+TEST_F(DbFile, FuzzSeedsAreValidIndexesOfEachFlagMix) {
+    // No arrays; the default; every field without arrays; folder sizes with their array; everything.
+    const uint32_t words[] = {0x0000, DB_STRUCTURE_DEFAULT, 0x003F, 0x0121, 0x7F3F};
+    const char *out_dir = getenv("SW_WRITE_FUZZ_CORPUS");
+    fsys::path root = source_root(),
+               tree_dir = root.empty() ? fsys::path() : root / "fuzz" / "corpus" / "fuzz-dbload";
+    int compared = 0;
+    for (size_t i = 0; i < sizeof(words) / sizeof(words[0]); i++) {
+        // Long names (the 32-bit length forms) in every other seed; short ones keep the rest small.
+        built_t b(words[i], 10, 16, (uint32_t) i + 100, i % 2 == 1);
+        b.h.db->exclude.exclude_hidden = (i & 1) != 0;
+        b.h.db->exclude.exclude_system = (i & 2) != 0;
+        std::string want = dump(b.h.db);
+        for (bool compressed : {false, true}) {
+            char name[64];
+            snprintf(name, sizeof(name), "index-%04x-%s", words[i], compressed ? "bz2" : "plain");
+            SCOPED_TRACE(name);
+            std::string p = path("seed.db");
+            ASSERT_TRUE(db_file_save(b.h.db, p.c_str(), p.c_str(), compressed));
+            std::string seed = std::string(1, compressed ? '\x01' : '\x00') + slurp(p);
+            db_holder_t loaded(0);
+            ASSERT_TRUE(
+                db_file_load_memory(loaded.db, seed.data() + 1, seed.size() - 1, compressed, nullptr));
+            ASSERT_NO_FATAL_FAILURE(expect_same(want, dump(loaded.db)));
+            EXPECT_LT(seed.size(), 8192u);
+            if (out_dir && *out_dir) {
+                fsys::create_directories(fsys::path(out_dir));
+                spill((fsys::path(out_dir) / name).string(), seed);
+            } else if (!tree_dir.empty()) {
+                EXPECT_TRUE(slurp((tree_dir / name).string()) == seed)
+                    << "fuzz/corpus/fuzz-dbload/" << name
+                    << " is not what this test makes: run it with "
+                       "SW_WRITE_FUZZ_CORPUS=fuzz/corpus/fuzz-dbload";
+                compared++;
+            }
+        }
+    }
+    if (!out_dir && tree_dir.empty()) {
+        std::cout << "note: the source tree isn't reachable from here; the seeds were only loaded\n";
+    } else if (!out_dir) {
+        EXPECT_EQ(compared, 10);
+    }
 }

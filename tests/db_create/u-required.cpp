@@ -164,3 +164,77 @@ TEST_F(RequiredTest, ApplySettingsRebuildsOnlyWhenRequired) {
     event_dispatch();
     EXPECT_EQ(db->files_by_extension.count, 1u);
 }
+
+// ---- folder schedules ----------------------------------------------------------------------------------
+
+// A zone one hour east of UTC without daylight saving, so that the expected times are the same on every
+// machine and every day of the year.
+static const uint64_t k_minute = 600000000ull, k_hour = 60 * k_minute;
+static uint64_t utc(int year, int month, int day, int hour, int minute = 0) {
+    os_systemtime_t st = {year, month, 0, day, hour, minute, 0, 0};
+    uint64_t ft = 0;
+    EXPECT_TRUE(os_system_to_filetime(&st, &ft));
+    return ft;
+}
+static bool plus_one_to_local(uint64_t ft, os_systemtime_t *out) {
+    return os_filetime_to_system(ft + k_hour, out);
+}
+static bool plus_one_from_local(const os_systemtime_t *local, uint64_t *ft) {
+    if (!os_system_to_filetime(local, ft))
+        return false;
+    *ft -= k_hour;
+    return true;
+}
+
+TEST(FolderSchedule, SettingsBecomeTypeAndValue) {
+    struct row_t {
+        int32_t type, day, at, interval, interval_type;
+        uint32_t want_type, want_value;
+    };
+    const row_t rows[] = {
+        {1, 0, 3, 6, 1, DB_UPDATE_INTERVAL, 360}, // hours
+        {1, 0, 3, 45, 0, DB_UPDATE_INTERVAL, 45}, // minutes
+        {1, 0, 3, 0, 1, DB_UPDATE_NONE, 0},       {1, 0, 3, -5, 0, DB_UPDATE_NONE, 0},
+        {1, 0, 3, 6, 2, DB_UPDATE_NONE, 0}, // an unknown unit is no schedule, and no complaint
+        {2, 0, 3, 6, 1, DB_UPDATE_DAILY, 3},      {2, 7, 23, 6, 1, DB_UPDATE_DAILY, 7 * 24 + 23},
+        {2, 8, 3, 6, 1, DB_UPDATE_NONE, 0},       {2, -1, 3, 6, 1, DB_UPDATE_NONE, 0},
+        {2, 0, 24, 6, 1, DB_UPDATE_NONE, 0},      {2, 0, -1, 6, 1, DB_UPDATE_NONE, 0},
+        {0, 0, 3, 6, 1, DB_UPDATE_NONE, 0},       {3, 0, 3, 6, 1, DB_UPDATE_NONE, 0},
+    };
+    for (const row_t &r : rows) {
+        config_folder_t f = {nullptr, 1, 65536, 0, r.type, r.day, r.at, r.interval, r.interval_type};
+        uint32_t type = 99, value = 99;
+        db_folder_schedule(&f, &type, &value);
+        EXPECT_EQ(type, r.want_type) << r.type << " " << r.day << " " << r.at << " " << r.interval;
+        EXPECT_EQ(value, r.want_value) << r.type << " " << r.day << " " << r.at << " " << r.interval;
+    }
+}
+
+TEST(FolderSchedule, NextUpdateFromNowInAFixedZone) {
+    os_hooks.filetime_to_local = plus_one_to_local;
+    os_hooks.local_to_filetime = plus_one_from_local;
+    // Wednesday 2024-03-27, 10:00 UTC, 11:00 local.
+    const uint64_t now = utc(2024, 3, 27, 10);
+    struct row_t {
+        const char *what;
+        uint32_t type, value;
+        uint64_t want;
+    };
+    const row_t rows[] = {
+        {"none", DB_UPDATE_NONE, 0, 0},
+        {"every 45 minutes", DB_UPDATE_INTERVAL, 45, now + 45 * k_minute},
+        {"daily, later today", DB_UPDATE_DAILY, 12, utc(2024, 3, 27, 11)},
+        {"daily, this very hour", DB_UPDATE_DAILY, 11, utc(2024, 3, 28, 10)},
+        {"daily, passed", DB_UPDATE_DAILY, 3, utc(2024, 3, 28, 2)},
+        {"daily, midnight", DB_UPDATE_DAILY, 0, utc(2024, 3, 27, 23)},
+        {"Sunday 3:00, passed this week", DB_UPDATE_DAILY, 1 * 24 + 3, utc(2024, 3, 31, 2)},
+        {"Thursday 3:00", DB_UPDATE_DAILY, 5 * 24 + 3, utc(2024, 3, 28, 2)},
+        {"Wednesday 12:00, later today", DB_UPDATE_DAILY, 4 * 24 + 12, utc(2024, 3, 27, 11)},
+        {"Wednesday 11:00, this very hour", DB_UPDATE_DAILY, 4 * 24 + 11, utc(2024, 4, 3, 10)},
+        {"Tuesday 23:00", DB_UPDATE_DAILY, 3 * 24 + 23, utc(2024, 4, 2, 22)},
+        {"Saturday 0:00", DB_UPDATE_DAILY, 7 * 24, utc(2024, 3, 29, 23)},
+    };
+    for (const row_t &r : rows)
+        EXPECT_EQ(db_folder_next_update(r.type, r.value, now), r.want) << r.what;
+    os_hooks_reset();
+}

@@ -61,6 +61,10 @@ void main_db_apply_command_line(const cl_t *cl, bool running) {
         main_db_load();
         db_rebuild(db, true);
     }
+    // The index's own folder sources: none before the index exists, and a later load schedules them anyway.
+    if (cl && (cl->flags & CL_FLAG_RESCAN_ALL) && db) {
+        db_folder_rescan_all(db);
+    }
     if (cl && (cl->flags & CL_FLAG_UPDATE)) {
         main_db_load();
         // A command line that also quits saves through the shutdown.

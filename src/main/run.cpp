@@ -4,6 +4,7 @@
 
 #include "cl/cl.h"
 #include "config/config.h"
+#include "db_create/db_create.h"
 #include "debug/debug.h"
 #include "filelist/create.h"
 #include "main/main.h"
@@ -71,10 +72,10 @@ static void _main_init_base() {
 }
 
 // Step 2: the command line, through the full parser; no default base folder, the program first.
-static void _main_parse_command_line(int argc, char **argv) {
+static void _main_parse_command_line() {
     // -search-file-list turns a list into search text while the line is parsed.
     cl_set_file_list_reader(filelist_to_search);
-    main_switches_parse(&switches, argc, argv);
+    main_switches_parse_own(&switches);
 }
 
 // Step 7: the settings. -config names the file and is read as it stands; otherwise the default file beside
@@ -129,6 +130,41 @@ static void _main_apply_log_switches() {
     debug_color_printf(MAIN_STEP_COLOR, "ole initialize: %08x\n", ole_result);
 }
 
+// The texts a search window is given from the command line. Search windows join later; until then the
+// log tells what a window would show, which is also how a handed-over line can be checked from outside.
+static void _main_log_window_texts(const cl_t *cl) {
+    if (cl->search_parts) {
+        str_t search;
+        str_init(&search);
+        cl_build_search(&search, (cl->on & CL_ON_REGEX) != 0, cl);
+        debug_printf("search window: search %s\n", search.ptr ? search.ptr : "");
+        str_kill(&search);
+    }
+    if (cl->filter) {
+        debug_printf("search window: filter %s\n", cl->filter);
+    }
+    if (cl->bookmark) {
+        debug_printf("search window: bookmark %s\n", cl->bookmark);
+    }
+    if (cl->file_list) {
+        debug_printf("search window: file list %s\n", cl->file_list);
+    }
+}
+
+// -monitor-pause and -monitor-resume. At the start they only set the setting, which every monitor reads
+// before it starts; later the running monitors are stopped or started again through the index.
+static void _main_apply_monitor_pause(const cl_t *cl, bool running) {
+    if (!((cl->on | cl->off) & CL_ON_MONITOR_PAUSE)) {
+        return;
+    }
+    bool pause = (cl->on & CL_ON_MONITOR_PAUSE) != 0;
+    if (running && db) {
+        db_monitor_set_pause(db, pause);
+    } else {
+        monitor_pause = pause ? 1 : 0;
+    }
+}
+
 void main_apply_command_line(const main_switches_t *sw, bool running) {
     if (sw->debug && !debug_is_active()) {
         if (debug_set_console(true)) {
@@ -143,10 +179,19 @@ void main_apply_command_line(const main_switches_t *sw, bool running) {
     if (sw->no_verbose) {
         debug_verbose = false;
     }
+    if (running && sw->cl && sw->cl->install_config) {
+        config_load(sw->cl->install_config, false, true);
+    }
     if (sw->no_db) {
         no_db = true;
     }
+    if (sw->cl) {
+        _main_apply_monitor_pause(sw->cl, running);
+    }
     main_db_apply_command_line(sw->cl, running);
+    if (sw->cl) {
+        _main_log_window_texts(sw->cl);
+    }
     if (sw->exit) {
         main_quit(0);
     }
@@ -216,10 +261,10 @@ static void _main_shutdown() {
     _main_kill();
 }
 
-int main_run(int argc, char **argv, int show_command) {
+int main_run(int show_command) {
     main_show_command = show_command;
     _main_init_base();
-    _main_parse_command_line(argc, argv);
+    _main_parse_command_line();
     if (switches.help) {
         fputs(main_usage, stdout);
         fflush(stdout);

@@ -58,12 +58,16 @@ void os_main_peer_close(os_main_peer_t *peer);
 uint32_t os_main_ole_init();
 void os_main_ole_kill();
 
-// Windows entry: converts wmain's arguments to UTF-8. The array and its texts live until the process
-// ends. Not used on Linux, whose arguments already are bytes.
-char **os_main_utf8_args(int argc, wchar_t **argv);
+// Appends one argument to out by the program's own quoting rule, which its command-line tokeniser reads
+// back unchanged: as it stands when it is non-empty and holds no blank and no quote, else in double quotes
+// with each quote written as three. Backslashes mean nothing. Every command line that the program reads
+// back itself is built this way: its own line on Linux (os_command_line), a child's (os_process_start).
+struct str_t;
+void os_main_quote_arg(str_t *out, const char *arg);
 
 // A child process, for the tests that start the program itself. args are the arguments after the
-// program, UTF-8. Null when it could not be started.
+// program, UTF-8; on Windows they are quoted by os_main_quote_arg, since the child reads its raw command
+// line. Null when it could not be started.
 struct os_process_t;
 os_process_t *os_process_start(const char *exe, const char *const *args, int count);
 // Waits up to timeout_ms. True with the exit code when the process has ended.

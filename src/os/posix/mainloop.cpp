@@ -364,12 +364,6 @@ uint32_t os_main_ole_init() {
 }
 void os_main_ole_kill() {}
 
-char **os_main_utf8_args(int argc, wchar_t **argv) {
-    (void) argc;
-    (void) argv;
-    return nullptr;
-}
-
 // ---- child processes -----------------------------------------------------------------------------------
 
 struct os_process_t {

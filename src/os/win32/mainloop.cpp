@@ -216,32 +216,17 @@ void os_main_ole_kill() {
     }
 }
 
-char **os_main_utf8_args(int argc, wchar_t **argv) {
-    char **out = (char **) mem_alloc(sizeof(char *) * (size_t) (argc + 1));
-    str_t s;
-    str_init(&s);
-    for (int i = 0; i < argc; i++) {
-        str_set_wide(&s, (const uint16_t *) argv[i]);
-        out[i] = mem_dup(s.ptr, (size_t) s.len);
-    }
-    out[argc] = nullptr;
-    str_kill(&s);
-    return out;
-}
-
 // ---- child processes -----------------------------------------------------------------------------------
 
 struct os_process_t {
     HANDLE process;
 };
 
-// Quotes one argument by the rules CommandLineToArgvW reads back: backslashes are literal except before a
-// quote, where they are doubled.
-// A switch must reach the child unquoted: the program's own parser takes a quoted token for text, never
-// for a switch. os_quote_arg quotes only what needs it.
+// The child is this program, which reads its raw command line with its own tokeniser: the arguments are
+// quoted by that tokeniser's rule, so that a switch stays unquoted and a text comes back as it was.
 static void _mainloop_quote(str_t *cl, const char *arg) {
     str_cat_char(cl, ' ');
-    os_quote_arg(cl, arg);
+    os_main_quote_arg(cl, arg);
 }
 
 os_process_t *os_process_start(const char *exe, const char *const *args, int count) {

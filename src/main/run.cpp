@@ -204,17 +204,83 @@ static bool _main_has_work_before_exit(const cl_t *cl) {
            ((cl->on | cl->off) & CL_ON_MONITOR_PAUSE) || cl->service_pipe_name;
 }
 
+// A run mode whose body is not part of this program yet: said in one line on the standard error and in
+// the log, and the process ends with exit code 1 instead of starting as the search application.
+static bool _main_mode_unavailable(const char *what) {
+    debug_color_printf((int32_t) 0xFFFF0000, "%s: not available in this build\n", what);
+    fprintf(stderr, "sablewatch: %s: not available in this build\n", what);
+    fflush(stderr);
+    exit_code = 1;
+    return true;
+}
+
+// Steps 3 and 4: the service and the client service. True when the process has done its job.
+static bool _main_run_service_modes() {
+    const cl_t *cl = switches.cl;
+    if (cl->flags & CL_FLAG_SVC) {
+        return _main_mode_unavailable("-svc (the service)");
+    }
+    if (cl->flags & CL_FLAG_CLIENT_SVC) {
+        return _main_mode_unavailable("-client-svc (the client service)");
+    }
+    return false;
+}
+
+// Step 5: -admin relaunches a process that isn't elevated; an elevated one goes on. The relaunch is
+// treated as failed until it exists, which sets exit_code to 1 as a failed relaunch does.
+static bool _main_relaunch_admin() {
+    if (!(switches.cl->flags & CL_FLAG_ADMIN) || os_is_admin()) {
+        return false;
+    }
+    return _main_mode_unavailable("-admin (relaunch as administrator)");
+}
+
+// Step 14: -stop-service from a process that isn't elevated asks the service itself to stop, through its
+// pipe.
+static bool _main_stop_service() {
+    if (switches.cl->service_op != CL_SERVICE_STOP || os_is_admin()) {
+        return false;
+    }
+    return _main_mode_unavailable("-stop-service (the service client)");
+}
+
+// The on and off bits that install or uninstall something: the install items, the two options, and the
+// per-user data folder.
+#define MAIN_INSTALL_BITS                                                                                    \
+    (CL_ON_START_MENU_SHORTCUTS | CL_ON_QUICK_LAUNCH_SHORTCUT | CL_ON_DESKTOP_SHORTCUT |                     \
+     CL_ON_FOLDER_CONTEXT_MENU | CL_ON_URL_PROTOCOL | CL_ON_RUN_ON_SYSTEM_STARTUP |                          \
+     CL_ON_UPDATE_NOTIFICATION | CL_ON_SWL_ASSOCIATION | CL_ON_APP_DATA | CL_ON_RUN_AS_ADMIN)
+
+// Whether the line asks the installer for anything besides -create-file-list.
+static bool _main_has_installer_switches(const cl_t *cl) {
+    return cl->install || cl->uninstall || ((cl->on | cl->off) & MAIN_INSTALL_BITS) || cl->service_op ||
+           cl->client_service_op || cl->journal_ops || (cl->flags & CL_FLAG_UNINSTALL_USER);
+}
+
 // Step 15: the switches that do one job and end the process. True when this process has done its job.
-// Of the installer's switches only -create-file-list exists on both platforms.
+// Of the installer's switches only -create-file-list exists; the others end the process as unavailable.
 static bool _main_do_command_line_installs() {
     const cl_t *cl = switches.cl;
-    if (!cl || !cl->create_file_list_filename)
+    bool done = false;
+    if (cl->create_file_list_filename) {
+        if (!filelist_create(cl->create_file_list_filename, cl->create_file_list_path,
+                             cl->create_file_list_exclude_files, cl->create_file_list_exclude_folders,
+                             cl->create_file_list_include_only_files))
+            exit_code = 1;
+        done = true;
+    }
+    if (_main_has_installer_switches(cl)) {
+        done = _main_mode_unavailable("install switches (the installer)");
+    }
+    return done;
+}
+
+// Step 16: -rename, -copyto and -moveto each run one dialog, without the mutex.
+static bool _main_run_file_operation() {
+    if (!switches.cl->file_op) {
         return false;
-    if (!filelist_create(cl->create_file_list_filename, cl->create_file_list_path,
-                         cl->create_file_list_exclude_files, cl->create_file_list_exclude_folders,
-                         cl->create_file_list_include_only_files))
-        exit_code = 1;
-    return true;
+    }
+    return _main_mode_unavailable("-rename, -copyto, -moveto (the file operation dialogs)");
 }
 
 // Steps 17 and 18. False when this process has nothing more to do.
@@ -271,12 +337,17 @@ int main_run(int show_command) {
         _main_kill();
         return 0;
     }
+    if (_main_run_service_modes() || _main_relaunch_admin()) {
+        _main_shutdown();
+        return exit_code;
+    }
     _main_load_settings();
     _main_start_log();
     _main_load_language();
     _main_apply_log_switches();
     read_only = switches.read_only;
-    if (!_main_do_command_line_installs() && _main_take_instance() && _main_create_window()) {
+    if (!_main_stop_service() && !_main_do_command_line_installs() && !_main_run_file_operation() &&
+        _main_take_instance() && _main_create_window()) {
         debug_color_printf(MAIN_STEP_COLOR, "enter main loop\n");
         main_loop_run();
     }

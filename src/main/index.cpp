@@ -90,10 +90,11 @@ void main_db_kill() {
         return;
     // A load or rebuild still under way ends first, and the steps it queued for this thread (the load's
     // completion, the rebuild a load asks for, the ready step) run here, since the loop has ended: a
-    // command line such as "-reindex -update -exit" then saves the finished index.
+    // command line such as "-reindex -update -exit" then saves the finished index. Only the index's own
+    // events run: anything else queued belongs to parts that are already gone, and stays for the log.
     while (db->busy) {
         db_wait(db, "shutdown");
-        if (!event_dispatch() && !db->job_thread)
+        if (!event_dispatch_for(db) && !db->job_thread)
             break;
     }
     db_save(db, false);

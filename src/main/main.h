@@ -47,6 +47,10 @@ void event_remove(void (*callback)(void *), void *context);
 // Runs queued events until the queue is empty, including those posted meanwhile. Returns how many ran.
 // Called on the loop's wake-up; a test may call it directly.
 int event_dispatch();
+// Runs, in queue order, only the queued events whose context is this one, including those posted
+// meanwhile; every other event stays queued in its place. For the shutdown, which must finish an object's
+// own work without running anything else. Returns how many ran. Main thread.
+int event_dispatch_for(void *context);
 // How many times event_post has woken the loop since start: one per empty-to-non-empty edge.
 uint32_t event_wake_count();
 // Events waiting now.

@@ -312,8 +312,10 @@ static void _main_kill() {
     debug_color_printf(MAIN_STEP_COLOR, "kill\n");
     main_switches_kill(&switches);
     os_main_ole_kill();
-    config_kill();
+    // The queue goes before the settings: what is still queued is only logged, but the settings must
+    // outlive every part of the program that could still look at them.
     event_kill();
+    config_kill();
     os_kill();
     debug_kill();
 }

@@ -84,6 +84,12 @@ void main_db_apply_command_line(const cl_t *cl, bool running) {
         main_db_load();
 }
 
+void main_db_save() {
+    if (db) {
+        db_save(db, false);
+    }
+}
+
 void main_db_kill() {
     _main_load_timer_kill();
     if (!db)

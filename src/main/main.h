@@ -138,6 +138,9 @@ void main_db_load();
 // save, left to the shutdown when the same line quits), and the load itself when the program will search its
 // own index: at once, or after -load-delay milliseconds on the first call. running is false at start.
 void main_db_apply_command_line(const cl_t *cl, bool running);
+// Saves the index as it stands, after a job under way (db_save waits for it). For the end of the session,
+// when the process is ended from outside without its shutdown.
+void main_db_save();
 // Shutdown: cancels a pending delayed load, saves the index unless nothing may be written, destroys it.
 void main_db_kill();
 // This process's own parsed command line, or null before it is parsed and after main_kill.

@@ -39,6 +39,15 @@ static LRESULT CALLBACK _mainloop_window_proc(HWND hwnd, UINT msg, WPARAM wparam
         }
         return 0;
     }
+    if (msg == WM_QUERYENDSESSION) {
+        return TRUE;
+    }
+    if (msg == WM_ENDSESSION) {
+        if (procs.end_session) {
+            procs.end_session(wparam != 0);
+        }
+        return 0;
+    }
     if (msg == WM_COPYDATA) {
         const COPYDATASTRUCT *cds = (const COPYDATASTRUCT *) lparam;
         if (cds && cds->dwData == SABLEWATCH_IPC_COPYDATA_COMMAND_LINE_UTF8 && procs.command_line) {
@@ -262,6 +271,40 @@ bool os_process_wait(os_process_t *p, uint32_t timeout_ms, int *exit_code) {
     GetExitCodeProcess(p->process, &code);
     *exit_code = (int) code;
     return true;
+}
+
+struct mainloop_end_t {
+    DWORD pid;
+    int sent;
+};
+
+static void _mainloop_end_window(HWND hwnd, mainloop_end_t *end) {
+    DWORD pid = 0;
+    GetWindowThreadProcessId(hwnd, &pid);
+    if (pid != end->pid) {
+        return;
+    }
+    DWORD_PTR result = 0;
+    SendMessageTimeoutW(hwnd, WM_QUERYENDSESSION, 0, ENDSESSION_LOGOFF, SMTO_BLOCK, 30000, &result);
+    if (SendMessageTimeoutW(hwnd, WM_ENDSESSION, TRUE, ENDSESSION_LOGOFF, SMTO_BLOCK, 30000, &result)) {
+        end->sent++;
+    }
+}
+
+static BOOL CALLBACK _mainloop_end_proc(HWND hwnd, LPARAM lparam) {
+    _mainloop_end_window(hwnd, (mainloop_end_t *) lparam);
+    return TRUE;
+}
+
+bool os_process_request_end(os_process_t *p) {
+    mainloop_end_t end = {GetProcessId(p->process), 0};
+    EnumWindows(_mainloop_end_proc, (LPARAM) &end);
+    // A session without a desktop leaves the program a message-only window, which EnumWindows skips.
+    for (HWND h = FindWindowExW(HWND_MESSAGE, nullptr, nullptr, nullptr); h;
+         h = FindWindowExW(HWND_MESSAGE, h, nullptr, nullptr)) {
+        _mainloop_end_window(h, &end);
+    }
+    return end.sent > 0;
 }
 
 void os_process_destroy(os_process_t *p) {

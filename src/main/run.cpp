@@ -218,6 +218,17 @@ static bool _main_mode_unavailable(const char *what) {
 static bool _main_run_service_modes() {
     const cl_t *cl = switches.cl;
     if (cl->flags & CL_FLAG_SVC) {
+        // The service logs to a file of its own and reads none of the application's settings: its log
+        // and console come from its switches alone.
+        debug_banner_service = true;
+        debug_verbose = switches.verbose;
+        if (switches.debug_log) {
+            debug_open_log(true);
+        }
+        if (switches.debug) {
+            debug_set_console(true);
+        }
+        debug_banner();
         return _main_mode_unavailable("-svc (the service)");
     }
     if (cl->flags & CL_FLAG_CLIENT_SVC) {

@@ -5,6 +5,7 @@
 #include "debug/debug.h"
 #include "mem/mem.h"
 #include "os/os.h"
+#include "os/os_main.h"
 #include "text/text.h"
 
 #include <cstddef>
@@ -58,25 +59,9 @@ const char *cl_next_token(const char *p, str_t *out, bool *quoted) {
 }
 
 void cl_quote_arg(str_t *out, const char *arg) {
-    bool plain = *arg != 0;
-    for (const char *p = arg; *p && plain; p++) {
-        plain = *p != '"' && !_cl_is_blank(*p);
-    }
-    if (plain) {
-        str_cat_z(out, arg);
-        return;
-    }
-    // Inside quotes only a quote is special, and three of them stand for one. A run of quotes in the
-    // result holds at most the two quotes that open and close, so it always reads back the same way.
-    str_cat_char(out, '"');
-    for (const char *p = arg; *p; p++) {
-        if (*p == '"') {
-            str_cat_z(out, "\"\"\"");
-        } else {
-            str_cat_char(out, *p);
-        }
-    }
-    str_cat_char(out, '"');
+    // The rule lives in the platform layer, which builds the program's own command line and its children's
+    // by it; there must be only one.
+    os_main_quote_arg(out, arg);
 }
 
 // ---- the parser's state --------------------------------------------------------------------------------

@@ -297,3 +297,14 @@ void db_build_path_order(const db_ref_t *by_name, uint32_t n, const db_build_ran
 // order or the extension order.
 void db_build_value_order(const db_t *db, db_order_t order, bool folder, const db_ref_t *by_name, uint32_t n,
                           db_ref_t *out);
+
+// ---- control from the command line -----------------------------------------------------------------------
+
+// Pauses (true) or resumes (false) the index's monitors: sets the monitor_pause setting, and stops the
+// monitors that run or starts again those the index calls for (the file-list monitor, with its check for
+// lists changed meanwhile). Nothing starts under -read-only or before the index is loaded: the load's
+// end starts them. Main thread.
+void db_monitor_set_pause(db_t *db, bool pause);
+// Marks every folder source as due for its update now and asks for the folder update check, which runs
+// when no job holds the index. Returns the number of folder sources marked. Main thread.
+int db_folder_rescan_all(db_t *db);

@@ -131,6 +131,32 @@ int event_dispatch() {
     return ran;
 }
 
+int event_dispatch_for(void *context) {
+    event_queue_t *q = _event_queue();
+    int ran = 0;
+    for (;;) {
+        // From the head each time: a callback may have removed or posted events meanwhile.
+        os_lock_enter(&q->lock);
+        event_t *e = q->head;
+        while (e && e->context != context) {
+            e = e->next;
+        }
+        if (e) {
+            _event_unlink(q, e);
+        }
+        os_lock_leave(&q->lock);
+        if (!e) {
+            return ran;
+        }
+        if (debug_verbose) {
+            debug_color_printf((int32_t) 0xFF00FF00, "EVENT: %p %p\n", (void *) e->callback, e->context);
+        }
+        e->callback(e->context);
+        mem_free(e);
+        ran++;
+    }
+}
+
 uint32_t event_wake_count() {
     return wake_count.load();
 }

@@ -61,6 +61,10 @@ void main_db_apply_command_line(const cl_t *cl, bool running) {
         main_db_load();
         db_rebuild(db, true);
     }
+    // The index's own folder sources: none before the index exists, and a later load schedules them anyway.
+    if (cl && (cl->flags & CL_FLAG_RESCAN_ALL) && db) {
+        db_folder_rescan_all(db);
+    }
     if (cl && (cl->flags & CL_FLAG_UPDATE)) {
         main_db_load();
         // A command line that also quits saves through the shutdown.
@@ -80,16 +84,23 @@ void main_db_apply_command_line(const cl_t *cl, bool running) {
         main_db_load();
 }
 
+void main_db_save() {
+    if (db) {
+        db_save(db, false);
+    }
+}
+
 void main_db_kill() {
     _main_load_timer_kill();
     if (!db)
         return;
     // A load or rebuild still under way ends first, and the steps it queued for this thread (the load's
     // completion, the rebuild a load asks for, the ready step) run here, since the loop has ended: a
-    // command line such as "-reindex -update -exit" then saves the finished index.
+    // command line such as "-reindex -update -exit" then saves the finished index. Only the index's own
+    // events run: anything else queued belongs to parts that are already gone, and stays for the log.
     while (db->busy) {
         db_wait(db, "shutdown");
-        if (!event_dispatch() && !db->job_thread)
+        if (!event_dispatch_for(db) && !db->job_thread)
             break;
     }
     db_save(db, false);

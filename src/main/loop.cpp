@@ -1,5 +1,8 @@
 // The main loop: one thread, no busy waiting. Messages first; the deferred work only with an empty queue,
 // so that no modal box ever runs inside a callback or a list's message; then wait.
+#include <cstdint>
+
+#include "config/config.h"
 #include "debug/debug.h"
 #include "main/main.h"
 #include "mem/mem.h"
@@ -30,13 +33,24 @@ static bool _main_command_line_proc(const void *block, uint32_t size) {
     return true;
 }
 
+// The session ends and the process is about to be ended from outside: only what must not be lost is
+// saved, and nothing else runs.
+static void _main_end_session_proc(bool ending) {
+    debug_printf("endsession %p\n", (void *) (uintptr_t) ending);
+    if (!ending) {
+        return;
+    }
+    config_save(false);
+    main_db_save();
+}
+
 bool main_loop_init(const char *instance) {
     str_t class_name, file_name;
     str_init(&class_name);
     str_init(&file_name);
     main_window_class_name(&class_name, instance);
     main_instance_escape(&file_name, class_name.ptr);
-    static const os_main_procs_t procs = {_main_wake_proc, _main_command_line_proc};
+    static const os_main_procs_t procs = {_main_wake_proc, _main_command_line_proc, _main_end_session_proc};
     loop_made = os_main_loop_create(class_name.ptr, file_name.ptr, &procs);
     str_kill(&file_name);
     str_kill(&class_name);

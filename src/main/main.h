@@ -47,6 +47,10 @@ void event_remove(void (*callback)(void *), void *context);
 // Runs queued events until the queue is empty, including those posted meanwhile. Returns how many ran.
 // Called on the loop's wake-up; a test may call it directly.
 int event_dispatch();
+// Runs, in queue order, only the queued events whose context is this one, including those posted
+// meanwhile; every other event stays queued in its place. For the shutdown, which must finish an object's
+// own work without running anything else. Returns how many ran. Main thread.
+int event_dispatch_for(void *context);
 // How many times event_post has woken the loop since start: one per empty-to-non-empty edge.
 uint32_t event_wake_count();
 // Events waiting now.
@@ -99,14 +103,10 @@ struct main_switches_t {
     cl_t *cl;       // the whole parsed command line, owned
 };
 
-// Splits a command line into arguments by the rules of the Windows command line: white space separates,
-// double quotes group, 2n backslashes before a quote give n and the quote groups, 2n+1 give n and a
-// literal quote, other backslashes are literal. Returns the count; *argv is one heap block (pointers and
-// texts) that the caller frees with mem_free.
-int main_split_command_line(const char *text, char ***argv);
-// Reads the switches of argv, whose first element is the program, through the command-line parser. The
-// caller kills sw.
-void main_switches_parse(main_switches_t *sw, int argc, char **argv);
+// Reads the switches of this process's own command line: the platform's whole line (GetCommandLineW,
+// or on Linux the arguments quoted by the program's rule), first token the program, relative paths
+// against the current folder. The caller kills sw.
+void main_switches_parse_own(main_switches_t *sw);
 // The same for a whole command line whose first token is the program, with relative paths made absolute
 // against base_directory (null: the current folder). This is how a handed-over command line is read.
 void main_switches_parse_line(main_switches_t *sw, const char *command_line, const char *base_directory);
@@ -134,10 +134,13 @@ void main_apply_command_line(const main_switches_t *sw, bool running);
 // Creates the index and starts its load (or, with -no-db or no file, its rebuild), once: later calls do
 // nothing. The -db switch, the instance, -no-db and -read-only of this process's command line apply.
 void main_db_load();
-// What a command line asks of the index: -reindex (loading first if need be), -update (a forced save,
-// left to the shutdown when the same line quits), and the load itself when the program will search its
+// What a command line asks of the index: -reindex (loading first if need be), -rescan-all, -update (a forced
+// save, left to the shutdown when the same line quits), and the load itself when the program will search its
 // own index: at once, or after -load-delay milliseconds on the first call. running is false at start.
 void main_db_apply_command_line(const cl_t *cl, bool running);
+// Saves the index as it stands, after a job under way (db_save waits for it). For the end of the session,
+// when the process is ended from outside without its shutdown.
+void main_db_save();
 // Shutdown: cancels a pending delayed load, saves the index unless nothing may be written, destroys it.
 void main_db_kill();
 // This process's own parsed command line, or null before it is parsed and after main_kill.
@@ -145,6 +148,7 @@ const cl_t *main_command_line();
 
 // ---- the program ---------------------------------------------------------------------------------------
 
-// The whole process: start-up, main loop, shutdown. argv is UTF-8 with the program first; show_command
-// is how the start asked the first window to be shown. Returns the process exit code.
-int main_run(int argc, char **argv, int show_command);
+// The whole process: start-up, main loop, shutdown. The command line is the platform's own (see
+// main_switches_parse_own); show_command is how the start asked the first window to be shown. Returns the
+// process exit code.
+int main_run(int show_command);

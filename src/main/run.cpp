@@ -4,6 +4,7 @@
 
 #include "cl/cl.h"
 #include "config/config.h"
+#include "db_create/db_create.h"
 #include "debug/debug.h"
 #include "filelist/create.h"
 #include "main/main.h"
@@ -71,10 +72,10 @@ static void _main_init_base() {
 }
 
 // Step 2: the command line, through the full parser; no default base folder, the program first.
-static void _main_parse_command_line(int argc, char **argv) {
+static void _main_parse_command_line() {
     // -search-file-list turns a list into search text while the line is parsed.
     cl_set_file_list_reader(filelist_to_search);
-    main_switches_parse(&switches, argc, argv);
+    main_switches_parse_own(&switches);
 }
 
 // Step 7: the settings. -config names the file and is read as it stands; otherwise the default file beside
@@ -129,6 +130,41 @@ static void _main_apply_log_switches() {
     debug_color_printf(MAIN_STEP_COLOR, "ole initialize: %08x\n", ole_result);
 }
 
+// The texts a search window is given from the command line. Search windows join later; until then the
+// log tells what a window would show, which is also how a handed-over line can be checked from outside.
+static void _main_log_window_texts(const cl_t *cl) {
+    if (cl->search_parts) {
+        str_t search;
+        str_init(&search);
+        cl_build_search(&search, (cl->on & CL_ON_REGEX) != 0, cl);
+        debug_printf("search window: search %s\n", search.ptr ? search.ptr : "");
+        str_kill(&search);
+    }
+    if (cl->filter) {
+        debug_printf("search window: filter %s\n", cl->filter);
+    }
+    if (cl->bookmark) {
+        debug_printf("search window: bookmark %s\n", cl->bookmark);
+    }
+    if (cl->file_list) {
+        debug_printf("search window: file list %s\n", cl->file_list);
+    }
+}
+
+// -monitor-pause and -monitor-resume. At the start they only set the setting, which every monitor reads
+// before it starts; later the running monitors are stopped or started again through the index.
+static void _main_apply_monitor_pause(const cl_t *cl, bool running) {
+    if (!((cl->on | cl->off) & CL_ON_MONITOR_PAUSE)) {
+        return;
+    }
+    bool pause = (cl->on & CL_ON_MONITOR_PAUSE) != 0;
+    if (running && db) {
+        db_monitor_set_pause(db, pause);
+    } else {
+        monitor_pause = pause ? 1 : 0;
+    }
+}
+
 void main_apply_command_line(const main_switches_t *sw, bool running) {
     if (sw->debug && !debug_is_active()) {
         if (debug_set_console(true)) {
@@ -143,10 +179,19 @@ void main_apply_command_line(const main_switches_t *sw, bool running) {
     if (sw->no_verbose) {
         debug_verbose = false;
     }
+    if (running && sw->cl && sw->cl->install_config) {
+        config_load(sw->cl->install_config, false, true);
+    }
     if (sw->no_db) {
         no_db = true;
     }
+    if (sw->cl) {
+        _main_apply_monitor_pause(sw->cl, running);
+    }
     main_db_apply_command_line(sw->cl, running);
+    if (sw->cl) {
+        _main_log_window_texts(sw->cl);
+    }
     if (sw->exit) {
         main_quit(0);
     }
@@ -159,17 +204,94 @@ static bool _main_has_work_before_exit(const cl_t *cl) {
            ((cl->on | cl->off) & CL_ON_MONITOR_PAUSE) || cl->service_pipe_name;
 }
 
+// A run mode whose body is not part of this program yet: said in one line on the standard error and in
+// the log, and the process ends with exit code 1 instead of starting as the search application.
+static bool _main_mode_unavailable(const char *what) {
+    debug_color_printf((int32_t) 0xFFFF0000, "%s: not available in this build\n", what);
+    fprintf(stderr, "sablewatch: %s: not available in this build\n", what);
+    fflush(stderr);
+    exit_code = 1;
+    return true;
+}
+
+// Steps 3 and 4: the service and the client service. True when the process has done its job.
+static bool _main_run_service_modes() {
+    const cl_t *cl = switches.cl;
+    if (cl->flags & CL_FLAG_SVC) {
+        // The service logs to a file of its own and reads none of the application's settings: its log
+        // and console come from its switches alone.
+        debug_banner_service = true;
+        debug_verbose = switches.verbose;
+        if (switches.debug_log) {
+            debug_open_log(true);
+        }
+        if (switches.debug) {
+            debug_set_console(true);
+        }
+        debug_banner();
+        return _main_mode_unavailable("-svc (the service)");
+    }
+    if (cl->flags & CL_FLAG_CLIENT_SVC) {
+        return _main_mode_unavailable("-client-svc (the client service)");
+    }
+    return false;
+}
+
+// Step 5: -admin relaunches a process that isn't elevated; an elevated one goes on. The relaunch is
+// treated as failed until it exists, which sets exit_code to 1 as a failed relaunch does.
+static bool _main_relaunch_admin() {
+    if (!(switches.cl->flags & CL_FLAG_ADMIN) || os_is_admin()) {
+        return false;
+    }
+    return _main_mode_unavailable("-admin (relaunch as administrator)");
+}
+
+// Step 14: -stop-service from a process that isn't elevated asks the service itself to stop, through its
+// pipe.
+static bool _main_stop_service() {
+    if (switches.cl->service_op != CL_SERVICE_STOP || os_is_admin()) {
+        return false;
+    }
+    return _main_mode_unavailable("-stop-service (the service client)");
+}
+
+// The on and off bits that install or uninstall something: the install items, the two options, and the
+// per-user data folder.
+#define MAIN_INSTALL_BITS                                                                                    \
+    (CL_ON_START_MENU_SHORTCUTS | CL_ON_QUICK_LAUNCH_SHORTCUT | CL_ON_DESKTOP_SHORTCUT |                     \
+     CL_ON_FOLDER_CONTEXT_MENU | CL_ON_URL_PROTOCOL | CL_ON_RUN_ON_SYSTEM_STARTUP |                          \
+     CL_ON_UPDATE_NOTIFICATION | CL_ON_SWL_ASSOCIATION | CL_ON_APP_DATA | CL_ON_RUN_AS_ADMIN)
+
+// Whether the line asks the installer for anything besides -create-file-list.
+static bool _main_has_installer_switches(const cl_t *cl) {
+    return cl->install || cl->uninstall || ((cl->on | cl->off) & MAIN_INSTALL_BITS) || cl->service_op ||
+           cl->client_service_op || cl->journal_ops || (cl->flags & CL_FLAG_UNINSTALL_USER);
+}
+
 // Step 15: the switches that do one job and end the process. True when this process has done its job.
-// Of the installer's switches only -create-file-list exists on both platforms.
+// Of the installer's switches only -create-file-list exists; the others end the process as unavailable.
 static bool _main_do_command_line_installs() {
     const cl_t *cl = switches.cl;
-    if (!cl || !cl->create_file_list_filename)
+    bool done = false;
+    if (cl->create_file_list_filename) {
+        if (!filelist_create(cl->create_file_list_filename, cl->create_file_list_path,
+                             cl->create_file_list_exclude_files, cl->create_file_list_exclude_folders,
+                             cl->create_file_list_include_only_files))
+            exit_code = 1;
+        done = true;
+    }
+    if (_main_has_installer_switches(cl)) {
+        done = _main_mode_unavailable("install switches (the installer)");
+    }
+    return done;
+}
+
+// Step 16: -rename, -copyto and -moveto each run one dialog, without the mutex.
+static bool _main_run_file_operation() {
+    if (!switches.cl->file_op) {
         return false;
-    if (!filelist_create(cl->create_file_list_filename, cl->create_file_list_path,
-                         cl->create_file_list_exclude_files, cl->create_file_list_exclude_folders,
-                         cl->create_file_list_include_only_files))
-        exit_code = 1;
-    return true;
+    }
+    return _main_mode_unavailable("-rename, -copyto, -moveto (the file operation dialogs)");
 }
 
 // Steps 17 and 18. False when this process has nothing more to do.
@@ -201,8 +323,10 @@ static void _main_kill() {
     debug_color_printf(MAIN_STEP_COLOR, "kill\n");
     main_switches_kill(&switches);
     os_main_ole_kill();
-    config_kill();
+    // The queue goes before the settings: what is still queued is only logged, but the settings must
+    // outlive every part of the program that could still look at them.
     event_kill();
+    config_kill();
     os_kill();
     debug_kill();
 }
@@ -216,22 +340,27 @@ static void _main_shutdown() {
     _main_kill();
 }
 
-int main_run(int argc, char **argv, int show_command) {
+int main_run(int show_command) {
     main_show_command = show_command;
     _main_init_base();
-    _main_parse_command_line(argc, argv);
+    _main_parse_command_line();
     if (switches.help) {
         fputs(main_usage, stdout);
         fflush(stdout);
         _main_kill();
         return 0;
     }
+    if (_main_run_service_modes() || _main_relaunch_admin()) {
+        _main_shutdown();
+        return exit_code;
+    }
     _main_load_settings();
     _main_start_log();
     _main_load_language();
     _main_apply_log_switches();
     read_only = switches.read_only;
-    if (!_main_do_command_line_installs() && _main_take_instance() && _main_create_window()) {
+    if (!_main_stop_service() && !_main_do_command_line_installs() && !_main_run_file_operation() &&
+        _main_take_instance() && _main_create_window()) {
         debug_color_printf(MAIN_STEP_COLOR, "enter main loop\n");
         main_loop_run();
     }

@@ -25,6 +25,10 @@ struct os_main_procs_t {
     // A command line handed over by another instance: the raw block as the sender built it. Returns true
     // when the block was taken.
     bool (*command_line)(const void *block, uint32_t size);
+    // Windows: the session ends (WM_ENDSESSION); ending is false when the end was called off. The process
+    // is ended from outside soon after this returns, without its loop ending first. Not called on Linux,
+    // where the signals that ask a process to end end the loop instead (os_main_pump returns -1).
+    void (*end_session)(bool ending);
 };
 
 // Creates the wake-up channel and the hand-over endpoint. False on failure, with nothing left behind.
@@ -35,7 +39,8 @@ void os_main_loop_destroy();
 // nothing without a loop.
 void os_main_wake();
 // Handles at most one pending message or endpoint event without waiting. Returns 1 when something was
-// handled, 0 when nothing was pending, -1 when the platform asked the loop to end (WM_QUIT).
+// handled, 0 when nothing was pending, -1 when the platform asked the loop to end (WM_QUIT; on Linux
+// SIGTERM, SIGINT or SIGHUP, caught while the loop exists).
 int os_main_pump();
 // Blocks until something is pending for os_main_pump. Never busy-waits.
 void os_main_wait();
@@ -58,15 +63,24 @@ void os_main_peer_close(os_main_peer_t *peer);
 uint32_t os_main_ole_init();
 void os_main_ole_kill();
 
-// Windows entry: converts wmain's arguments to UTF-8. The array and its texts live until the process
-// ends. Not used on Linux, whose arguments already are bytes.
-char **os_main_utf8_args(int argc, wchar_t **argv);
+// Appends one argument to out by the program's own quoting rule, which its command-line tokeniser reads
+// back unchanged: as it stands when it is non-empty and holds no blank and no quote, else in double quotes
+// with each quote written as three. Backslashes mean nothing. Every command line that the program reads
+// back itself is built this way: its own line on Linux (os_command_line), a child's (os_process_start).
+struct str_t;
+void os_main_quote_arg(str_t *out, const char *arg);
 
 // A child process, for the tests that start the program itself. args are the arguments after the
-// program, UTF-8. Null when it could not be started.
+// program, UTF-8; on Windows they are quoted by os_main_quote_arg, since the child reads its raw command
+// line. Null when it could not be started.
 struct os_process_t;
 os_process_t *os_process_start(const char *exe, const char *const *args, int count);
 // Waits up to timeout_ms. True with the exit code when the process has ended.
 bool os_process_wait(os_process_t *p, uint32_t timeout_ms, int *exit_code);
+// Asks the process to end as the end of a session does. Linux: SIGTERM, which the program answers with
+// its normal shutdown. Windows: WM_QUERYENDSESSION and WM_ENDSESSION sent to each of its windows, which
+// the program answers by saving; the process then still runs, and the caller ends it as the session
+// would. False when the request could not be delivered.
+bool os_process_request_end(os_process_t *p);
 // Ends the process if it still runs, then frees the handle.
 void os_process_destroy(os_process_t *p);

@@ -139,6 +139,26 @@ TEST_F(EventQueue, EventsPostedByACallbackRunInTheSamePass) {
     EXPECT_EQ(event_pending_count(), 0);
 }
 
+// One context's events run in queue order, including those they post for it; every other event keeps its
+// place, and the queue still links both ways afterwards.
+TEST_F(EventQueue, DispatchForOneContextLeavesTheRestInPlace) {
+    static const char one[] = "1", x[] = "x", y[] = "y";
+    trace.clear();
+    chain_left = 3;
+    event_post(trace_a, (void *) x);
+    event_post(chain_proc, (void *) one);
+    event_post(trace_b, (void *) y);
+    event_post(trace_a, (void *) one);
+    event_post(trace_b, (void *) x);
+    EXPECT_EQ(event_dispatch_for((void *) one), 4);
+    EXPECT_EQ(trace, "1a111");
+    EXPECT_EQ(event_dispatch_for((void *) "none queued"), 0);
+    trace.clear();
+    event_post(trace_a, (void *) y);
+    EXPECT_EQ(event_dispatch(), 4);
+    EXPECT_EQ(trace, "axbybxay");
+}
+
 std::atomic<int> loop_remaining{0};
 void quit_when_done_proc(void *) {
     if (--loop_remaining == 0) {

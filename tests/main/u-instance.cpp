@@ -1,4 +1,4 @@
-// Instance names, the command-line splitter and switches, the hand-over block, the instance lock and a
+// Instance names, the spine's switches, the hand-over block, the instance lock and a
 // hand-over through the real loop.
 #include <gtest/gtest.h>
 
@@ -68,36 +68,11 @@ TEST(InstanceNames, MutexClassAndFiles) {
     }
 }
 
-std::vector<std::string> split(const char *text) {
-    char **argv;
-    int argc = main_split_command_line(text, &argv);
-    std::vector<std::string> out(argv, argv + argc);
-    EXPECT_EQ(argv[argc], nullptr);
-    mem_free(argv);
-    return out;
-}
-
-TEST(CommandLine, SplitsByWindowsRules) {
-    using v = std::vector<std::string>;
-    EXPECT_EQ(split(""), v{});
-    EXPECT_EQ(split("   \t "), v{});
-    EXPECT_EQ(split("prog -a  b\tc "), (v{"prog", "-a", "b", "c"}));
-    EXPECT_EQ(split("prog \"two words\" x\"y z\"w"), (v{"prog", "two words", "xy zw"}));
-    EXPECT_EQ(split("\"\" \"\""), (v{"", ""}));
-    EXPECT_EQ(split("C:\\dir\\file.txt"), (v{"C:\\dir\\file.txt"}));
-    EXPECT_EQ(split("a\\\\\"b c\""), (v{"a\\b c"})); // 2 backslashes + quote: one backslash, quote groups
-    EXPECT_EQ(split("a\\\"b c"), (v{"a\"b", "c"}));  // 1 backslash + quote: a literal quote
-    EXPECT_EQ(split("a\\\\\\\"b"), (v{"a\\\"b"}));   // 3 backslashes + quote
-    EXPECT_EQ(split("\"end\\\\\""), (v{"end\\"}));   // a folder with its trailing backslash
-    EXPECT_EQ(split("\"unterminated x"), (v{"unterminated x"}));
-}
-
 TEST(CommandLine, SpineSwitches) {
-    char **argv;
-    int argc = main_split_command_line(
-        "prog -Instance \"my inst\" --first-instance -QUIT -no-db -read-only -debug-log x -verbose", &argv);
     main_switches_t sw;
-    main_switches_parse(&sw, argc, argv);
+    main_switches_parse_line(
+        &sw, "prog -Instance \"my inst\" --first-instance -QUIT -no-db -read-only -debug-log x -verbose",
+        nullptr);
     ASSERT_NE(sw.instance, nullptr);
     EXPECT_STREQ(sw.instance, "my inst");
     EXPECT_TRUE(sw.first_instance);
@@ -110,24 +85,19 @@ TEST(CommandLine, SpineSwitches) {
     EXPECT_FALSE(sw.help);
     EXPECT_FALSE(sw.no_first_instance);
     main_switches_kill(&sw);
-    mem_free(argv);
 
     // An unknown switch stops the line and asks for the usage text, so nothing behind it acts.
-    argc = main_split_command_line("prog -verbose -no-such-switch -exit", &argv);
-    main_switches_parse(&sw, argc, argv);
+    main_switches_parse_line(&sw, "prog -verbose -no-such-switch -exit", nullptr);
     EXPECT_TRUE(sw.help);
     EXPECT_TRUE(sw.verbose);
     EXPECT_FALSE(sw.exit);
     main_switches_kill(&sw);
-    mem_free(argv);
 
     // The program's own name is never a switch, and -instance without a value is ignored.
-    argc = main_split_command_line("-exit -instance", &argv);
-    main_switches_parse(&sw, argc, argv);
+    main_switches_parse_line(&sw, "-exit -instance", nullptr);
     EXPECT_FALSE(sw.exit);
     EXPECT_EQ(sw.instance, nullptr);
     main_switches_kill(&sw);
-    mem_free(argv);
 }
 
 TEST(Handover, BlockRoundTripAndMalformedBlocks) {

@@ -4,6 +4,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <initializer_list>
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
@@ -36,6 +37,12 @@ struct mainloop_conn_t {
 
 static int wake_fd = -1;
 static int listen_fd = -1;
+// SIGTERM, SIGINT and SIGHUP are this platform's request to end, as WM_QUIT is on Windows: the handler
+// only counts on this eventfd, and the loop ends through its normal shutdown (index saved, lock released).
+static int signal_fd = -1;
+static volatile sig_atomic_t last_signal = 0;
+static const int quit_signals[] = {SIGTERM, SIGINT, SIGHUP};
+static struct sigaction old_actions[3];
 static str_t socket_path;
 static os_main_procs_t procs;
 static mainloop_conn_t conns[MAINLOOP_MAX_CONNECTIONS];
@@ -65,13 +72,49 @@ static bool _mainloop_socket_address(const char *file_name, sockaddr_un *addr, s
     return true;
 }
 
+static void _mainloop_signal_handler(int sig) {
+    // Only async-signal-safe calls here: the flag and a write to the eventfd.
+    int saved = errno;
+    last_signal = sig;
+    uint64_t one = 1;
+    ssize_t r = write(signal_fd, &one, sizeof(one));
+    (void) r;
+    errno = saved;
+}
+
+static void _mainloop_signals_catch() {
+    struct sigaction sa;
+    memset(&sa, 0, sizeof(sa));
+    sa.sa_handler = _mainloop_signal_handler;
+    sigemptyset(&sa.sa_mask);
+    sa.sa_flags = SA_RESTART;
+    for (int i = 0; i < 3; i++) {
+        sigaction(quit_signals[i], &sa, &old_actions[i]);
+    }
+}
+
+static void _mainloop_signals_release() {
+    for (int i = 0; i < 3; i++) {
+        sigaction(quit_signals[i], &old_actions[i], nullptr);
+    }
+}
+
 bool os_main_loop_create(const char *class_name, const char *file_name, const os_main_procs_t *p) {
     (void) class_name;
     wake_fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-    if (wake_fd < 0) {
+    signal_fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    if (wake_fd < 0 || signal_fd < 0) {
         debug_printf("eventfd: %d\n", errno);
+        for (int *fd : {&wake_fd, &signal_fd}) {
+            if (*fd >= 0) {
+                close(*fd);
+                *fd = -1;
+            }
+        }
         return false;
     }
+    last_signal = 0;
+    _mainloop_signals_catch();
     procs = *p;
     str_init(&socket_path);
     sockaddr_un addr;
@@ -109,6 +152,12 @@ void os_main_loop_destroy() {
         }
     }
     str_kill(&socket_path);
+    if (signal_fd >= 0) {
+        // The default actions again: a signal during the rest of the shutdown ends the process at once.
+        _mainloop_signals_release();
+        close(signal_fd);
+        signal_fd = -1;
+    }
     if (wake_fd >= 0) {
         int fd = wake_fd;
         wake_fd = -1;
@@ -169,10 +218,11 @@ static void _mainloop_read(int i) {
     _mainloop_conn_close(i);
 }
 
-// The poll set: the eventfd, the listening socket, then each connection.
+// The poll set: the wake-up eventfd, the signal eventfd, the listening socket, then each connection.
 static int _mainloop_fill(pollfd *fds) {
     int n = 0;
     fds[n++] = pollfd{wake_fd, POLLIN, 0};
+    fds[n++] = pollfd{signal_fd, POLLIN, 0};
     if (listen_fd >= 0) {
         fds[n++] = pollfd{listen_fd, POLLIN, 0};
     }
@@ -195,11 +245,19 @@ int os_main_pump() {
     if (wake_fd < 0) {
         return 0;
     }
-    pollfd fds[2 + MAINLOOP_MAX_CONNECTIONS];
+    pollfd fds[3 + MAINLOOP_MAX_CONNECTIONS];
     int n = _mainloop_fill(fds);
     if (poll(fds, (nfds_t) n, 0) <= 0) {
         _mainloop_drop_stale();
         return 0;
+    }
+    // A request to end comes before anything else that waits, as WM_QUIT ends the loop on Windows.
+    if (fds[1].revents) {
+        uint64_t value;
+        ssize_t r = read(signal_fd, &value, sizeof(value));
+        (void) r;
+        debug_printf("signal %d\n", (int) last_signal);
+        return -1;
     }
     if (fds[0].revents) {
         uint64_t value;
@@ -210,10 +268,10 @@ int os_main_pump() {
         }
         return 1;
     }
-    int first_conn = 1;
+    int first_conn = 2;
     if (listen_fd >= 0) {
-        first_conn = 2;
-        if (fds[1].revents) {
+        first_conn = 3;
+        if (fds[2].revents) {
             _mainloop_accept();
             return 1;
         }
@@ -231,7 +289,7 @@ void os_main_wait() {
     if (wake_fd < 0) {
         return;
     }
-    pollfd fds[2 + MAINLOOP_MAX_CONNECTIONS];
+    pollfd fds[3 + MAINLOOP_MAX_CONNECTIONS];
     int n = _mainloop_fill(fds);
     while (poll(fds, (nfds_t) n, -1) < 0 && errno == EINTR) {
     }
@@ -364,12 +422,6 @@ uint32_t os_main_ole_init() {
 }
 void os_main_ole_kill() {}
 
-char **os_main_utf8_args(int argc, wchar_t **argv) {
-    (void) argc;
-    (void) argv;
-    return nullptr;
-}
-
 // ---- child processes -----------------------------------------------------------------------------------
 
 struct os_process_t {
@@ -415,6 +467,10 @@ bool os_process_wait(os_process_t *p, uint32_t timeout_ms, int *exit_code) {
     }
     *exit_code = p->exit_code;
     return true;
+}
+
+bool os_process_request_end(os_process_t *p) {
+    return !p->ended && kill(p->pid, SIGTERM) == 0;
 }
 
 void os_process_destroy(os_process_t *p) {

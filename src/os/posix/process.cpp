@@ -1,6 +1,7 @@
 // The process on Linux: start-up, identity, the command line and ending.
 #include "mem/mem.h"
 #include "os/os_internal.h"
+#include "os/os_main.h"
 
 #include <fcntl.h>
 #include <stdio.h>
@@ -85,13 +86,14 @@ void os_command_line(str_t *out) {
     str_init(&raw);
     str_clear(out);
     if (_os_read_small_file("/proc/self/cmdline", &raw)) {
-        // The arguments are zero-terminated one after another.
+        // The arguments are zero-terminated one after another. They are quoted by the rule the program's
+        // tokeniser reads, so that the line handed to a running instance parses as this one does.
         for (int i = 0; i < raw.len;) {
             const char *arg = raw.ptr + i;
             if (out->len) {
                 str_cat_char(out, ' ');
             }
-            os_quote_arg(out, arg);
+            os_main_quote_arg(out, arg);
             i += (int) strlen(arg) + 1;
         }
     }

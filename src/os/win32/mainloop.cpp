@@ -39,6 +39,15 @@ static LRESULT CALLBACK _mainloop_window_proc(HWND hwnd, UINT msg, WPARAM wparam
         }
         return 0;
     }
+    if (msg == WM_QUERYENDSESSION) {
+        return TRUE;
+    }
+    if (msg == WM_ENDSESSION) {
+        if (procs.end_session) {
+            procs.end_session(wparam != 0);
+        }
+        return 0;
+    }
     if (msg == WM_COPYDATA) {
         const COPYDATASTRUCT *cds = (const COPYDATASTRUCT *) lparam;
         if (cds && cds->dwData == SABLEWATCH_IPC_COPYDATA_COMMAND_LINE_UTF8 && procs.command_line) {
@@ -216,32 +225,17 @@ void os_main_ole_kill() {
     }
 }
 
-char **os_main_utf8_args(int argc, wchar_t **argv) {
-    char **out = (char **) mem_alloc(sizeof(char *) * (size_t) (argc + 1));
-    str_t s;
-    str_init(&s);
-    for (int i = 0; i < argc; i++) {
-        str_set_wide(&s, (const uint16_t *) argv[i]);
-        out[i] = mem_dup(s.ptr, (size_t) s.len);
-    }
-    out[argc] = nullptr;
-    str_kill(&s);
-    return out;
-}
-
 // ---- child processes -----------------------------------------------------------------------------------
 
 struct os_process_t {
     HANDLE process;
 };
 
-// Quotes one argument by the rules CommandLineToArgvW reads back: backslashes are literal except before a
-// quote, where they are doubled.
-// A switch must reach the child unquoted: the program's own parser takes a quoted token for text, never
-// for a switch. os_quote_arg quotes only what needs it.
+// The child is this program, which reads its raw command line with its own tokeniser: the arguments are
+// quoted by that tokeniser's rule, so that a switch stays unquoted and a text comes back as it was.
 static void _mainloop_quote(str_t *cl, const char *arg) {
     str_cat_char(cl, ' ');
-    os_quote_arg(cl, arg);
+    os_main_quote_arg(cl, arg);
 }
 
 os_process_t *os_process_start(const char *exe, const char *const *args, int count) {
@@ -277,6 +271,40 @@ bool os_process_wait(os_process_t *p, uint32_t timeout_ms, int *exit_code) {
     GetExitCodeProcess(p->process, &code);
     *exit_code = (int) code;
     return true;
+}
+
+struct mainloop_end_t {
+    DWORD pid;
+    int sent;
+};
+
+static void _mainloop_end_window(HWND hwnd, mainloop_end_t *end) {
+    DWORD pid = 0;
+    GetWindowThreadProcessId(hwnd, &pid);
+    if (pid != end->pid) {
+        return;
+    }
+    DWORD_PTR result = 0;
+    SendMessageTimeoutW(hwnd, WM_QUERYENDSESSION, 0, ENDSESSION_LOGOFF, SMTO_BLOCK, 30000, &result);
+    if (SendMessageTimeoutW(hwnd, WM_ENDSESSION, TRUE, ENDSESSION_LOGOFF, SMTO_BLOCK, 30000, &result)) {
+        end->sent++;
+    }
+}
+
+static BOOL CALLBACK _mainloop_end_proc(HWND hwnd, LPARAM lparam) {
+    _mainloop_end_window(hwnd, (mainloop_end_t *) lparam);
+    return TRUE;
+}
+
+bool os_process_request_end(os_process_t *p) {
+    mainloop_end_t end = {GetProcessId(p->process), 0};
+    EnumWindows(_mainloop_end_proc, (LPARAM) &end);
+    // A session without a desktop leaves the program a message-only window, which EnumWindows skips.
+    for (HWND h = FindWindowExW(HWND_MESSAGE, nullptr, nullptr, nullptr); h;
+         h = FindWindowExW(HWND_MESSAGE, h, nullptr, nullptr)) {
+        _mainloop_end_window(h, &end);
+    }
+    return end.sent > 0;
 }
 
 void os_process_destroy(os_process_t *p) {

@@ -62,6 +62,12 @@ void date_add_months(os_systemtime_t *fields, int64_t month) {
     int64_t y = fields->year + years;
     fields->month = (int) (m - years * 12 + 1);
     fields->year = y < -1000000000 ? -1000000000 : y > 1000000000 ? 1000000000 : (int) y;
+    // A month from the 31st (or from 29 February a year on) lands on the last day of the shorter month,
+    // as the calendar reads "a month ago", instead of a day that doesn't exist.
+    int last = os_days_in_month(fields->year, fields->month);
+    if (fields->day > last) {
+        fields->day = last;
+    }
 }
 
 int date_two_digit_year_max() {

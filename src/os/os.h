@@ -264,6 +264,8 @@ bool os_local_to_filetime(const os_systemtime_t *local, uint64_t *ft);
 // UTC conversions without any zone. False when out of range.
 bool os_filetime_to_system(uint64_t ft, os_systemtime_t *out);
 bool os_system_to_filetime(const os_systemtime_t *st, uint64_t *ft);
+// The number of days of a month (1..12) of the Gregorian calendar, leap years counted.
+int os_days_in_month(int year, int month);
 
 // The high-resolution counter and its frequency per second.
 uint64_t os_counter();

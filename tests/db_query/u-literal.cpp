@@ -286,10 +286,48 @@ TEST_F(LiteralTest, DaylightSavingEdges) {
         {"last week", utc(2024, 3, 24, 23), utc(2024, 3, 31, 22) - 1, ""},
     };
     check_dates(after, 4, true);
-    // A month back from 31 March is 31 February: refused, so the range starts at 0.
-    test_clock::now_value = utc(2024, 3, 31, 12);
-    const row_t refused[] = {{"last 1 months", 0, OPEN, ""}};
-    check_dates(refused, 1, true);
+}
+
+// Months and years counted from each day of a leap and a common year, at noon local time (never in a
+// daylight saving gap): the same wall clock that many months away, on the last day of the month where the
+// month is shorter. The expected day is found from the first of the next month, not from a day table.
+TEST_F(LiteralTest, CalendarCountsClampToTheMonthsLastDay) {
+    auto local = [](int y, int m, int d) {
+        os_systemtime_t st = {y, m, 0, d, 12, 0, 0, 0};
+        uint64_t ft = 0;
+        EXPECT_TRUE(test_clock::from_local(&st, &ft)) << y << "-" << m << "-" << d;
+        return ft;
+    };
+    auto shifted = [&](int y, int m, int d, int months) {
+        int index = y * 12 + (m - 1) + months;
+        int ty = index / 12, tm = index % 12 + 1;
+        uint64_t next_first = utc(tm == 12 ? ty + 1 : ty, tm == 12 ? 1 : tm + 1, 1);
+        os_systemtime_t last;
+        os_filetime_to_system(next_first - D, &last);
+        return local(ty, tm, d < last.day ? d : last.day);
+    };
+    static const struct {
+        const char *text;
+        int months;
+    } counts[] = {{"last 1 months", -1}, {"next 1 months", 1},    {"last 1 years", -12},
+                  {"next 1 years", 12},  {"past 13 months", -13}, {"coming 2 years", 24}};
+    for (int year : {2024, 2023}) {
+        for (uint64_t day = utc(year, 1, 1); day < utc(year + 1, 1, 1); day += D) {
+            os_systemtime_t f;
+            os_filetime_to_system(day, &f);
+            uint64_t now = local(f.year, f.month, f.day);
+            test_clock::now_value = now;
+            for (const auto &c : counts) {
+                uint64_t then = shifted(f.year, f.month, f.day, c.months);
+                const char *p = c.text;
+                db_range64_t r;
+                date_literal_parse(&p, &r, true);
+                uint64_t low = c.months < 0 ? then : now, high = c.months < 0 ? OPEN : then;
+                EXPECT_EQ(r.low, low) << c.text << " on " << f.year << "-" << f.month << "-" << f.day;
+                EXPECT_EQ(r.high, high) << c.text << " on " << f.year << "-" << f.month << "-" << f.day;
+            }
+        }
+    }
 }
 
 TEST_F(LiteralTest, CalendarHelpers) {

@@ -141,6 +141,16 @@ static void _whole_month(db_range64_t *r, int year, int64_t month) {
     _span(r, start, date_to_filetime(f.year, f.month, 1));
 }
 
+// A month as written in a literal. Only the words move months across a year's end; a written month
+// outside 1..12 names no month at all and selects nothing.
+static void _written_month(db_range64_t *r, int year, int month) {
+    if (month < 1 || month > 12) {
+        r->low = r->high = 0;
+        return;
+    }
+    _whole_month(r, year, month);
+}
+
 static void _whole_year(db_range64_t *r, int year) {
     _span(r, date_to_filetime(year, 1, 1), date_to_filetime(year + 1, 1, 1));
 }
@@ -396,7 +406,7 @@ static void _iso(const char **cursor, db_range64_t *r) {
     } else {
         f.month = _clamp_field(_digits(&p, 19));
         if (p[0] != '-' || !_is_digit(p[1])) {
-            _whole_month(r, f.year, f.month);
+            _written_month(r, f.year, f.month);
         } else {
             p++;
             f.day = _clamp_field(_digits(&p, 19));
@@ -423,7 +433,7 @@ static bool _compact(const char **cursor, db_range64_t *r) {
         uint64_t step = _time(&p, &f, false);
         _instant(r, &f, step ? step : DATE_DAY);
     } else {
-        _whole_month(r, f.year, f.month);
+        _written_month(r, f.year, f.month);
     }
     *cursor = p;
     return true;
@@ -455,7 +465,7 @@ static void _locale_numbers(const char **cursor, db_range64_t *r, bool date_dash
         f.year = _clamp_field(order == 2 ? n[0] : n[1]);
         f.month = _clamp_field(order == 2 ? n[1] : n[0]);
         date_fix_two_digit_year(&f);
-        _whole_month(r, f.year, f.month);
+        _written_month(r, f.year, f.month);
     } else {
         int y = order == 0 ? 2 : order == 2 ? 0 : 2;
         int m = order == 0 ? 0 : 1;

@@ -234,6 +234,13 @@ TEST_F(LiteralTest, NumericDates) {
         {"2020-02-29", utc(2020, 2, 28, 23), utc(2020, 2, 29, 23) - 1, ""},
         {"2020-01-02T25", 0, 0, ""},
         {"13/13/2020", 0, 0, ""},
+        // A written month outside 1..12 is no month: it never rolls into the next or previous year.
+        {"202013", 0, 0, ""},
+        {"202000", 0, 0, ""},
+        {"20201300", 0, 0, ""},
+        {"2020-0", 0, 0, ""},
+        {"13/2020", 0, 0, ""},
+        {"0/2020", 0, 0, ""},
         {"30828", 0, 0, ""},
         {"30827", utc(30826, 12, 31, 23), OPEN, ""},
         {"xyz", 0, 0, "xyz"},
@@ -261,8 +268,9 @@ TEST_F(LiteralTest, DateOrderFollowsLocale) {
     const row_t year_first[] = {
         {"2020/01/02", utc(2020, 1, 1, 23), utc(2020, 1, 2, 23) - 1, ""},
         {"2020/3", utc(2020, 2, 29, 23), utc(2020, 3, 31, 22) - 1, ""},
+        {"2020/13", 0, 0, ""},
     };
-    check_dates(year_first, 2, true);
+    check_dates(year_first, 3, true);
 }
 
 TEST_F(LiteralTest, DaylightSavingEdges) {

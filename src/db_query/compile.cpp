@@ -253,26 +253,25 @@ static void _regex_term(db_search_t *s, db_term_t *t) {
 
 // ---- one term ------------------------------------------------------------------------------------------
 
-// Wildcard reductions. Returns the wildcards left; text is changed in place.
-static int _wildcards(db_term_t *t, char *text) {
-    if (!(t->flags & TERM_WILDCARDS)) {
+int db_term_wildcards(uint32_t *flags, char *text) {
+    if (!(*flags & TERM_WILDCARDS)) {
         return 0;
     }
     int wild = text_wildcard_normalize(text);
     if (wild == 1) {
         if (strcmp(text, "*") == 0) {
             text[0] = 0;
-            t->flags &= ~(TERM_EXACT | TERM_WHOLEWORD);
+            *flags &= ~(TERM_EXACT | TERM_WHOLEWORD);
             return 0;
         }
-        if (t->flags & (TERM_WILDCARD_WHOLE | TERM_WHOLEWORD)) {
+        if (*flags & (TERM_WILDCARD_WHOLE | TERM_WHOLEWORD)) {
             return 1;
         }
         if (text_strip_star_front(text) || text_strip_star_back(text)) {
             return 0;
         }
     } else if (wild == 2 && text_strip_star_both(text)) {
-        t->flags &= ~(TERM_EXACT | TERM_WHOLEWORD);
+        *flags &= ~(TERM_EXACT | TERM_WHOLEWORD);
         return 0;
     }
     return wild;
@@ -309,7 +308,7 @@ static void _plain_term(db_search_t *s, db_term_t *t, char *text, int wild) {
 static void _text_term(db_search_t *s, db_term_t *t) {
     // The term text can hold a zero from "#0:"; the text forms end there.
     char *text = mem_dup(t->text, t->len);
-    int wild = _wildcards(t, text);
+    int wild = db_term_wildcards(&t->flags, text);
     if (is_windows && convert_forward_slash_to_backslash) {
         for (char *p = text; *p; p++) {
             if (*p == '/') {

@@ -789,16 +789,26 @@ TEST_F(CompileTest, FixedTypeTexts) {
         const char *name;
         bool match;
     } patterns[] = {
-        {"type:\"txt file\"", "a.txt", true}, {"type:txt", "a.txt.bak", false},
-        {"type:bak", "a.txt.bak", true},      {"type:\"file\"", "README", true},
-        {"type:folder", "a.txt", false},      {"exact:type:file", "a.txt", false},
+        {"type:\"txt file\"", "a.txt", true},
+        {"type:txt", "a.txt.bak", false},
+        {"type:bak", "a.txt.bak", true},
+        {"type:\"file\"", "README", true},
+        {"type:folder", "a.txt", false},
+        {"exact:type:file", "a.txt", false},
         {"exact:type:file", "README", true},
+        // A lone star matches every type whatever the modifiers say, as the term "*" matches every name.
+        {"exact:type:*", "a.txt", true},
+        {"ww:type:*", "README", true},
+        {"exact:ww:type:*", "x.Mp3", true},
     };
     for (const auto &p : patterns) {
         db_search_t s;
         db_search_init(&s, nullptr);
         db_search_compile(&s, p.search, 0, nullptr, 0, false);
         ASSERT_EQ(s.file_ops->op, 222) << p.search;
+        if (strstr(p.search, ":*")) {
+            EXPECT_EQ(s.folder_ops->op, DB_OP_TRUE) << p.search;
+        }
         db_type_text_fixed(p.name, (uint32_t) strlen(p.name), false, &out);
         const db_text_match_t *m = (const db_text_match_t *) db_op_payload(s.file_ops);
         EXPECT_EQ(db_text_match_run(m, out.ptr, (size_t) out.len), p.match) << p.search << " on " << p.name;

@@ -223,6 +223,11 @@ static void _regex_term(db_search_t *s, db_term_t *t) {
         db_op_new(s, false, t, (t->flags & TERM_NOT) ? DB_OP_FALSE : DB_OP_TRUE, DB_OPK_NONE, 0);
         return;
     }
+    // A pattern that names a path matches full paths, whether it is a real expression or plain text.
+    if (match_path_when_search_contains_path_separator && !(t->flags & TERM_PATH) &&
+        _regex_names_path(t->text)) {
+        t->flags |= TERM_PATH;
+    }
     if (!_regex_special(t->text, t->len)) {
         // Nothing special: a plain substring, where diacritics always count.
         uint32_t saved = t->flags;
@@ -230,10 +235,6 @@ static void _regex_term(db_search_t *s, db_term_t *t) {
         _text_both(s, t, FAMILY_CONTAINS, t->text, t->len, 0);
         t->flags = saved | TERM_DIACRITICS;
         return;
-    }
-    if (match_path_when_search_contains_path_separator && !(t->flags & TERM_PATH) &&
-        _regex_names_path(t->text)) {
-        t->flags |= TERM_PATH;
     }
     for (int folder = 1; folder >= 0; folder--) {
         void *code = db_regex_compile(t->text, t->len, (t->flags & TERM_CASE) != 0);

@@ -248,6 +248,28 @@ TEST_F(CompileTest, Regex) {
         {"files:regex:", "#0 flags 03950 next - notnext - folder 1 file 0 text \"\"\n"},
     };
     CHECK_TABLE(table);
+    // A pattern that names a path matches the full path (ASCII substring 36 rather than 34, regex 227
+    // rather than 226), plain text or not; the setting turns that off.
+    const bool windows = OS_SEP == '\\';
+    const struct {
+        const char *search;
+        uint32_t path_op, name_op;
+    } paths[] = {
+        {windows ? "regex:c:foo" : "regex:usr/bin", 36, 34},
+        {windows ? "regex:c:fo+" : "regex:usr/bi+", 227, 226},
+    };
+    for (int setting : {1, 0}) {
+        match_path_when_search_contains_path_separator = setting;
+        for (const auto &row : paths) {
+            db_search_t s;
+            db_search_init(&s, nullptr);
+            db_search_compile(&s, row.search, 0, nullptr, 0, false);
+            uint32_t want = setting ? row.path_op : row.name_op;
+            EXPECT_EQ(s.folder_ops->op, want) << row.search << " setting " << setting;
+            EXPECT_EQ(s.file_ops->op, want) << row.search << " setting " << setting;
+            db_search_kill(&s);
+        }
+    }
 }
 
 TEST_F(CompileTest, Functions) {

@@ -467,10 +467,11 @@ static void _locale_numbers(const char **cursor, db_range64_t *r, bool date_dash
         date_fix_two_digit_year(&f);
         _written_month(r, f.year, f.month);
     } else {
-        int y = order == 0 ? 2 : order == 2 ? 0 : 2;
-        int m = order == 0 ? 0 : 1;
-        int d = order == 0 ? 1 : order == 2 ? 2 : 0;
-        f.year = _clamp_field(n[y]), f.month = _clamp_field(n[m]), f.day = _clamp_field(n[d]);
+        // Positions of year, month and day: month-day-year, day-month-year, year-month-day. A locale that
+        // gives no order reads day first.
+        static const int positions[3][3] = {{2, 0, 1}, {2, 1, 0}, {0, 1, 2}};
+        const int *at = positions[order < 0 ? 1 : order];
+        f.year = _clamp_field(n[at[0]]), f.month = _clamp_field(n[at[1]]), f.day = _clamp_field(n[at[2]]);
         date_fix_two_digit_year(&f);
         uint64_t step = _time(&p, &f, true);
         _instant(r, &f, step ? step : DATE_DAY);

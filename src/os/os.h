@@ -288,7 +288,7 @@ enum os_locale_id_t {
     OS_LOCALE_DECIMAL,           // "."
     OS_LOCALE_THOUSAND,          // ","
     OS_LOCALE_FIRST_DAY_OF_WEEK, // "0" Monday .. "6" Sunday
-    OS_LOCALE_DATE_ORDER,        // "0" M-D-Y, "1" D-M-Y, "2" Y-M-D
+    OS_LOCALE_DATE_ORDER,        // "0" M-D-Y, "1" D-M-Y, "2" Y-M-D; empty when the locale has none
     OS_LOCALE_AM,                // "AM"; empty in a locale with a 24-hour clock
     OS_LOCALE_PM,                // "PM"; likewise
     // The last year that a two-digit year may stand for ("2049"): 49 is 2049, 50 is 1950. Windows asks

@@ -271,6 +271,17 @@ TEST_F(LiteralTest, DateOrderFollowsLocale) {
         {"2020/13", 0, 0, ""},
     };
     check_dates(year_first, 3, true);
+    // A locale that gives no usable order: day first for three numbers, month first for two.
+    for (const char *none : {"", "x", "3", "-1"}) {
+        test_clock::date_order = none;
+        const row_t no_order[] = {
+            {"1/2/2020", utc(2020, 1, 31, 23), utc(2020, 2, 1, 23) - 1, ""},
+            {"13/1/2020", utc(2020, 1, 12, 23), utc(2020, 1, 13, 23) - 1, ""},
+            {"1/13/2020", 0, 0, ""},
+            {"2/2020", utc(2020, 1, 31, 23), utc(2020, 2, 29, 23) - 1, ""},
+        };
+        check_dates(no_order, 4, true);
+    }
 }
 
 TEST_F(LiteralTest, DaylightSavingEdges) {

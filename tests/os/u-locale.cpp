@@ -190,6 +190,39 @@ TEST(OsLocaleNamed, TheEnvironmentsLocaleIsTheUserDefault) {
         EXPECT_EQ(user((os_locale_id_t) id), named("", (os_locale_id_t) id)) << id;
     }
 }
+
+// A locale whose date picture holds the day alone has no date order: the answer is empty, so that the
+// date parser's own rule for that case applies, not an order made up here.
+TEST(OsLocaleNamed, NoDateOrderIsEmpty) {
+    str_t s;
+    str_init(&s);
+    os_temp_folder(&s);
+    std::string folder = os_test_text(&s) + "/sw-locale-order-" + std::to_string(os_thread_id());
+    str_kill(&s);
+    os_folder_create_path(folder.c_str());
+    std::string cmd = "sed 's|^d_fmt .*|d_fmt \"%d\"|' /usr/share/i18n/locales/C >'" + folder +
+                      "/src' 2>/dev/null && localedef -c -i '" + folder + "/src' -f UTF-8 '" + folder +
+                      "/xx_NO.UTF-8' >/dev/null 2>&1";
+    (void) std::system(cmd.c_str());
+    const char *old = getenv("LOCPATH");
+    std::string saved = old ? old : "";
+    setenv("LOCPATH", folder.c_str(), 1);
+    str_init(&s);
+    bool made = os_locale_get_named("xx_NO.UTF-8", OS_LOCALE_DATE_ORDER, &s);
+    std::string order = os_test_text(&s);
+    str_kill(&s);
+    if (old) {
+        setenv("LOCPATH", saved.c_str(), 1);
+    } else {
+        unsetenv("LOCPATH");
+    }
+    EXPECT_EQ(std::system(("rm -rf '" + folder + "'").c_str()), 0);
+    if (!made) {
+        GTEST_SKIP() << "localedef could not build a locale from /usr/share/i18n/locales/C (is the package "
+                        "locales installed?)";
+    }
+    EXPECT_EQ(order, "");
+}
 #endif
 
 TEST(OsLocaleNamed, German) {

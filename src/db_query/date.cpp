@@ -215,6 +215,11 @@ static bool _direction_count(const char **cursor, int d, db_range64_t *r) {
             date_now_fields(&f);
             date_add_months(&f, f.month + (d > 0 ? n : -n) * u.months);
             then = systemtime_to_filetime(&f);
+            // Past the calendar's last year a coming range is open to the top, as one counted in ticks
+            // is; before its first year a past range starts at 0, as it does in ticks.
+            if (!then && d > 0) {
+                then = DB_OPEN_HIGH;
+            }
         } else if (d > 0) {
             uint64_t span = (uint64_t) n * u.ticks;
             then = (uint64_t) n > DB_OPEN_HIGH / u.ticks || span > DB_OPEN_HIGH - now ? DB_OPEN_HIGH

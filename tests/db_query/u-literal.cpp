@@ -154,7 +154,12 @@ TEST_F(LiteralTest, DateWords) {
         {"this 5 secs", NOW - 5 * DATE_SECOND, OPEN, ""},
         {"prev 10 minutes", NOW - 10 * DATE_MINUTE, OPEN, ""},
         {"coming 1 weeks", NOW, NOW + DATE_WEEK, ""},
-        // (Months and years move by the calendar: see CalendarCountsClampToTheMonthsLastDay.)
+        // (Months and years move by the calendar: see CalendarCountsClampToTheMonthsLastDay.) Beyond
+        // either end of the calendar, calendar units end as tick units do.
+        {"next 30000 years", NOW, OPEN, ""},
+        {"next 99999999 weeks", NOW, OPEN, ""},
+        {"last 3000 years", 0, OPEN, ""},
+        {"last 999999 weeks", 0, OPEN, ""},
         // Singular units aren't units.
         {"last 1 day", 0, 0, nullptr},
         {"last", 0, 0, ""},

@@ -211,10 +211,15 @@ static bool _direction_count(const char **cursor, int d, db_range64_t *r) {
         uint64_t now = os_filetime_now();
         uint64_t then;
         if (u.months) {
+            // The fields of this same now, and the ticks below their milliseconds added back, so that
+            // the time of day is kept exactly ("next 0 months" is now).
             os_systemtime_t f;
-            date_now_fields(&f);
-            date_add_months(&f, f.month + (d > 0 ? n : -n) * u.months);
-            then = systemtime_to_filetime(&f);
+            then = 0;
+            if (os_filetime_to_local(now, &f)) {
+                date_add_months(&f, f.month + (d > 0 ? n : -n) * u.months);
+                then = systemtime_to_filetime(&f);
+                then = then ? then + now % DATE_MILLI : 0;
+            }
             // Past the calendar's last year a coming range is open to the top, as one counted in ticks
             // is; before its first year a past range starts at 0, as it does in ticks.
             if (!then && d > 0) {

@@ -331,6 +331,15 @@ TEST_F(LiteralTest, CalendarCountsClampToTheMonthsLastDay) {
         int months;
     } counts[] = {{"last 1 months", -1}, {"next 1 months", 1},    {"last 1 years", -12},
                   {"next 1 years", 12},  {"past 13 months", -13}, {"coming 2 years", 24}};
+    // The time of day is kept to the tick, below the milliseconds that the calendar fields hold.
+    const uint64_t odd = local(2024, 1, 31) + 12345;
+    test_clock::now_value = odd;
+    const row_t exact[] = {
+        {"next 0 months", odd, odd, ""},
+        {"last 0 years", odd, OPEN, ""},
+        {"next 1 months", odd, local(2024, 2, 29) + 12345, ""},
+    };
+    check_dates(exact, 3, true);
     for (int year : {2024, 2023}) {
         for (uint64_t day = utc(year, 1, 1); day < utc(year + 1, 1, 1); day += D) {
             os_systemtime_t f;

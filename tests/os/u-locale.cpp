@@ -134,8 +134,9 @@ TEST(OsLocaleHook, PinsEveryValueAndResets) {
     std::string first = user(OS_LOCALE_FIRST_DAY_OF_WEEK), order = user(OS_LOCALE_DATE_ORDER);
     ASSERT_EQ(first.size(), 1u);
     EXPECT_TRUE(first[0] >= '0' && first[0] <= '6');
-    ASSERT_EQ(order.size(), 1u);
-    EXPECT_TRUE(order[0] >= '0' && order[0] <= '2');
+    // A locale may give no date order; one it gives is a digit in range.
+    ASSERT_LE(order.size(), 1u);
+    EXPECT_TRUE(order.empty() || (order[0] >= '0' && order[0] <= '2'));
     int limit = atoi(user(OS_LOCALE_TWO_DIGIT_YEAR_MAX).c_str());
     EXPECT_GE(limit, 99);
     EXPECT_LE(limit, 9999);

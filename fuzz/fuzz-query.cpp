@@ -2,6 +2,8 @@
 // first byte selects, as a search and as a filter, against no index or a small one (so that the
 // parse-time lookups of path roots, infolder:, shell: and frn: walk records), and expand them as macros.
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 
@@ -11,6 +13,7 @@
 #include "db_query/literal.h"
 #include "db_query/term.h"
 #include "mem/mem.h"
+#include "os/os.h"
 
 // A folder source and an NTFS volume with folder references, built once.
 static db_t *_index() {
@@ -39,9 +42,64 @@ static db_t *_index() {
     return db;
 }
 
+// The clock the date words read: UTC as the local zone and a "now" taken from the input, so that runs
+// repeat and the calendar counts are tried from every day of the calendar, not from the day of the run.
+static uint64_t _now;
+static uint64_t _fixed_now() {
+    return _now;
+}
+static bool _to_local(uint64_t ft, os_systemtime_t *out) {
+    return os_filetime_to_system(ft, out);
+}
+static bool _from_local(const os_systemtime_t *local, uint64_t *ft) {
+    return os_system_to_filetime(local, ft);
+}
+
+// A counted range from now, built from three bytes. A coming one starts now and ends no earlier, a past
+// one starts no later than now and stays open to the future. A count of months or years that stays
+// inside the calendar's years ends on a real instant: never open, never 0, whatever the day of the month.
+static void _check_count(const uint8_t *b) {
+    static const struct {
+        const char *word;
+        int months;
+    } units[] = {{"months", 1}, {"years", 12}, {"days", 0}, {"weeks", 0}};
+    bool coming = b[0] & 1;
+    unsigned n = b[1] | (unsigned) (b[0] >> 1) << 8;
+    const auto &unit = units[b[2] & 3];
+    char text[64];
+    snprintf(text, sizeof text, "%s %u %s", coming ? "next" : "last", n, unit.word);
+    const char *p = text;
+    db_range64_t r;
+    date_literal_parse(&p, &r, true);
+    bool ok = !*p && (coming ? r.low == _now && r.high >= _now : r.low <= _now && r.high == DB_OPEN_HIGH);
+    os_systemtime_t st;
+    if (ok && unit.months && n && os_filetime_to_system(_now, &st)) {
+        int64_t index = (int64_t) st.year * 12 + st.month - 1 + (coming ? 1 : -1) * (int64_t) n * unit.months;
+        int64_t year = index / 12;
+        if (year > 1601 && year < 30827) {
+            ok = coming ? r.high != DB_OPEN_HIGH && r.high > _now : r.low != 0 && r.low < _now;
+        }
+    }
+    if (!ok) {
+        abort();
+    }
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size < 2) {
         return 0;
+    }
+    os_hooks.filetime_now = _fixed_now;
+    os_hooks.filetime_to_local = _to_local;
+    os_hooks.local_to_filetime = _from_local;
+    // The last eleven bytes (when there are so many) pick the day, before the calendar's last year, and
+    // a count to check from it.
+    _now = 133547580000000000ull; // 2024-03-13
+    if (size >= 13) {
+        uint64_t v;
+        memcpy(&v, data + size - 11, 8);
+        _now = v % 0x7FFE000000000000ull; // early in 30826
+        _check_count(data + size - 3);
     }
     uint8_t settings = data[0], bits = data[1];
     std::string text((const char *) data + 2, size - 2);

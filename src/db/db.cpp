@@ -13,6 +13,7 @@
 #include "debug/debug.h"
 #include "main/main.h"
 #include "mem/mem.h"
+#include "os/os_shell.h"
 
 db_t *db_create(const char *remote_name) {
     db_t *db = (db_t *) mem_alloc(sizeof(db_t));
@@ -25,6 +26,11 @@ db_t *db_create(const char *remote_name) {
     db_pool_init(&db->pool);
     if (remote_name)
         db->remote_name = mem_dup(remote_name, strlen(remote_name));
+    str_t type;
+    str_init(&type);
+    if (os_shell_type_text("foo", true, &type))
+        db->folder_type = mem_dup(type.ptr, (size_t) type.len);
+    str_kill(&type);
     return db;
 }
 
@@ -66,6 +72,7 @@ void db_destroy(db_t *db) {
     db_exclude_kill(&db->exclude);
     mem_free(db->status_text);
     mem_free(db->remote_name);
+    mem_free(db->folder_type);
     os_lock_kill(&db->status_lock);
     os_lock_kill(&db->monitor_lock);
     os_event_destroy(db->job_done);

@@ -471,6 +471,10 @@ struct db_t {
 
     bool load_run_history_pending;
     bool load_recent_pending;
+
+    // The shell's type text of a folder, read when the index is made (heap, owned), or null where the
+    // platform has none: every folder shows it, and type: decides folders by it.
+    char *folder_type;
 };
 
 // A zeroed index with both locks and the job event. Its structure word stays 0 (records without data)

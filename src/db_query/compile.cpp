@@ -223,6 +223,11 @@ static void _regex_term(db_search_t *s, db_term_t *t) {
         db_op_new(s, false, t, (t->flags & TERM_NOT) ? DB_OP_FALSE : DB_OP_TRUE, DB_OPK_NONE, 0);
         return;
     }
+    // A pattern that names a path matches full paths, whether it is a real expression or plain text.
+    if (match_path_when_search_contains_path_separator && !(t->flags & TERM_PATH) &&
+        _regex_names_path(t->text)) {
+        t->flags |= TERM_PATH;
+    }
     if (!_regex_special(t->text, t->len)) {
         // Nothing special: a plain substring, where diacritics always count.
         uint32_t saved = t->flags;
@@ -230,10 +235,6 @@ static void _regex_term(db_search_t *s, db_term_t *t) {
         _text_both(s, t, FAMILY_CONTAINS, t->text, t->len, 0);
         t->flags = saved | TERM_DIACRITICS;
         return;
-    }
-    if (match_path_when_search_contains_path_separator && !(t->flags & TERM_PATH) &&
-        _regex_names_path(t->text)) {
-        t->flags |= TERM_PATH;
     }
     for (int folder = 1; folder >= 0; folder--) {
         void *code = db_regex_compile(t->text, t->len, (t->flags & TERM_CASE) != 0);
@@ -253,26 +254,25 @@ static void _regex_term(db_search_t *s, db_term_t *t) {
 
 // ---- one term ------------------------------------------------------------------------------------------
 
-// Wildcard reductions. Returns the wildcards left; text is changed in place.
-static int _wildcards(db_term_t *t, char *text) {
-    if (!(t->flags & TERM_WILDCARDS)) {
+int db_term_wildcards(uint32_t *flags, char *text) {
+    if (!(*flags & TERM_WILDCARDS)) {
         return 0;
     }
     int wild = text_wildcard_normalize(text);
     if (wild == 1) {
         if (strcmp(text, "*") == 0) {
             text[0] = 0;
-            t->flags &= ~(TERM_EXACT | TERM_WHOLEWORD);
+            *flags &= ~(TERM_EXACT | TERM_WHOLEWORD);
             return 0;
         }
-        if (t->flags & (TERM_WILDCARD_WHOLE | TERM_WHOLEWORD)) {
+        if (*flags & (TERM_WILDCARD_WHOLE | TERM_WHOLEWORD)) {
             return 1;
         }
         if (text_strip_star_front(text) || text_strip_star_back(text)) {
             return 0;
         }
     } else if (wild == 2 && text_strip_star_both(text)) {
-        t->flags &= ~(TERM_EXACT | TERM_WHOLEWORD);
+        *flags &= ~(TERM_EXACT | TERM_WHOLEWORD);
         return 0;
     }
     return wild;
@@ -309,7 +309,7 @@ static void _plain_term(db_search_t *s, db_term_t *t, char *text, int wild) {
 static void _text_term(db_search_t *s, db_term_t *t) {
     // The term text can hold a zero from "#0:"; the text forms end there.
     char *text = mem_dup(t->text, t->len);
-    int wild = _wildcards(t, text);
+    int wild = db_term_wildcards(&t->flags, text);
     if (is_windows && convert_forward_slash_to_backslash) {
         for (char *p = text; *p; p++) {
             if (*p == '/') {

@@ -62,6 +62,12 @@ void date_add_months(os_systemtime_t *fields, int64_t month) {
     int64_t y = fields->year + years;
     fields->month = (int) (m - years * 12 + 1);
     fields->year = y < -1000000000 ? -1000000000 : y > 1000000000 ? 1000000000 : (int) y;
+    // A month from the 31st (or from 29 February a year on) lands on the last day of the shorter month,
+    // as the calendar reads "a month ago", instead of a day that doesn't exist.
+    int last = os_days_in_month(fields->year, fields->month);
+    if (fields->day > last) {
+        fields->day = last;
+    }
 }
 
 int date_two_digit_year_max() {
@@ -135,6 +141,16 @@ static void _whole_month(db_range64_t *r, int year, int64_t month) {
     _span(r, start, date_to_filetime(f.year, f.month, 1));
 }
 
+// A month as written in a literal. Only the words move months across a year's end; a written month
+// outside 1..12 names no month at all and selects nothing.
+static void _written_month(db_range64_t *r, int year, int month) {
+    if (month < 1 || month > 12) {
+        r->low = r->high = 0;
+        return;
+    }
+    _whole_month(r, year, month);
+}
+
 static void _whole_year(db_range64_t *r, int year) {
     _span(r, date_to_filetime(year, 1, 1), date_to_filetime(year + 1, 1, 1));
 }
@@ -195,10 +211,20 @@ static bool _direction_count(const char **cursor, int d, db_range64_t *r) {
         uint64_t now = os_filetime_now();
         uint64_t then;
         if (u.months) {
+            // The fields of this same now, and the ticks below their milliseconds added back, so that
+            // the time of day is kept exactly ("next 0 months" is now).
             os_systemtime_t f;
-            date_now_fields(&f);
-            date_add_months(&f, f.month + (d > 0 ? n : -n) * u.months);
-            then = systemtime_to_filetime(&f);
+            then = 0;
+            if (os_filetime_to_local(now, &f)) {
+                date_add_months(&f, f.month + (d > 0 ? n : -n) * u.months);
+                then = systemtime_to_filetime(&f);
+                then = then ? then + now % DATE_MILLI : 0;
+            }
+            // Past the calendar's last year a coming range is open to the top, as one counted in ticks
+            // is; before its first year a past range starts at 0, as it does in ticks.
+            if (!then && d > 0) {
+                then = DB_OPEN_HIGH;
+            }
         } else if (d > 0) {
             uint64_t span = (uint64_t) n * u.ticks;
             then = (uint64_t) n > DB_OPEN_HIGH / u.ticks || span > DB_OPEN_HIGH - now ? DB_OPEN_HIGH
@@ -390,7 +416,7 @@ static void _iso(const char **cursor, db_range64_t *r) {
     } else {
         f.month = _clamp_field(_digits(&p, 19));
         if (p[0] != '-' || !_is_digit(p[1])) {
-            _whole_month(r, f.year, f.month);
+            _written_month(r, f.year, f.month);
         } else {
             p++;
             f.day = _clamp_field(_digits(&p, 19));
@@ -417,7 +443,7 @@ static bool _compact(const char **cursor, db_range64_t *r) {
         uint64_t step = _time(&p, &f, false);
         _instant(r, &f, step ? step : DATE_DAY);
     } else {
-        _whole_month(r, f.year, f.month);
+        _written_month(r, f.year, f.month);
     }
     *cursor = p;
     return true;
@@ -449,12 +475,13 @@ static void _locale_numbers(const char **cursor, db_range64_t *r, bool date_dash
         f.year = _clamp_field(order == 2 ? n[0] : n[1]);
         f.month = _clamp_field(order == 2 ? n[1] : n[0]);
         date_fix_two_digit_year(&f);
-        _whole_month(r, f.year, f.month);
+        _written_month(r, f.year, f.month);
     } else {
-        int y = order == 0 ? 2 : order == 2 ? 0 : 2;
-        int m = order == 0 ? 0 : 1;
-        int d = order == 0 ? 1 : order == 2 ? 2 : 0;
-        f.year = _clamp_field(n[y]), f.month = _clamp_field(n[m]), f.day = _clamp_field(n[d]);
+        // Positions of year, month and day: month-day-year, day-month-year, year-month-day. A locale that
+        // gives no order reads day first.
+        static const int positions[3][3] = {{2, 0, 1}, {2, 1, 0}, {0, 1, 2}};
+        const int *at = positions[order < 0 ? 1 : order];
+        f.year = _clamp_field(n[at[0]]), f.month = _clamp_field(n[at[1]]), f.day = _clamp_field(n[at[2]]);
         date_fix_two_digit_year(&f);
         uint64_t step = _time(&p, &f, true);
         _instant(r, &f, step ? step : DATE_DAY);

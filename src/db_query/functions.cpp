@@ -416,10 +416,15 @@ static bool _type(db_search_t *s, db_term_t *t) {
     db_op_t *folder = db_op_new(s, true, t, DB_OP_FALSE, DB_OPK_NONE, 0);
     file = _pattern(s, false, t, 222 + _not(t), arg);
     const db_text_match_t *m = (const db_text_match_t *) db_op_payload(file);
-    // The index keeps no folder type of its own yet, so folders show the fixed text on every platform.
+    // The index keeps the shell's folder type (in the user's language); without one, folders show the
+    // fixed text.
     str_t folder_text;
     str_init(&folder_text);
-    db_type_text_fixed("", 0, true, &folder_text);
+    if (s->db && s->db->folder_type) {
+        str_set(&folder_text, s->db->folder_type);
+    } else {
+        db_type_text_fixed("", 0, true, &folder_text);
+    }
     bool match = db_text_match_run(m, folder_text.ptr, (size_t) folder_text.len);
     str_kill(&folder_text);
     folder->op = (uint16_t) ((match != (_not(t) != 0)) ? DB_OP_TRUE : DB_OP_FALSE);

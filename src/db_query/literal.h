@@ -68,7 +68,8 @@ uint64_t date_to_filetime(int year, int month, int day);
 // Local broken-down time to FILETIME with the daylight saving rule of that date itself; 0 when a field is
 // out of range (as SystemTimeToFileTime refuses it) or the year is above 30827.
 uint64_t systemtime_to_filetime(const os_systemtime_t *st);
-// Sets the month, carrying months outside 1..12 (including 0 and below) into the year.
+// Sets the month, carrying months outside 1..12 (including 0 and below) into the year. A day past the
+// end of the new month becomes its last day, so that the fields stay a real date.
 void date_add_months(os_systemtime_t *fields, int64_t month);
 // A year below 100 gets the current century, less 100 when that passes date_two_digit_year_max().
 void date_fix_two_digit_year(os_systemtime_t *fields);

@@ -27,19 +27,8 @@ void term_pattern_compile(uint32_t flags, const char *text, size_t len, db_text_
         return;
     }
     char *work = mem_dup(text, len);
-    int wild = 0;
-    if (flags & TERM_WILDCARDS) {
-        wild = text_wildcard_normalize(work);
-        if (wild == 1 && strcmp(work, "*") == 0) {
-            work[0] = 0, wild = 0;
-        } else if (wild == 1 && !(flags & (TERM_WILDCARD_WHOLE | TERM_WHOLEWORD))) {
-            if (text_strip_star_front(work) || text_strip_star_back(work)) {
-                wild = 0;
-            }
-        } else if (wild == 2 && text_strip_star_both(work)) {
-            wild = 0, flags &= ~(TERM_EXACT | TERM_WHOLEWORD);
-        }
-    }
+    // The same reductions as a plain term's, so that a function's "*" matches all as the term "*" does.
+    int wild = db_term_wildcards(&flags, work);
     size_t n = strlen(work);
     text_family_t family;
     char *body = work;

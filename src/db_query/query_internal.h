@@ -47,6 +47,12 @@ text_folding_t db_term_folding(uint32_t flags, const char *text, size_t len);
 // True when the fast path rule allows the ASCII form for this text.
 bool db_term_ascii(uint32_t flags, const char *text, size_t len);
 
+// The wildcard reductions of a term's text, in place, when flags carry TERM_WILDCARDS: a lone "*" becomes
+// empty, one star at an end of a pattern that needn't match whole goes, "*x*" becomes x; the first and
+// the last also clear TERM_EXACT and TERM_WHOLEWORD in *flags, since what is left matches anywhere.
+// Returns the wildcards left in text.
+int db_term_wildcards(uint32_t *flags, char *text);
+
 // The function recognisers, in their order. True when one of them took the term.
 bool db_query_functions(db_search_t *s, db_term_t *t);
 // Path root search (absolute path prefixes). True when it took the term.

@@ -10,7 +10,7 @@ static bool _os_is_leap(int year) {
     return (year % 4 == 0 && year % 100 != 0) || year % 400 == 0;
 }
 
-static int _os_days_in_month(int year, int month) {
+int os_days_in_month(int year, int month) {
     static const int days[12] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
     if (month == 2 && _os_is_leap(year)) {
         return 29;
@@ -22,7 +22,7 @@ bool os_systemtime_valid(const os_systemtime_t *st) {
     if (st->year < 1601 || st->year > 30827 || st->month < 1 || st->month > 12) {
         return false;
     }
-    if (st->day < 1 || st->day > _os_days_in_month(st->year, st->month)) {
+    if (st->day < 1 || st->day > os_days_in_month(st->year, st->month)) {
         return false;
     }
     return st->hour >= 0 && st->hour < 24 && st->minute >= 0 && st->minute < 60 && st->second >= 0 &&

@@ -264,6 +264,8 @@ bool os_local_to_filetime(const os_systemtime_t *local, uint64_t *ft);
 // UTC conversions without any zone. False when out of range.
 bool os_filetime_to_system(uint64_t ft, os_systemtime_t *out);
 bool os_system_to_filetime(const os_systemtime_t *st, uint64_t *ft);
+// The number of days of a month (1..12) of the Gregorian calendar, leap years counted.
+int os_days_in_month(int year, int month);
 
 // The high-resolution counter and its frequency per second.
 uint64_t os_counter();
@@ -286,7 +288,7 @@ enum os_locale_id_t {
     OS_LOCALE_DECIMAL,           // "."
     OS_LOCALE_THOUSAND,          // ","
     OS_LOCALE_FIRST_DAY_OF_WEEK, // "0" Monday .. "6" Sunday
-    OS_LOCALE_DATE_ORDER,        // "0" M-D-Y, "1" D-M-Y, "2" Y-M-D
+    OS_LOCALE_DATE_ORDER,        // "0" M-D-Y, "1" D-M-Y, "2" Y-M-D; empty when the locale has none
     OS_LOCALE_AM,                // "AM"; empty in a locale with a 24-hour clock
     OS_LOCALE_PM,                // "PM"; likewise
     // The last year that a two-digit year may stand for ("2049"): 49 is 2049, 50 is 1950. Windows asks

@@ -61,3 +61,8 @@ bool os_known_folder(const char *name, str_t *out);
 // Linux reads its volumes from devices and images, with no system call for this: always -1.
 int os_volume_file_by_id(const char *volume, uint64_t low, uint64_t high, uint64_t *parent_low,
                          uint64_t *parent_high, str_t *name);
+
+// The type text the shell shows for a name of that kind ("File folder", "Text Document"), from the name
+// and the kind alone: nothing on the disk is read. out must be initialised; it is replaced. False, with
+// out empty, where the platform's shell gives none (Linux has no such shell).
+bool os_shell_type_text(const char *name, bool folder, str_t *out);

@@ -154,10 +154,12 @@ TEST_F(LiteralTest, DateWords) {
         {"this 5 secs", NOW - 5 * DATE_SECOND, OPEN, ""},
         {"prev 10 minutes", NOW - 10 * DATE_MINUTE, OPEN, ""},
         {"coming 1 weeks", NOW, NOW + DATE_WEEK, ""},
-        // Months and years use the calendar; the far side of the change here is still winter time.
-        {"last 1 months", utc(2024, 2, 13, 13, 30), OPEN, ""},
-        {"next 1 years", NOW, utc(2025, 3, 13, 13, 30), ""},
-        {"next 1 months", NOW, utc(2024, 4, 13, 12, 30), ""},
+        // (Months and years move by the calendar: see CalendarCountsClampToTheMonthsLastDay.) Beyond
+        // either end of the calendar, calendar units end as tick units do.
+        {"next 30000 years", NOW, OPEN, ""},
+        {"next 99999999 weeks", NOW, OPEN, ""},
+        {"last 3000 years", 0, OPEN, ""},
+        {"last 999999 weeks", 0, OPEN, ""},
         // Singular units aren't units.
         {"last 1 day", 0, 0, nullptr},
         {"last", 0, 0, ""},
@@ -234,6 +236,13 @@ TEST_F(LiteralTest, NumericDates) {
         {"2020-02-29", utc(2020, 2, 28, 23), utc(2020, 2, 29, 23) - 1, ""},
         {"2020-01-02T25", 0, 0, ""},
         {"13/13/2020", 0, 0, ""},
+        // A written month outside 1..12 is no month: it never rolls into the next or previous year.
+        {"202013", 0, 0, ""},
+        {"202000", 0, 0, ""},
+        {"20201300", 0, 0, ""},
+        {"2020-0", 0, 0, ""},
+        {"13/2020", 0, 0, ""},
+        {"0/2020", 0, 0, ""},
         {"30828", 0, 0, ""},
         {"30827", utc(30826, 12, 31, 23), OPEN, ""},
         {"xyz", 0, 0, "xyz"},
@@ -261,8 +270,20 @@ TEST_F(LiteralTest, DateOrderFollowsLocale) {
     const row_t year_first[] = {
         {"2020/01/02", utc(2020, 1, 1, 23), utc(2020, 1, 2, 23) - 1, ""},
         {"2020/3", utc(2020, 2, 29, 23), utc(2020, 3, 31, 22) - 1, ""},
+        {"2020/13", 0, 0, ""},
     };
-    check_dates(year_first, 2, true);
+    check_dates(year_first, 3, true);
+    // A locale that gives no usable order: day first for three numbers, month first for two.
+    for (const char *none : {"", "x", "3", "-1"}) {
+        test_clock::date_order = none;
+        const row_t no_order[] = {
+            {"1/2/2020", utc(2020, 1, 31, 23), utc(2020, 2, 1, 23) - 1, ""},
+            {"13/1/2020", utc(2020, 1, 12, 23), utc(2020, 1, 13, 23) - 1, ""},
+            {"1/13/2020", 0, 0, ""},
+            {"2/2020", utc(2020, 1, 31, 23), utc(2020, 2, 29, 23) - 1, ""},
+        };
+        check_dates(no_order, 4, true);
+    }
 }
 
 TEST_F(LiteralTest, DaylightSavingEdges) {
@@ -281,15 +302,61 @@ TEST_F(LiteralTest, DaylightSavingEdges) {
     const row_t after[] = {
         {"yesterday", utc(2024, 3, 30, 23), utc(2024, 3, 31, 22) - 1, ""},
         {"today", utc(2024, 3, 31, 22), utc(2024, 4, 1, 22) - 1, ""},
-        // A calendar month back from summer time lands in winter time at the same wall clock.
-        {"last 1 months", utc(2024, 3, 1, 11), OPEN, ""},
         {"last week", utc(2024, 3, 24, 23), utc(2024, 3, 31, 22) - 1, ""},
     };
-    check_dates(after, 4, true);
-    // A month back from 31 March is 31 February: refused, so the range starts at 0.
-    test_clock::now_value = utc(2024, 3, 31, 12);
-    const row_t refused[] = {{"last 1 months", 0, OPEN, ""}};
-    check_dates(refused, 1, true);
+    check_dates(after, 3, true);
+}
+
+// Months and years counted from each day of a leap and a common year, at noon local time (never in a
+// daylight saving gap): the same wall clock that many months away, in summer or winter time as that day
+// has it, on the last day of the month where the month is shorter. The expected day is found from the
+// first of the next month, not from a day table.
+TEST_F(LiteralTest, CalendarCountsClampToTheMonthsLastDay) {
+    auto local = [](int y, int m, int d) {
+        os_systemtime_t st = {y, m, 0, d, 12, 0, 0, 0};
+        uint64_t ft = 0;
+        EXPECT_TRUE(test_clock::from_local(&st, &ft)) << y << "-" << m << "-" << d;
+        return ft;
+    };
+    auto shifted = [&](int y, int m, int d, int months) {
+        int index = y * 12 + (m - 1) + months;
+        int ty = index / 12, tm = index % 12 + 1;
+        uint64_t next_first = utc(tm == 12 ? ty + 1 : ty, tm == 12 ? 1 : tm + 1, 1);
+        os_systemtime_t last;
+        os_filetime_to_system(next_first - D, &last);
+        return local(ty, tm, d < last.day ? d : last.day);
+    };
+    static const struct {
+        const char *text;
+        int months;
+    } counts[] = {{"last 1 months", -1}, {"next 1 months", 1},    {"last 1 years", -12},
+                  {"next 1 years", 12},  {"past 13 months", -13}, {"coming 2 years", 24}};
+    // The time of day is kept to the tick, below the milliseconds that the calendar fields hold.
+    const uint64_t odd = local(2024, 1, 31) + 12345;
+    test_clock::now_value = odd;
+    const row_t exact[] = {
+        {"next 0 months", odd, odd, ""},
+        {"last 0 years", odd, OPEN, ""},
+        {"next 1 months", odd, local(2024, 2, 29) + 12345, ""},
+    };
+    check_dates(exact, 3, true);
+    for (int year : {2024, 2023}) {
+        for (uint64_t day = utc(year, 1, 1); day < utc(year + 1, 1, 1); day += D) {
+            os_systemtime_t f;
+            os_filetime_to_system(day, &f);
+            uint64_t now = local(f.year, f.month, f.day);
+            test_clock::now_value = now;
+            for (const auto &c : counts) {
+                uint64_t then = shifted(f.year, f.month, f.day, c.months);
+                const char *p = c.text;
+                db_range64_t r;
+                date_literal_parse(&p, &r, true);
+                uint64_t low = c.months < 0 ? then : now, high = c.months < 0 ? OPEN : then;
+                EXPECT_EQ(r.low, low) << c.text << " on " << f.year << "-" << f.month << "-" << f.day;
+                EXPECT_EQ(r.high, high) << c.text << " on " << f.year << "-" << f.month << "-" << f.day;
+            }
+        }
+    }
 }
 
 TEST_F(LiteralTest, CalendarHelpers) {

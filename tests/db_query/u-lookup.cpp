@@ -108,6 +108,42 @@ TEST_F(LookupTest, InFolder) {
     EXPECT_EQ(found, std::vector<mem_ref_t>{0});
 }
 
+// type: decides every folder when the search is compiled, by the folder type text the index keeps (the
+// shell's, in the user's language), and by the fixed text where the index has none.
+TEST_F(LookupTest, TypeDecidesFoldersByTheIndexFolderType) {
+    std::vector<mem_ref_t> found;
+    // Windows' shell always names the folder type; Linux has no shell to ask.
+    if (sep == '\\') {
+        ASSERT_NE(db->folder_type, nullptr);
+        EXPECT_EQ(lookup(std::string("exact:type:\"") + db->folder_type + "\"", &found), DB_OP_TRUE);
+    } else {
+        EXPECT_EQ(db->folder_type, nullptr);
+    }
+    static const struct {
+        const char *folder_type; // null: the index has none
+        const char *search;
+        uint16_t op;
+    } rows[] = {
+        {"Dateiordner", "type:dateiordner", DB_OP_TRUE},
+        {"Dateiordner", "type:ordner", DB_OP_TRUE},
+        {"Dateiordner", "type:*ordner", DB_OP_TRUE},
+        {"Dateiordner", "type:\"file folder\"", DB_OP_FALSE},
+        {"Dateiordner", "type:folder", DB_OP_FALSE},
+        {"Dateiordner", "!type:ordner", DB_OP_FALSE},
+        {"Dateiordner", "!type:folder", DB_OP_TRUE},
+        {"Dateiordner", "case:type:dateiordner", DB_OP_FALSE},
+        {"Dossier de fichiers", "type:dossier", DB_OP_TRUE},
+        {nullptr, "type:\"file folder\"", DB_OP_TRUE},
+        {nullptr, "type:dateiordner", DB_OP_FALSE},
+    };
+    for (const auto &row : rows) {
+        mem_free(db->folder_type);
+        db->folder_type = row.folder_type ? mem_dup(row.folder_type, strlen(row.folder_type)) : nullptr;
+        EXPECT_EQ(lookup(row.search, &found), row.op)
+            << row.search << " with " << (row.folder_type ? row.folder_type : "no folder type");
+    }
+}
+
 TEST_F(LookupTest, PathRoots) {
     std::vector<mem_ref_t> found;
     // A path ending in a separator: the folders of that path, for their children only.

@@ -10,7 +10,9 @@
 #include <pthread.h>
 #include <string.h>
 
-// What a value falls back to when the locale has none (the C locale has no thousands separator).
+// What a value falls back to when the locale has none (the C locale has no thousands separator). A date
+// order that can't be read stays empty: the date parser has its own rule for a locale without one, and
+// an invented order would hide the failure from it.
 static const char *_fallback(os_locale_id_t id) {
     switch (id) {
     case OS_LOCALE_DATE_SEPARATOR:
@@ -27,8 +29,6 @@ static const char *_fallback(os_locale_id_t id) {
         return ",";
     case OS_LOCALE_FIRST_DAY_OF_WEEK:
         return "6";
-    case OS_LOCALE_DATE_ORDER:
-        return "0";
     case OS_LOCALE_TWO_DIGIT_YEAR_MAX:
         return "2049";
     default:

@@ -259,3 +259,8 @@ int os_volume_file_by_id(const char *, uint64_t, uint64_t, uint64_t *parent_low,
     str_set(name, "");
     return -1;
 }
+
+bool os_shell_type_text(const char *, bool, str_t *out) {
+    str_set(out, "");
+    return false;
+}

@@ -1,12 +1,13 @@
 // Locale values on Windows, from the user's regional settings (or a named locale's). A value the system
 // can't give falls back to Windows' own defaults for English (United States); AM and PM stay empty when
-// the locale has none, since that is what a 24-hour clock means.
+// the locale has none, since that is what a 24-hour clock means. The date order stays empty too: the
+// date parser has its own rule for a locale that gives none.
 #include "os/os_internal.h"
 #include "os/win32/wide.h"
 
 static const char *_fallback(os_locale_id_t id) {
     static const char *const values[] = {"/", ":", "M/d/yyyy", "h:mm:ss tt", ".",   ",",
-                                         "6", "0", "",         "",           "2049"};
+                                         "6", "",  "",         "",           "2049"};
     return (int) id < (int) (sizeof values / sizeof values[0]) ? values[id] : "";
 }
 

@@ -1,5 +1,5 @@
 // Known folders on Windows: the table of os_shell.h through SHGetKnownFolderPath, and every other name
-// through the shell's own parser of "shell:" names.
+// through the shell's own parser of "shell:" names; type texts through SHGetFileInfoW.
 #include "mem/mem.h"
 #include "os/os_internal.h"
 #include "os/os_shell.h"
@@ -10,6 +10,7 @@
 // The known-folder ids are defined here rather than taken from uuid.lib.
 #include <initguid.h>
 #include <knownfolders.h>
+#include <shellapi.h>
 #include <shlobj.h>
 #include <winioctl.h>
 
@@ -219,4 +220,21 @@ int os_volume_file_by_id(const char *volume, uint64_t low, uint64_t high, uint64
                               &got, nullptr);
     CloseHandle(file);
     return ok && _usn_record(buf, got, parent_low, parent_high, name) ? 1 : 0;
+}
+
+bool os_shell_type_text(const char *name, bool folder, str_t *out) {
+    str_set(out, "");
+    os_wide_t w;
+    os_wide_init(&w, name ? name : "");
+    SHFILEINFOW info;
+    memset(&info, 0, sizeof info);
+    // By attributes alone, so that the answer is the kind's and no file has to exist.
+    DWORD attributes = folder ? FILE_ATTRIBUTE_DIRECTORY : FILE_ATTRIBUTE_NORMAL;
+    DWORD_PTR ok =
+        SHGetFileInfoW(w.ptr, attributes, &info, sizeof info, SHGFI_USEFILEATTRIBUTES | SHGFI_TYPENAME);
+    os_wide_kill(&w);
+    if (ok && info.szTypeName[0]) {
+        os_utf8_from_wide(out, info.szTypeName, (int) wcslen(info.szTypeName));
+    }
+    return out->len > 0;
 }

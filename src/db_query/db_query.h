@@ -286,3 +286,25 @@ mem_array_t *db_sort_array(db_t *db, int sort, bool folder);
 void _db_set_sort(db_query_t *query, int sort);
 // Reads the selection anew after the results changed (query or sort thread).
 void _db_update_selection(db_query_t *query);
+
+// ---- selection
+// --------------------------------------------------------------------------------------------- The selection
+// is three arrays in result order; a result index argument out of range changes nothing.
+
+int db_get_selection_count(db_query_t *query);
+// The result index of the nth selected row, or -1.
+int db_get_selection_result_index(db_query_t *query, int n);
+int db_is_folder_selection(db_query_t *query, int n);
+int db_get_selection_full_path_name(db_query_t *query, int n, str_t *out);
+// Each returns 1 when the selection changed.
+int db_select_result(db_query_t *query, int index);
+int db_deselect_result(db_query_t *query, int index);
+int db_invert_result_selection(db_query_t *query, int index);
+int db_is_result_selected(db_query_t *query, int index);
+// Rows first .. first + count - 1 join the selection.
+void db_select_result_range(db_query_t *query, int first, int count);
+void db_select_all(db_query_t *query);
+void db_deselect_all(db_query_t *query);
+void db_invert_all_selection(db_query_t *query);
+// Sum of the known sizes of the selected files, or all ones when not known.
+uint64_t db_query_get_total_selection_size(db_query_t *query);

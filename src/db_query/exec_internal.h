@@ -23,3 +23,7 @@ void _db_query_results_event(void *ctx);
 // Runs the pre-passes that the chain's ops need over the array about to be scanned, on the query
 // thread. Borrowed bytes are back in place when it returns.
 void db_prepass_run(db_query_t *q, const db_op_t *chain, const mem_array_t *array, bool folder);
+
+// The order the query's folder or file results stand in (current_sort): for selection, the record to index
+// lookup and the live insert. Meaningful only while sorted is set.
+int db_query_result_compare(db_query_t *q, bool folder, db_ref_t a, db_ref_t b);

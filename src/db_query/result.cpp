@@ -55,26 +55,45 @@ bool _db_result_at(db_query_t *q, int index, db_ref_t *record, bool *is_folder) 
     return false;
 }
 
+struct index_key_t {
+    db_query_t *q;
+    bool folder;
+    db_ref_t record;
+};
+
+static int _index_key_compare(mem_ref_t element, const void *key) {
+    const index_key_t *k = (const index_key_t *) key;
+    return db_query_result_compare(k->q, k->folder, element, k->record);
+}
+
 int _db_result_index_of(db_query_t *q, db_ref_t record, bool is_folder) {
     mem_array_t *order[3];
     int kinds[3];
     _layout(q, order, kinds);
     int32_t first = 0;
     for (int k = 0; k < 3; k++) {
-        if (kinds[k] == (is_folder ? 1 : 2)) {
-            // Results are not always in an order a comparator can search (a cancelled sort): walk.
-            const mem_array_t *a = order[k];
-            int32_t at = first;
-            for (uint32_t c = 0; c < a->chunk_count; c++) {
-                const mem_array_chunk_t *chunk = a->table[c];
-                const mem_ref_t *items = mem_array_chunk_items(chunk);
-                for (uint32_t i = 0; i < chunk->n; i++, at++)
-                    if (items[i] == record)
-                        return at;
-            }
-            return -1;
+        if (kinds[k] != (is_folder ? 1 : 2)) {
+            first += (int32_t) order[k]->count;
+            continue;
         }
-        first += (int32_t) order[k]->count;
+        const mem_array_t *a = order[k];
+        if (q->sorted) {
+            index_key_t key = {q, is_folder, record};
+            int chunk, pos;
+            if (!mem_array_find_pos(a, _index_key_compare, &key, &chunk, &pos))
+                return -1;
+            return first + (int32_t) (a->table[chunk]->base + (uint32_t) pos);
+        }
+        // A cancelled sort leaves no order that a compare could follow: walk.
+        int32_t at = first;
+        for (uint32_t c = 0; c < a->chunk_count; c++) {
+            const mem_array_chunk_t *chunk = a->table[c];
+            const mem_ref_t *items = mem_array_chunk_items(chunk);
+            for (uint32_t i = 0; i < chunk->n; i++, at++)
+                if (items[i] == record)
+                    return at;
+        }
+        return -1;
     }
     return -1;
 }

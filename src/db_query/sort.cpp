@@ -371,3 +371,12 @@ void db_sort(db_query_t *q, int sort, int keep_selection_hint, int track_hint) {
 int db_get_sort(db_query_t *q) {
     return q->current_sort;
 }
+
+// ---- the order the results stand in
+// ------------------------------------------------------------------------
+
+int db_query_result_compare(db_query_t *q, bool folder, db_ref_t a, db_ref_t b) {
+    sort_ctx_t c = {q, q->current_sort & ~1, folder};
+    int d = c.sort == DB_SORT_NAME ? db_name_compare(a, b) : _ascending_compare(&c, a, b);
+    return (q->current_sort & 1) ? -d : d;
+}

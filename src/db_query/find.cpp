@@ -7,6 +7,7 @@
 #include "debug/debug.h"
 #include "main/main.h"
 #include "mem/mem.h"
+#include "text/text.h"
 
 struct db_search_worker_t {
     os_thread_t *thread;
@@ -27,11 +28,100 @@ static void _push(db_search_worker_t *w, mem_ref_t r) {
     w->out[w->n++] = r;
 }
 
+// ---- the single-op loops ---------------------------------------------------------------------------------
+
+// Case-blind search of an ASCII term in an ASCII name: the first and last bytes of the term are tested
+// before the rest. term is lower case already.
+static inline bool _ascii_contains(const uint8_t *name, uint32_t len, const uint8_t *term, uint32_t tlen) {
+    if (tlen == 0)
+        return true;
+    uint8_t first = term[0], last = term[tlen - 1];
+    for (uint32_t i = 0; i + tlen <= len; i++) {
+        if (ascii_lower[name[i]] != first || ascii_lower[name[i + tlen - 1]] != last)
+            continue;
+        uint32_t k = 1;
+        while (k + 1 < tlen && ascii_lower[name[i + k]] == term[k])
+            k++;
+        if (k + 1 >= tlen)
+            return true;
+    }
+    return false;
+}
+
+static inline bool _has_high_byte(const uint8_t *p, uint32_t len) {
+    uint8_t any = 0;
+    for (uint32_t i = 0; i < len; i++)
+        any |= p[i];
+    return any >= 0x80;
+}
+
+// A name "contains" op alone in its chain, the hot case of a typed word: the matcher and the term stay
+// in locals and no op is chased per record. A pure-ASCII name against a pure-ASCII term in a case-blind
+// folding needs no decoding (only bytes of 0x80 and above can fold to ASCII letters), so only names with
+// such bytes go to the folding matcher; the answers are the matcher's. Returns false when the op is not
+// one this loop serves.
+static bool _fast_contains(db_search_worker_t *w, const db_op_t *op) {
+    if (op->next || op->notnext)
+        return false;
+    uint32_t code = op->op;
+    bool neg;
+    text_folding_t folding;
+    if (code >= 2 && code <= 33) {
+        uint32_t x = code - 2;
+        if ((x & 1) || (x & 8))
+            return false; // whole word or path
+        folding = text_folding_for((x & 2) != 0, (x & 4) != 0);
+        neg = (x & 16) != 0;
+    } else if (code >= 34 && code <= 41) {
+        uint32_t x = code - 34;
+        if ((x & 1) || (x & 2))
+            return false;
+        folding = TEXT_FOLD_ASCII;
+        neg = (x & 4) != 0;
+    } else {
+        return false;
+    }
+    const db_op_text_t *t = (const db_op_text_t *) db_op_payload(op);
+    if (t->offset)
+        return false;
+    const uint8_t *term = (const uint8_t *) t->text;
+    uint32_t tlen = t->len;
+    bool case_blind =
+        folding == TEXT_FOLD_ASCII || folding == TEXT_FOLD_LOWER || folding == TEXT_FOLD_LOWER_BASE;
+    bool ascii_term = text_is_ascii(t->text, tlen);
+    text_matcher_t match = text_matcher(TEXT_MATCH_CONTAINS, folding);
+    db_query_t *q = w->query;
+    for (uint32_t c = w->first_chunk; c < w->first_chunk + w->chunk_count; c++) {
+        const mem_array_chunk_t *chunk = w->array->table[c];
+        const mem_ref_t *items = mem_array_chunk_items(chunk);
+        for (uint32_t i = 0; i < chunk->n; i++) {
+            if (q->cancel_search)
+                return true;
+            const uint8_t *p = db_ptr(items[i]);
+            uint32_t len = p[4];
+            if (len == DB_LONG_NAME)
+                len = *(const uint32_t *) (p - 4);
+            const uint8_t *name = p + 5;
+            bool hit;
+            if (case_blind && ascii_term && (folding == TEXT_FOLD_ASCII || !_has_high_byte(name, len)))
+                hit = len >= tlen && _ascii_contains(name, len, term, tlen);
+            else
+                hit = match((const char *) name, len, t->text, tlen);
+            if (hit != neg)
+                _push(w, items[i]);
+        }
+        os_sleep_ms(0);
+    }
+    return true;
+}
+
 // One worker over its chunk range: each record through the chain, the cancel flag tested per record, a
 // yield after each chunk so that a scan on every processor leaves the main thread its turn.
 static void _worker_run(db_search_worker_t *w) {
     db_query_t *q = w->query;
     const db_op_t *chain = w->folder ? q->search.folder_ops : q->search.file_ops;
+    if (_fast_contains(w, chain))
+        return;
     db_eval_scratch_t s;
     db_eval_scratch_init(&s);
     for (uint32_t c = w->first_chunk; c < w->first_chunk + w->chunk_count; c++) {

@@ -522,3 +522,34 @@ TEST(ExecEntry, PendingSearchRunsWhenTheIndexBecomesReady) {
     db_destroy_query(q);
     idx.destroy();
 }
+
+// The table's rows combined: each row's NOT, and pairs of rows ANDed and ORed inside groups, so that the
+// decision graph (De Morgan under NOT, the kind-only constants) is checked against plain logic.
+TEST_F(ExecTest, CombinationsAgreeWithTheReference) {
+    std::vector<exec_case_t> rows;
+    for (const exec_case_t &c : exec_table())
+        if (c.bits == 0 && !c.search.empty())
+            rows.push_back(c);
+    std::vector<exec_case_t> combos;
+    for (const exec_case_t &a : rows) {
+        pred_t pa = a.pred;
+        combos.push_back({"!<" + a.search + ">", 0, [pa](const ref_record_t &r) { return !pa(r); }});
+    }
+    size_t n = rows.size();
+    for (size_t i = 0; i < n; i++) {
+        const exec_case_t &a = rows[i], &b = rows[(i * 7 + 3) % n], &c = rows[(i * 13 + 5) % n];
+        pred_t pa = a.pred, pb = b.pred, pc = c.pred;
+        combos.push_back({"<" + a.search + "> <" + b.search + ">", 0,
+                          [pa, pb](const ref_record_t &r) { return pa(r) && pb(r); }});
+        combos.push_back({"<" + a.search + "> | <" + c.search + ">", 0,
+                          [pa, pc](const ref_record_t &r) { return pa(r) || pc(r); }});
+        combos.push_back({"<" + b.search + "> !<" + c.search + ">", 0,
+                          [pb, pc](const ref_record_t &r) { return pb(r) && !pc(r); }});
+    }
+    EXPECT_GE(combos.size() + exec_table().size(), 300u);
+    for (const exec_case_t &c : combos) {
+        SCOPED_TRACE(c.search);
+        exec_run(q, c.search.c_str(), 0);
+        ASSERT_TRUE(exec_results(q) == expected(c.pred));
+    }
+}

@@ -78,10 +78,10 @@ struct ref_index_t {
 
     // n records under one source, names from several scripts with case and diacritic variants, up to
     // 14 levels deep; about a tenth of the sizes and dates unknown.
-    void build(uint32_t n, uint32_t seed, bool bulk = true) {
+    void build(uint32_t n, uint32_t seed, bool bulk = true, uint32_t structure = EXEC_STRUCTURE) {
         text_init_tables();
         db = db_create(nullptr);
-        db_structure_set(&db->structure, EXEC_STRUCTURE);
+        db_structure_set(&db->structure, structure);
         db->is_loaded = true;
         db_fs_t *fs = db_fs_add(db, DB_FS_FOLDER);
         std::mt19937 rng(seed);

@@ -192,11 +192,23 @@ static int _ref_compare(uint32_t a, uint32_t b) {
 static void _dupes(db_query_t *q, const db_op_t *op, bool folder) {
     db_prepass_t *p = _add(q, op);
     dupe_ctx_t c = {q, (uint32_t) (op->op - 174) / 2, folder};
+    // Name order and the value orders group equal keys already (their first level is the key); name
+    // parts and attribute letters don't, and are sorted here.
+    static const int orders[7] = {
+        DB_ORDER_NAME,          -1, DB_ORDER_SIZE, DB_ORDER_DATE_CREATED, DB_ORDER_DATE_MODIFIED,
+        DB_ORDER_DATE_ACCESSED, -1};
     const mem_array_t *a = folder ? &q->db->folders : &q->db->files;
+    const mem_array_t *grouped =
+        orders[c.k] >= 0 ? db_array(q->db, (db_order_t) orders[c.k], folder) : nullptr;
+    if (grouped && grouped->count == a->count)
+        a = grouped;
+    else
+        grouped = nullptr;
     uint32_t n = a->count;
     mem_ref_t *all = (mem_ref_t *) mem_alloc((n ? n : 1) * sizeof(mem_ref_t));
     _each(a, [&](db_ref_t r, uint32_t pos) { all[pos] = r; });
-    os_qsort_ex(all, n, &c, _dupe_key_compare);
+    if (!grouped)
+        os_qsort_ex(all, n, &c, _dupe_key_compare);
     p->set = (mem_ref_t *) mem_alloc((n ? n : 1) * sizeof(mem_ref_t));
     for (uint32_t i = 0; i < n; i++) {
         bool before = i > 0 && _dupe_key_compare(&c, all[i - 1], all[i]) == 0;

@@ -183,7 +183,8 @@ int main(int argc, char **argv) {
     if (!db->files.count)
         return 1;
 
-    std::string peer_db = "/tmp/bench_search_peer.db";
+    // One name per process: two runs at once must not share the peer's database.
+    std::string peer_db = "/tmp/bench_search_peer_" + std::to_string(os_thread_id()) + ".db";
     bool peer = o.peer;
     if (peer) {
         std::string cmd = "plocate-build -p '" + o.paths + "' '" + peer_db + "' 2>/dev/null";

@@ -122,6 +122,11 @@ static void _worker_run(db_search_worker_t *w) {
     const db_op_t *chain = w->folder ? q->search.folder_ops : q->search.file_ops;
     if (_fast_contains(w, chain))
         return;
+    // A leading count: whose failure fails the record: once the limit is reached nothing more can pass
+    // (the count only grows), so the scan ends there.
+    uint32_t stop_at = UINT32_MAX;
+    if (chain->op == 334 && !chain->notnext)
+        stop_at = ((const db_op_count_t *) db_op_payload(chain))->limit;
     db_eval_scratch_t s;
     db_eval_scratch_init(&s);
     for (uint32_t c = w->first_chunk; c < w->first_chunk + w->chunk_count; c++) {
@@ -131,6 +136,8 @@ static void _worker_run(db_search_worker_t *w) {
             if (q->cancel_search)
                 goto done;
             s.found = q->count_base + w->n;
+            if (s.found >= stop_at)
+                goto done;
             if (db_query_eval_chain(q, chain, w->folder, items[i], &s, (int64_t) chunk->base + i))
                 _push(w, items[i]);
         }

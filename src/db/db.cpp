@@ -157,6 +157,11 @@ void _db_ready_proc(void *ctx) {
     db_wait(db, "_db_ready_proc");
     if (db->job_thread)
         return;
+    // Queries first: a search stored while the index was loading runs now, and each query hears that
+    // the job ended.
+    db_queries_idle(db);
+    if (db->job_thread)
+        return;
     // Later, in this order, each stopping when a new job begins: post each query its codes 8 and 6;
     // apply pending folder changes (always when not loaded); send pending file information changes;
     // call each query with pending new results with code 0; dispatch the changed records; start the

@@ -509,3 +509,7 @@ void _db_ready_proc(void *ctx);
 
 // Frees every array of the index and resets it to empty (the records stay in the pool).
 void db_arrays_kill(db_t *db);
+
+// Told by _db_ready_proc once no job runs (the search code keeps it): replays a search or sort that was
+// stored while the index was not ready, and posts every query its job-ended and ready codes.
+void db_queries_idle(db_t *db);

@@ -1,0 +1,307 @@
+// The scan: the query thread picks the array whose order the requested sort wants, runs the pre-passes,
+// splits the array's chunks among workers and joins their lists in worker order, so that the results are
+// those of one thread walking the array from start to end.
+#include <cstring>
+
+#include "db_query/exec_internal.h"
+#include "debug/debug.h"
+#include "main/main.h"
+#include "mem/mem.h"
+#include "text/text.h"
+
+struct db_search_worker_t {
+    os_thread_t *thread;
+    db_query_t *query;
+    const mem_array_t *array;
+    uint32_t first_chunk;
+    uint32_t chunk_count;
+    bool folder;
+    mem_ref_t *out; // the worker's results, heap
+    uint32_t n, cap;
+};
+
+static void _push(db_search_worker_t *w, mem_ref_t r) {
+    if (w->n == w->cap) {
+        w->cap = w->cap ? w->cap * 2 : MEM_ARRAY_CHUNK_SLOTS;
+        w->out = (mem_ref_t *) mem_realloc(w->out, (size_t) w->cap * sizeof(mem_ref_t));
+    }
+    w->out[w->n++] = r;
+}
+
+// ---- the single-op loops ---------------------------------------------------------------------------------
+
+// Case-blind search of an ASCII term in an ASCII name: the first and last bytes of the term are tested
+// before the rest. term is lower case already.
+static inline bool _ascii_contains(const uint8_t *name, uint32_t len, const uint8_t *term, uint32_t tlen) {
+    if (tlen == 0)
+        return true;
+    uint8_t first = term[0], last = term[tlen - 1];
+    for (uint32_t i = 0; i + tlen <= len; i++) {
+        if (ascii_lower[name[i]] != first || ascii_lower[name[i + tlen - 1]] != last)
+            continue;
+        uint32_t k = 1;
+        while (k + 1 < tlen && ascii_lower[name[i + k]] == term[k])
+            k++;
+        if (k + 1 >= tlen)
+            return true;
+    }
+    return false;
+}
+
+static inline bool _has_high_byte(const uint8_t *p, uint32_t len) {
+    uint8_t any = 0;
+    for (uint32_t i = 0; i < len; i++)
+        any |= p[i];
+    return any >= 0x80;
+}
+
+// A name "contains" op alone in its chain, the hot case of a typed word: the matcher and the term stay
+// in locals and no op is chased per record. A pure-ASCII name against a pure-ASCII term in a case-blind
+// folding needs no decoding (only bytes of 0x80 and above can fold to ASCII letters), so only names with
+// such bytes go to the folding matcher; the answers are the matcher's. Returns false when the op is not
+// one this loop serves.
+static bool _fast_contains(db_search_worker_t *w, const db_op_t *op) {
+    if (op->next || op->notnext)
+        return false;
+    uint32_t code = op->op;
+    bool neg;
+    text_folding_t folding;
+    if (code >= 2 && code <= 33) {
+        uint32_t x = code - 2;
+        if ((x & 1) || (x & 8))
+            return false; // whole word or path
+        folding = text_folding_for((x & 2) != 0, (x & 4) != 0);
+        neg = (x & 16) != 0;
+    } else if (code >= 34 && code <= 41) {
+        uint32_t x = code - 34;
+        if ((x & 1) || (x & 2))
+            return false;
+        folding = TEXT_FOLD_ASCII;
+        neg = (x & 4) != 0;
+    } else {
+        return false;
+    }
+    const db_op_text_t *t = (const db_op_text_t *) db_op_payload(op);
+    if (t->offset)
+        return false;
+    const uint8_t *term = (const uint8_t *) t->text;
+    uint32_t tlen = t->len;
+    bool case_blind =
+        folding == TEXT_FOLD_ASCII || folding == TEXT_FOLD_LOWER || folding == TEXT_FOLD_LOWER_BASE;
+    bool ascii_term = text_is_ascii(t->text, tlen);
+    text_matcher_t match = text_matcher(TEXT_MATCH_CONTAINS, folding);
+    db_query_t *q = w->query;
+    for (uint32_t c = w->first_chunk; c < w->first_chunk + w->chunk_count; c++) {
+        const mem_array_chunk_t *chunk = w->array->table[c];
+        const mem_ref_t *items = mem_array_chunk_items(chunk);
+        for (uint32_t i = 0; i < chunk->n; i++) {
+            if (q->cancel_search)
+                return true;
+            const uint8_t *p = db_ptr(items[i]);
+            uint32_t len = p[4];
+            if (len == DB_LONG_NAME)
+                len = *(const uint32_t *) (p - 4);
+            const uint8_t *name = p + 5;
+            bool hit;
+            if (case_blind && ascii_term && (folding == TEXT_FOLD_ASCII || !_has_high_byte(name, len)))
+                hit = len >= tlen && _ascii_contains(name, len, term, tlen);
+            else
+                hit = match((const char *) name, len, t->text, tlen);
+            if (hit != neg)
+                _push(w, items[i]);
+        }
+        os_sleep_ms(0);
+    }
+    return true;
+}
+
+// One worker over its chunk range: each record through the chain, the cancel flag tested per record, a
+// yield after each chunk so that a scan on every processor leaves the main thread its turn.
+static void _worker_run(db_search_worker_t *w) {
+    db_query_t *q = w->query;
+    const db_op_t *chain = w->folder ? q->search.folder_ops : q->search.file_ops;
+    if (_fast_contains(w, chain))
+        return;
+    // A leading count: whose failure fails the record: once the limit is reached nothing more can pass
+    // (the count only grows), so the scan ends there.
+    uint32_t stop_at = UINT32_MAX;
+    if (chain->op == 334 && !chain->notnext)
+        stop_at = ((const db_op_count_t *) db_op_payload(chain))->limit;
+    db_eval_scratch_t s;
+    db_eval_scratch_init(&s);
+    for (uint32_t c = w->first_chunk; c < w->first_chunk + w->chunk_count; c++) {
+        const mem_array_chunk_t *chunk = w->array->table[c];
+        const mem_ref_t *items = mem_array_chunk_items(chunk);
+        for (uint32_t i = 0; i < chunk->n; i++) {
+            if (q->cancel_search)
+                goto done;
+            s.found = q->count_base + w->n;
+            if (s.found >= stop_at)
+                goto done;
+            if (db_query_eval_chain(q, chain, w->folder, items[i], &s, (int64_t) chunk->base + i))
+                _push(w, items[i]);
+        }
+        os_sleep_ms(0);
+    }
+done:
+    db_eval_scratch_kill(&s);
+}
+
+static void _worker_proc(void *arg) {
+    _worker_run((db_search_worker_t *) arg);
+}
+
+// The number of workers for a scan of chunk_count chunks: one per 16 chunks, capped by max_threads and the
+// processors; one when the chain must see results in order.
+static uint32_t _thread_count(const db_query_t *q, uint32_t chunk_count) {
+    uint32_t t = (chunk_count + 15) / 16;
+    if (max_threads > 0 && t > (uint32_t) max_threads)
+        t = (uint32_t) max_threads;
+    uint32_t cpus = (uint32_t) os_processor_count();
+    if (t > cpus)
+        t = cpus;
+    if (q->search.needs_single_thread || t < 2)
+        t = 1;
+    return t;
+}
+
+static void _find(db_query_t *q, const mem_array_t *array, bool folder) {
+    uint32_t start = debug_now_us();
+    mem_array_t *results = folder ? &q->folder_results : &q->file_results;
+    mem_array_kill(results);
+    memset(results, 0, sizeof *results);
+    const db_op_t *chain = folder ? q->search.folder_ops : q->search.file_ops;
+    if (!chain || (chain->op == DB_OP_FALSE && !chain->next && !chain->notnext)) {
+        // Nothing can pass: no record is touched.
+    } else if (chain->op == DB_OP_TRUE && !chain->next && !chain->notnext) {
+        mem_array_copy(results, array);
+    } else {
+        db_prepass_run(q, chain, array, folder);
+        uint32_t t = _thread_count(q, array->chunk_count);
+        if (t > q->workers_used)
+            q->workers_used = t;
+        db_search_worker_t *workers = (db_search_worker_t *) mem_alloc(t * sizeof(db_search_worker_t));
+        memset(workers, 0, t * sizeof(db_search_worker_t));
+        for (uint32_t i = 0; i < t; i++) {
+            db_search_worker_t *w = &workers[i];
+            w->query = q, w->array = array, w->folder = folder;
+            w->first_chunk = (uint32_t) ((uint64_t) array->chunk_count * i / t);
+            w->chunk_count = (uint32_t) ((uint64_t) array->chunk_count * (i + 1) / t) - w->first_chunk;
+            if (t > 1)
+                w->thread = os_thread_create(_worker_proc, w);
+        }
+        if (t == 1)
+            _worker_run(&workers[0]);
+        uint32_t total = 0;
+        for (uint32_t i = 0; i < t; i++) {
+            if (workers[i].thread)
+                os_thread_destroy(workers[i].thread);
+            total += workers[i].n;
+        }
+        // Joined in worker order: the array's order, whatever the thread count.
+        mem_ref_t *flat = (mem_ref_t *) mem_alloc((total ? total : 1) * sizeof(mem_ref_t));
+        uint32_t at = 0;
+        for (uint32_t i = 0; i < t; i++) {
+            if (workers[i].n)
+                memcpy(flat + at, workers[i].out, workers[i].n * sizeof(mem_ref_t));
+            at += workers[i].n;
+            mem_free(workers[i].out);
+        }
+        mem_free(workers);
+        if (total)
+            mem_array_from_flat(results, flat, total);
+        mem_free(flat);
+        db_prepass_free_all(q);
+    }
+    debug_printf(folder ? "found %d folders, size %d, db search time taken: %f seconds\n"
+                        : "found %d files, size %d, db search time taken: %f seconds\n",
+                 (int) results->count, (int) (results->chunk_count * MEM_ARRAY_CHUNK_SIZE),
+                 (int) (debug_now_us() - start));
+}
+
+void _db_find_folders(db_query_t *q, mem_array_t *array) {
+    _find(q, array, true);
+}
+
+void _db_find_files(db_query_t *q, mem_array_t *array) {
+    _find(q, array, false);
+}
+
+// ---- the query thread ----------------------------------------------------------------------------------
+
+void _db_query_results_event(void *ctx) {
+    db_query_t *q = (db_query_t *) ctx;
+    if (q->callback)
+        q->callback(q->callback_context, DB_QUERY_RESULTS, q);
+}
+
+static void _total_size(db_query_t *q) {
+    uint32_t start = debug_now_us();
+    uint64_t total = 0;
+    const mem_array_t *a = &q->file_results;
+    for (uint32_t c = 0; c < a->chunk_count && !q->cancel_search; c++) {
+        const mem_array_chunk_t *chunk = a->table[c];
+        const mem_ref_t *items = mem_array_chunk_items(chunk);
+        for (uint32_t i = 0; i < chunk->n; i++) {
+            uint64_t size = db_file_get(q->db, items[i], DB_FIELD_SIZE);
+            if (size != DB_UNKNOWN)
+                total += size;
+        }
+    }
+    q->total_result_size = total;
+    q->total_result_valid = !q->cancel_search;
+    debug_printf("total size %I64u, calculated in %f seconds\n", total, (int) (debug_now_us() - start));
+}
+
+void _db_query_thread_proc(db_t *db, void *arg) {
+    db_query_t *q = (db_query_t *) arg;
+    int requested = q->requested_sort;
+    int ascending = requested & ~1;
+    // The array of the requested column gives sorted output for free; without one, name order.
+    mem_array_t *folders = db_sort_array(db, ascending, true);
+    mem_array_t *files = db_sort_array(db, ascending, false);
+    int current = ascending;
+    if (!folders || !files) {
+        folders = &db->folders, files = &db->files;
+        current = DB_SORT_NAME;
+    }
+    // count: takes the first n of the requested order, so a descending request walks reversed copies,
+    // files first, as a descending list shows them.
+    mem_array_t rev_folders = {}, rev_files = {};
+    bool reversed = q->search.flip_for_count && requested == _db_flip_sort_type(current);
+    if (reversed) {
+        mem_array_copy_reversed(&rev_folders, folders);
+        mem_array_copy_reversed(&rev_files, files);
+        folders = &rev_folders, files = &rev_files;
+        current = requested;
+    }
+    debug_printf("SET SORT %d\n", current);
+    q->count_base = 0;
+    q->workers_used = 0;
+    if (reversed) {
+        _db_find_files(q, files);
+        q->count_base = q->file_results.count;
+        if (!q->cancel_search)
+            _db_find_folders(q, folders);
+    } else {
+        _db_find_folders(q, folders);
+        q->count_base = q->folder_results.count;
+        if (!q->cancel_search)
+            _db_find_files(q, files);
+    }
+    mem_array_kill(&rev_folders);
+    mem_array_kill(&rev_files);
+    q->current_sort = current;
+    q->folders_first = (current & 1) == 0;
+    q->cache_kind = 0;
+    q->results_published = true;
+    event_post(_db_query_results_event, q);
+    if (q->want_total_size && !q->cancel_search)
+        _total_size(q);
+    if (!q->cancel_search) {
+        q->sorted = true;
+        _db_set_sort(q, requested);
+        _db_update_selection(q);
+    }
+    db_set_status(db, nullptr);
+}

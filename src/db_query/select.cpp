@@ -1,0 +1,231 @@
+// Selection: three arrays of selected records, each in the order of its result array, so that a range,
+// select all and invert are one merge walk of the two without a compare, and the update after a new
+// result set is the sentinel walk of the sort file.
+#include <cstring>
+
+#include "db_query/exec_internal.h"
+#include "mem/mem.h"
+
+bool db_query_index_ready(const db_t *db);
+
+struct select_key_t {
+    db_query_t *q;
+    bool folder;
+    db_ref_t record;
+};
+
+static int _key_compare(mem_ref_t element, const void *key) {
+    const select_key_t *k = (const select_key_t *) key;
+    return db_query_result_compare(k->q, k->folder, element, k->record);
+}
+
+static bool _usable(db_query_t *q, const char *who) {
+    if (!db_query_index_ready(q->db))
+        return false;
+    db_wait(q->db, who);
+    return true;
+}
+
+static mem_array_t *_selection(db_query_t *q, bool folder) {
+    return folder ? &q->folder_selection : &q->file_selection;
+}
+
+static void _totals(db_query_t *q) {
+    uint64_t total = 0;
+    const mem_array_t *a = &q->file_selection;
+    for (uint32_t c = 0; c < a->chunk_count; c++) {
+        const mem_array_chunk_t *chunk = a->table[c];
+        const mem_ref_t *items = mem_array_chunk_items(chunk);
+        for (uint32_t i = 0; i < chunk->n; i++) {
+            uint64_t size = db_file_get(q->db, items[i], DB_FIELD_SIZE);
+            if (size != DB_UNKNOWN)
+                total += size;
+        }
+    }
+    q->total_selection_size = total;
+    q->total_selection_valid = (q->db->structure.word & DB_STRUCTURE_SIZE) != 0;
+    q->selection_anchor = 0;
+}
+
+// Looks for the record in its selection: by the result order when the results stand sorted, else by a
+// walk (a cancelled sort leaves no order a compare could follow).
+static mem_ref_t _find(db_query_t *q, bool folder, db_ref_t r, int *chunk, int *pos) {
+    mem_array_t *sel = _selection(q, folder);
+    if (q->sorted) {
+        select_key_t key = {q, folder, r};
+        return mem_array_find_near(sel, chunk, pos, _key_compare, &key);
+    }
+    int c = 0, p = -1;
+    for (mem_ref_t x = mem_array_next(sel, &c, &p); x; x = mem_array_next(sel, &c, &p)) {
+        if (x == r) {
+            *chunk = c, *pos = p;
+            return x;
+        }
+    }
+    *chunk = -1;
+    return 0;
+}
+
+int db_get_selection_count(db_query_t *q) {
+    if (!_usable(q, "db_get_selection_count"))
+        return 0;
+    return (int) (q->head_selection.count + q->folder_selection.count + q->file_selection.count);
+}
+
+// The nth selected record in result order: the selection arrays laid out as the results are.
+static bool _selected_at(db_query_t *q, int n, db_ref_t *r, bool *folder) {
+    if (n < 0)
+        return false;
+    mem_array_t *first = q->folders_first ? &q->folder_selection : &q->file_selection;
+    mem_array_t *second = q->folders_first ? &q->file_selection : &q->folder_selection;
+    if ((uint32_t) n < first->count) {
+        *r = mem_array_get(first, (uint32_t) n), *folder = q->folders_first;
+        return true;
+    }
+    n -= (int) first->count;
+    if ((uint32_t) n < second->count) {
+        *r = mem_array_get(second, (uint32_t) n), *folder = !q->folders_first;
+        return true;
+    }
+    return false;
+}
+
+int db_get_selection_result_index(db_query_t *q, int n) {
+    db_ref_t r;
+    bool folder;
+    if (!_usable(q, "db_get_selection_result_index") || !_selected_at(q, n, &r, &folder))
+        return -1;
+    return _db_result_index_of(q, r, folder);
+}
+
+int db_is_folder_selection(db_query_t *q, int n) {
+    db_ref_t r;
+    bool folder;
+    if (!_usable(q, "db_is_folder_selection") || !_selected_at(q, n, &r, &folder))
+        return 1;
+    return folder;
+}
+
+int db_get_selection_full_path_name(db_query_t *q, int n, str_t *out) {
+    str_set(out, "");
+    db_ref_t r;
+    bool folder;
+    if (!_usable(q, "db_get_selection_full_path_name") || !_selected_at(q, n, &r, &folder))
+        return 0;
+    db_get_full_path(out, r);
+    return 1;
+}
+
+int db_is_result_selected(db_query_t *q, int index) {
+    db_ref_t r;
+    bool folder;
+    int chunk, pos;
+    if (!_usable(q, "db_is_result_selected") || !_db_result_at(q, index, &r, &folder))
+        return 0;
+    return _find(q, folder, r, &chunk, &pos) != 0;
+}
+
+int db_select_result(db_query_t *q, int index) {
+    db_ref_t r;
+    bool folder;
+    int chunk, pos;
+    if (!_usable(q, "db_select_result") || !_db_result_at(q, index, &r, &folder) || !q->sorted)
+        return 0;
+    if (_find(q, folder, r, &chunk, &pos))
+        return 0;
+    mem_array_insert_at(_selection(q, folder), chunk, pos, r);
+    _totals(q);
+    return 1;
+}
+
+int db_deselect_result(db_query_t *q, int index) {
+    db_ref_t r;
+    bool folder;
+    int chunk, pos;
+    if (!_usable(q, "db_deselect_result") || !_db_result_at(q, index, &r, &folder))
+        return 0;
+    if (!_find(q, folder, r, &chunk, &pos))
+        return 0;
+    mem_array_remove_at(_selection(q, folder), chunk, pos);
+    _totals(q);
+    return 1;
+}
+
+int db_invert_result_selection(db_query_t *q, int index) {
+    if (db_deselect_result(q, index))
+        return 1;
+    return db_select_result(q, index);
+}
+
+// One merge walk over a result array and its selection: keep decides for each result whether it is
+// selected afterwards, from whether it is now and its result index.
+template <typename F>
+static void _rebuild(db_query_t *q, bool folder, int32_t first_index, F keep) {
+    const mem_array_t *res = folder ? &q->folder_results : &q->file_results;
+    mem_array_t *sel = _selection(q, folder);
+    mem_ref_t *out = (mem_ref_t *) mem_alloc((res->count ? res->count : 1) * sizeof(mem_ref_t));
+    uint32_t n = 0;
+    int sc = 0, sp = -1;
+    mem_ref_t next_selected = mem_array_next(sel, &sc, &sp);
+    int32_t index = first_index;
+    for (uint32_t c = 0; c < res->chunk_count; c++) {
+        const mem_array_chunk_t *chunk = res->table[c];
+        const mem_ref_t *items = mem_array_chunk_items(chunk);
+        for (uint32_t i = 0; i < chunk->n; i++, index++) {
+            bool selected = items[i] == next_selected;
+            if (selected)
+                next_selected = mem_array_next(sel, &sc, &sp);
+            if (keep(selected, index))
+                out[n++] = items[i];
+        }
+    }
+    mem_array_kill(sel);
+    memset(sel, 0, sizeof *sel);
+    if (n)
+        mem_array_from_flat(sel, out, n);
+    mem_free(out);
+}
+
+// The result index where the folder or file array starts.
+static int32_t _start(db_query_t *q, bool folder) {
+    if (q->folders_first)
+        return (int32_t) q->head_results.count + (folder ? 0 : (int32_t) q->folder_results.count);
+    return folder ? (int32_t) q->file_results.count : 0;
+}
+
+static void _range(db_query_t *q, int first, int count, int how) {
+    int64_t last = (int64_t) first + count;
+    for (int folder = 1; folder >= 0; folder--) {
+        _rebuild(q, folder, _start(q, folder), [&](bool selected, int32_t index) {
+            bool in = index >= first && index < last;
+            return how == 0 ? (selected || in) : how == 1 ? (selected && !in) : (selected != in);
+        });
+    }
+    _totals(q);
+}
+
+void db_select_result_range(db_query_t *q, int first, int count) {
+    if (_usable(q, "db_select_result_range") && count > 0)
+        _range(q, first, count, 0);
+}
+
+void db_select_all(db_query_t *q) {
+    if (_usable(q, "db_select_all"))
+        _range(q, 0, INT32_MAX, 0);
+}
+
+void db_deselect_all(db_query_t *q) {
+    if (_usable(q, "db_deselect_all"))
+        _range(q, 0, INT32_MAX, 1);
+}
+
+void db_invert_all_selection(db_query_t *q) {
+    if (_usable(q, "db_invert_all_selection"))
+        _range(q, 0, INT32_MAX, 2);
+}
+
+uint64_t db_query_get_total_selection_size(db_query_t *q) {
+    if (!_usable(q, "db_query_get_total_selection_size") || !q->total_selection_valid)
+        return UINT64_MAX;
+    return q->total_selection_size;
+}

@@ -1,0 +1,382 @@
+// Result sort. Avoided where possible: the scan already walked the array of the requested column, a
+// change of direction is an in-place reversal, and a column with an index array is sorted by one walk
+// of that array that picks out the marked results without a single compare. Only the rest is compared,
+// by the platform's stable multi-threaded merge sort.
+#include <cstring>
+
+#include "db_query/exec_internal.h"
+#include "debug/debug.h"
+#include "main/main.h"
+#include "mem/mem.h"
+
+// A parent reference that no record can have: the arena's last four bytes can't hold a record.
+static const db_ref_t SENTINEL = 0xFFFFFFFFu;
+
+int _db_flip_sort_type(int sort) {
+    if (sort < 0 || sort > DB_SORT_MAX)
+        debug_fatal(__FILE__, __LINE__, "_db_flip_sort_type", "bad flip sort %d", sort);
+    return sort ^ 1;
+}
+
+mem_array_t *db_sort_array(db_t *db, int sort, bool folder) {
+    uint32_t word = db->structure.word;
+    switch (sort & ~1) {
+    case DB_SORT_NAME:
+        return folder ? &db->folders : &db->files;
+    case DB_SORT_PATH:
+        return (word & DB_STRUCTURE_FAST_PATH) ? db_array(db, DB_ORDER_PATH, folder) : nullptr;
+    case DB_SORT_SIZE:
+        if (!(word & DB_STRUCTURE_FAST_SIZE))
+            return nullptr;
+        // Without folder sizes every folder's size is unknown: name order is their size order.
+        if (folder && !(word & DB_STRUCTURE_FOLDER_SIZE))
+            return &db->folders;
+        return db_array(db, DB_ORDER_SIZE, folder);
+    case DB_SORT_EXTENSION:
+        if (!(word & DB_STRUCTURE_FAST_EXTENSION))
+            return nullptr;
+        return folder ? &db->folders : &db->files_by_extension;
+    case DB_SORT_DATE_CREATED:
+        return (word & DB_STRUCTURE_FAST_DATE_CREATED) ? db_array(db, DB_ORDER_DATE_CREATED, folder)
+                                                       : nullptr;
+    case DB_SORT_DATE_MODIFIED:
+        return (word & DB_STRUCTURE_FAST_DATE_MODIFIED) ? db_array(db, DB_ORDER_DATE_MODIFIED, folder)
+                                                        : nullptr;
+    case DB_SORT_DATE_ACCESSED:
+        return (word & DB_STRUCTURE_FAST_DATE_ACCESSED) ? db_array(db, DB_ORDER_DATE_ACCESSED, folder)
+                                                        : nullptr;
+    case DB_SORT_ATTRIBUTES:
+        return (word & DB_STRUCTURE_FAST_ATTRIBUTES) ? db_array(db, DB_ORDER_ATTRIBUTES, folder) : nullptr;
+    default:
+        return nullptr;
+    }
+}
+
+// ---- comparators ---------------------------------------------------------------------------------------
+
+struct sort_ctx_t {
+    db_query_t *q;
+    int sort; // ascending form
+    bool folder;
+};
+
+static uint64_t _value(const sort_ctx_t *c, db_ref_t r, db_field_t field) {
+    const db_structure_t *st = &c->q->db->structure;
+    if ((c->folder ? st->folder_offset : st->file_offset)[field] >= 0)
+        return c->folder ? db_folder_get(c->q->db, r, field) : db_file_get(c->q->db, r, field);
+    static const db_query_value_t map[DB_FIELD_COUNT] = {DB_QV_SIZE, DB_QV_DATE_CREATED, DB_QV_DATE_MODIFIED,
+                                                         DB_QV_DATE_ACCESSED, DB_QV_ATTRIBUTES};
+    // A folder's size is never read from disk.
+    if (c->folder && field == DB_FIELD_SIZE)
+        return DB_UNKNOWN;
+    return db_query_provider.value(c->q, r, c->folder, map[field]);
+}
+
+// Unknown first, then by value as unsigned 64 bits.
+static int _unknown_first(uint64_t a, uint64_t b) {
+    if (a == b)
+        return 0;
+    if (a == DB_UNKNOWN)
+        return -1;
+    if (b == DB_UNKNOWN)
+        return 1;
+    return a < b ? -1 : 1;
+}
+
+static void _list_name(const db_query_t *q, db_ref_t r, const char **name) {
+    db_fs_t *fs = db_record_fs(q->db, r);
+    *name = nullptr;
+    if (!fs || fs->type != DB_FS_FILE_LIST || !fs->filename)
+        return;
+    *name = fs->filename;
+    for (const char *p = fs->filename; *p; p++)
+        if (*p == '\\' || *p == '/')
+            *name = p + 1;
+}
+
+// The key of the ascending sort, 0 when only the tie to name order can decide.
+static int _key_compare(const sort_ctx_t *c, db_ref_t a, db_ref_t b) {
+    switch (c->sort) {
+    case DB_SORT_SIZE:
+        return _unknown_first(_value(c, a, DB_FIELD_SIZE), _value(c, b, DB_FIELD_SIZE));
+    case DB_SORT_DATE_CREATED:
+        return _unknown_first(_value(c, a, DB_FIELD_DATE_CREATED), _value(c, b, DB_FIELD_DATE_CREATED));
+    case DB_SORT_DATE_MODIFIED:
+        return _unknown_first(_value(c, a, DB_FIELD_DATE_MODIFIED), _value(c, b, DB_FIELD_DATE_MODIFIED));
+    case DB_SORT_DATE_ACCESSED:
+        return _unknown_first(_value(c, a, DB_FIELD_DATE_ACCESSED), _value(c, b, DB_FIELD_DATE_ACCESSED));
+    case DB_SORT_ATTRIBUTES: {
+        char la[16], lb[16];
+        int na = db_attribute_letters((uint32_t) _value(c, a, DB_FIELD_ATTRIBUTES), la);
+        int nb = db_attribute_letters((uint32_t) _value(c, b, DB_FIELD_ATTRIBUTES), lb);
+        int d = memcmp(la, lb, (size_t) (na < nb ? na : nb));
+        return d ? d : na - nb;
+    }
+    case DB_SORT_EXTENSION:
+        return c->folder ? 0 : db_extension_level_compare(a, b);
+    case DB_SORT_TYPE: {
+        if (c->folder)
+            return 0;
+        str_t ta, tb;
+        str_init(&ta), str_init(&tb);
+        uint32_t la, lb;
+        const char *na = db_record_name(a, &la), *nb = db_record_name(b, &lb);
+        db_type_text_fixed(na, la, false, &ta);
+        db_type_text_fixed(nb, lb, false, &tb);
+        int d = utf8_strcmp_lower(ta.ptr, tb.ptr);
+        str_kill(&ta), str_kill(&tb);
+        return d;
+    }
+    case DB_SORT_FILE_LIST_FILENAME: {
+        const char *x, *y;
+        _list_name(c->q, a, &x);
+        _list_name(c->q, b, &y);
+        if (!x || !y)
+            return (x != nullptr) - (y != nullptr);
+        return utf8_strcmp_lower(x, y);
+    }
+    default:
+        return 0;
+    }
+}
+
+static int _ascending_compare(void *ctx, uint32_t a, uint32_t b) {
+    const sort_ctx_t *c = (const sort_ctx_t *) ctx;
+    switch (c->sort) {
+    case DB_SORT_PATH:
+        return db_path_name_compare(a, b);
+    case DB_SORT_RUN_COUNT:
+    case DB_SORT_DATE_RECENTLY_CHANGED:
+    case DB_SORT_DATE_RUN:
+        // Rows without a history entry: the ascending list walks them in descending name order.
+        return db_name_compare(b, a);
+    default: {
+        int d = _key_compare(c, a, b);
+        return d ? d : db_name_compare(a, b);
+    }
+    }
+}
+
+// ---- the steps ------------------------------------------------------------------------------------------
+
+static void _flatten(const mem_array_t *a, mem_ref_t *out) {
+    uint32_t at = 0;
+    for (uint32_t c = 0; c < a->chunk_count; c++) {
+        const mem_array_chunk_t *chunk = a->table[c];
+        memcpy(out + at, mem_array_chunk_items(chunk), chunk->n * sizeof(mem_ref_t));
+        at += chunk->n;
+    }
+}
+
+static void _replace(mem_array_t *a, const mem_ref_t *items, uint32_t n) {
+    mem_array_kill(a);
+    memset(a, 0, sizeof *a);
+    if (n)
+        mem_array_from_flat(a, items, n);
+}
+
+static void _finish(db_query_t *q, int sort) {
+    q->current_sort = sort;
+    q->folders_first = (sort & 1) == 0;
+    q->sorted = true;
+    q->cache_kind = 0;
+}
+
+// Sorts by one walk of the index's array: each result's parent is swapped for the sentinel, the array is
+// walked in the sort's direction picking out the records that hold it, and the parents come back.
+static bool _db_sort_by_index(db_query_t *q, int sort) {
+    db_t *db = q->db;
+    mem_array_t *arrays[2] = {db_sort_array(db, sort, true), db_sort_array(db, sort, false)};
+    if (!arrays[0] || !arrays[1] || (sort & ~1) == DB_SORT_NAME)
+        return false;
+    bool descending = sort & 1;
+    mem_array_t *results[2] = {&q->folder_results, &q->file_results};
+    if (q->folder_results.count + q->file_results.count == db->folders.count + db->files.count) {
+        debug_printf("sort all results\n");
+        for (int k = 0; k < 2; k++) {
+            mem_array_kill(results[k]);
+            memset(results[k], 0, sizeof(mem_array_t));
+            if (descending)
+                mem_array_copy_reversed(results[k], arrays[k]);
+            else
+                mem_array_copy(results[k], arrays[k]);
+        }
+    } else {
+        for (int k = 0; k < 2; k++) {
+            uint32_t n = results[k]->count;
+            if (!n)
+                continue;
+            mem_ref_t *items = (mem_ref_t *) mem_alloc(n * sizeof(mem_ref_t));
+            mem_ref_t *parents = (mem_ref_t *) mem_alloc(n * sizeof(mem_ref_t));
+            mem_ref_t *out = (mem_ref_t *) mem_alloc(n * sizeof(mem_ref_t));
+            _flatten(results[k], items);
+            for (uint32_t i = 0; i < n; i++) {
+                uint32_t *field = (uint32_t *) db_ptr(items[i]);
+                parents[i] = *field;
+                *field = SENTINEL;
+            }
+            uint32_t at = 0;
+            const mem_array_t *a = arrays[k];
+            for (uint32_t c = 0; c < a->chunk_count; c++) {
+                uint32_t cc = descending ? a->chunk_count - 1 - c : c;
+                const mem_array_chunk_t *chunk = a->table[cc];
+                const mem_ref_t *src = mem_array_chunk_items(chunk);
+                for (uint32_t i = 0; i < chunk->n; i++) {
+                    mem_ref_t r = src[descending ? chunk->n - 1 - i : i];
+                    if (db_record_parent(r) == SENTINEL)
+                        out[at++] = r;
+                }
+            }
+            for (uint32_t i = 0; i < n; i++)
+                *(uint32_t *) db_ptr(items[i]) = parents[i];
+            if (at != n)
+                debug_fatal(__FILE__, __LINE__, "_db_sort_by_index", "results not in the index: %d of %d", at,
+                            n);
+            _replace(results[k], out, n);
+            mem_free(items), mem_free(parents), mem_free(out);
+        }
+        debug_printf("SET SORT 2 %d\n", sort);
+    }
+    _finish(q, sort);
+    return true;
+}
+
+// The comparison sort: each array flattened, sorted ascending and reversed for a descending sort (the
+// descending order is the ascending one with the arguments swapped, a total order either way).
+static void _db_sort_compare(db_query_t *q, int sort) {
+    uint32_t start = debug_now_us();
+    mem_array_t *results[2] = {&q->folder_results, &q->file_results};
+    mem_ref_t *flat[2] = {};
+    for (int k = 0; k < 2 && !q->cancel_sort; k++) {
+        uint32_t n = results[k]->count;
+        flat[k] = (mem_ref_t *) mem_alloc((n ? n : 1) * sizeof(mem_ref_t));
+        _flatten(results[k], flat[k]);
+        sort_ctx_t c = {q, sort & ~1, k == 0};
+        os_qsort_ex(flat[k], n, &c, _ascending_compare);
+        if (sort & 1) {
+            for (uint32_t i = 0; i < n / 2; i++) {
+                mem_ref_t t = flat[k][i];
+                flat[k][i] = flat[k][n - 1 - i];
+                flat[k][n - 1 - i] = t;
+            }
+        }
+    }
+    if (q->cancel_sort) {
+        // The arrays keep their content and their last order; sorted 0 says it isn't the one asked for.
+        q->sorted = false;
+    } else {
+        for (int k = 0; k < 2; k++)
+            _replace(results[k], flat[k], results[k]->count);
+        debug_printf("SET SORT 4 %d\n", sort);
+        _finish(q, sort);
+    }
+    mem_free(flat[0]), mem_free(flat[1]);
+    debug_printf("finished sort, time taken %f seconds\n", (int) (debug_now_us() - start));
+}
+
+void _db_set_sort(db_query_t *q, int sort) {
+    debug_printf("set sort %d %d\n", sort, q->current_sort);
+    if (q->sorted) {
+        if (q->current_sort == sort) {
+            debug_printf("already sorted\n");
+            return;
+        }
+        if (q->current_sort == _db_flip_sort_type(sort)) {
+            mem_array_reverse(&q->head_results);
+            mem_array_reverse(&q->folder_results);
+            mem_array_reverse(&q->file_results);
+            debug_printf("SET SORT 3 %d\n", sort);
+            _finish(q, sort);
+            return;
+        }
+    }
+    if (q->cancel_sort)
+        return;
+    if (_db_sort_by_index(q, sort))
+        return;
+    _db_sort_compare(q, sort);
+}
+
+// ---- selection after a change of results ----------------------------------------------------------------
+
+void _db_update_selection(db_query_t *q) {
+    mem_array_t *sel[2] = {&q->folder_selection, &q->file_selection};
+    mem_array_t *res[2] = {&q->folder_results, &q->file_results};
+    if (!sel[0]->count && !sel[1]->count)
+        return;
+    uint32_t start = debug_now_us();
+    for (int k = 0; k < 2; k++) {
+        uint32_t n = sel[k]->count;
+        if (!n)
+            continue;
+        mem_ref_t *items = (mem_ref_t *) mem_alloc(n * sizeof(mem_ref_t));
+        mem_ref_t *parents = (mem_ref_t *) mem_alloc(n * sizeof(mem_ref_t));
+        mem_ref_t *out = (mem_ref_t *) mem_alloc(n * sizeof(mem_ref_t));
+        _flatten(sel[k], items);
+        for (uint32_t i = 0; i < n; i++) {
+            uint32_t *field = (uint32_t *) db_ptr(items[i]);
+            parents[i] = *field;
+            *field = SENTINEL;
+        }
+        uint32_t at = 0;
+        const mem_array_t *a = res[k];
+        for (uint32_t c = 0; c < a->chunk_count; c++) {
+            const mem_array_chunk_t *chunk = a->table[c];
+            const mem_ref_t *src = mem_array_chunk_items(chunk);
+            for (uint32_t i = 0; i < chunk->n; i++)
+                if (db_record_parent(src[i]) == SENTINEL)
+                    out[at++] = src[i];
+        }
+        for (uint32_t i = 0; i < n; i++)
+            *(uint32_t *) db_ptr(items[i]) = parents[i];
+        _replace(sel[k], out, at);
+        mem_free(items), mem_free(parents), mem_free(out);
+    }
+    q->selection_anchor = 0;
+    debug_printf("update selection %f seconds\n", (int) (debug_now_us() - start));
+}
+
+// ---- db_sort
+// ------------------------------------------------------------------------------------------------
+
+static void _db_sort_thread_proc(db_t *, void *arg) {
+    db_query_t *q = (db_query_t *) arg;
+    _db_set_sort(q, q->requested_sort);
+    _db_update_selection(q);
+    event_remove(_db_query_results_event, q);
+    event_post(_db_query_results_event, q);
+}
+
+bool db_query_index_ready(const db_t *db);
+
+void db_sort(db_query_t *q, int sort, int keep_selection_hint, int track_hint) {
+    if (!db_query_index_ready(q->db)) {
+        q->pending_sort.active = true;
+        q->pending_sort.sort = sort;
+        q->pending_sort.keep_selection_hint = keep_selection_hint;
+        q->pending_sort.track_hint = track_hint;
+        return;
+    }
+    _db_flip_sort_type(sort);
+    q->cancel_sort = true;
+    db_wait(q->db, "db_sort");
+    event_remove(_db_query_results_event, q);
+    q->cancel_sort = false;
+    q->requested_sort = sort;
+    q->sort_hint_1 = keep_selection_hint;
+    q->sort_hint_2 = track_hint;
+    db_job_start(q->db, "db_sort", DB_JOB_SORT, q, _db_sort_thread_proc, q, OS_PRIORITY_NORMAL);
+}
+
+int db_get_sort(db_query_t *q) {
+    return q->current_sort;
+}
+
+// ---- the order the results stand in
+// ------------------------------------------------------------------------
+
+int db_query_result_compare(db_query_t *q, bool folder, db_ref_t a, db_ref_t b) {
+    sort_ctx_t c = {q, q->current_sort & ~1, folder};
+    int d = c.sort == DB_SORT_NAME ? db_name_compare(a, b) : _ascending_compare(&c, a, b);
+    return (q->current_sort & 1) ? -d : d;
+}

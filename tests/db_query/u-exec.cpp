@@ -1,0 +1,563 @@
+// Search execution against a slow reference: a generated index of about 5,000 records, a table of searches
+// each with the predicate that decides it from the language's definitions, and the real search through
+// db_query_search must agree under every sort. Then thread-count determinism, arrays built in bulk or
+// one by one, cancellation that must give back every borrowed byte, and the query's events.
+#include "exec_reference.h"
+
+#include <thread>
+
+#include "os/os.h"
+
+using pred_t = std::function<bool(const ref_record_t &)>;
+
+struct exec_case_t {
+    std::string search;
+    uint32_t bits;
+    pred_t pred;
+};
+
+static const char S = OS_SEP;
+
+static std::vector<exec_case_t> exec_table() {
+    auto name_has = [](const char *t) {
+        return [t](const ref_record_t &r) { return ref_contains(r.name, t); };
+    };
+    auto is_file = [](const ref_record_t &r) { return !r.folder; };
+    auto stem_eq = [](const ref_record_t &r, const char *t) { return ref_lb(r.name) == ref_lb(t); };
+    std::vector<exec_case_t> t = {
+        {"", 0, [](const ref_record_t &) { return true; }},
+        {"readme", 0, name_has("readme")},
+        {"README", 0, name_has("readme")},
+        {"resume", 0, name_has("resume")},
+        {"r\xC3\xA9sum\xC3\xA9", 0, name_has("resume")},
+        {"\xCE\xB1\xCE\xB8\xCE\xB7\xCE\xBD\xCE\xB1", 0, name_has("\xCE\xB1\xCE\xB8\xCE\xB7\xCE\xBD\xCE\xB1")},
+        {"\xD0\x9C\xD0\x9E\xD0\xA1", 0, name_has("\xD0\xBC\xD0\xBE\xD1\x81")},
+        {"\xE6\x9D\xB1", 0, name_has("\xE6\x9D\xB1")},
+        {"readme", SEARCH_CASE,
+         [](const ref_record_t &r) {
+             return ref_fold(r.name, true, false).find("readme") != std::string::npos;
+         }},
+        {"r\xC3\xA9sum\xC3\xA9", SEARCH_DIACRITICS,
+         [](const ref_record_t &r) {
+             return ref_fold(r.name, false, true).find("r\xC3\xA9sum\xC3\xA9") != std::string::npos;
+         }},
+        {"resume", SEARCH_DIACRITICS,
+         [](const ref_record_t &r) {
+             return ref_fold(r.name, false, true).find("resume") != std::string::npos;
+         }},
+        {"R\xC3\x89SUM\xC3\x89", SEARCH_CASE | SEARCH_DIACRITICS,
+         [](const ref_record_t &r) { return r.name.find("R\xC3\x89SUM\xC3\x89") != std::string::npos; }},
+        {"case:ReadMe", 0,
+         [](const ref_record_t &r) {
+             return ref_fold(r.name, true, false).find("ReadMe") != std::string::npos;
+         }},
+        {"!readme", 0, [](const ref_record_t &r) { return !ref_contains(r.name, "readme"); }},
+        {"readme abc", 0,
+         [](const ref_record_t &r) { return ref_contains(r.name, "readme") && ref_contains(r.name, "abc"); }},
+        {"readme | abc", 0,
+         [](const ref_record_t &r) { return ref_contains(r.name, "readme") || ref_contains(r.name, "abc"); }},
+        {"!<readme | abc>", 0,
+         [](const ref_record_t &r) {
+             return !ref_contains(r.name, "readme") && !ref_contains(r.name, "abc");
+         }},
+        {"<readme | abc> !txt", 0,
+         [](const ref_record_t &r) {
+             return (ref_contains(r.name, "readme") || ref_contains(r.name, "abc")) &&
+                    !ref_contains(r.name, "txt");
+         }},
+        {"file:", 0, is_file},
+        {"folder:", 0, [](const ref_record_t &r) { return r.folder; }},
+        {"file:readme", 0, [](const ref_record_t &r) { return !r.folder && ref_contains(r.name, "readme"); }},
+        {"!file:readme", 0,
+         [](const ref_record_t &r) { return r.folder || !ref_contains(r.name, "readme"); }},
+        {"folder:!abc", 0, [](const ref_record_t &r) { return r.folder && !ref_contains(r.name, "abc"); }},
+        {"*.so", 0,
+         [](const ref_record_t &r) {
+             return ref_lb(r.name).size() >= 3 && ref_lb(r.name).rfind(".so") == ref_lb(r.name).size() - 3;
+         }},
+        {"readme*", 0, [](const ref_record_t &r) { return ref_lb(r.name).rfind("readme", 0) == 0; }},
+        {"*abc*", 0, name_has("abc")},
+        {"a?c", 0,
+         [](const ref_record_t &r) {
+             // One wildcard and whole-name matching: three code points, a, any, c.
+             std::string n = ref_lb(r.name);
+             std::vector<uint32_t> cps;
+             for (size_t i = 0; i < n.size();) {
+                 int len;
+                 cps.push_back(text_decode((const uint8_t *) n.data() + i, n.size() - i, &len));
+                 i += (size_t) len;
+             }
+             return cps.size() == 3 && cps[0] == 'a' && cps[2] == 'c';
+         }},
+        {"exact:abc", 0, [=](const ref_record_t &r) { return stem_eq(r, "abc"); }},
+        {"startwith:read", 0, [](const ref_record_t &r) { return ref_lb(r.name).rfind("read", 0) == 0; }},
+        {"endwith:.txt", 0,
+         [](const ref_record_t &r) {
+             std::string n = ref_lb(r.name);
+             return n.size() >= 4 && n.compare(n.size() - 4, 4, ".txt") == 0;
+         }},
+        {"ww:lib", 0,
+         [](const ref_record_t &r) {
+             std::string n = ref_lb(r.name);
+             for (size_t i = n.find("lib"); i != std::string::npos; i = n.find("lib", i + 1)) {
+                 bool left = i == 0 || !text_is_word_byte((uint8_t) n[i - 1]);
+                 bool right = i + 3 == n.size() || !text_is_word_byte((uint8_t) n[i + 3]);
+                 if (left && right)
+                     return true;
+             }
+             return false;
+         }},
+        {"ext:so", 0, [](const ref_record_t &r) { return !r.folder && ref_lb(ref_ext(r.name)) == "so"; }},
+        {"ext:so;a", 0,
+         [](const ref_record_t &r) {
+             return !r.folder && (ref_lb(ref_ext(r.name)) == "so" || ref_lb(ref_ext(r.name)) == "a");
+         }},
+        {"ext:gz", 0, [](const ref_record_t &r) { return !r.folder && ref_lb(ref_ext(r.name)) == "gz"; }},
+        {"ext:", 0, [](const ref_record_t &r) { return !r.folder && ref_ext(r.name).empty(); }},
+        {"ext:;txt", 0,
+         [](const ref_record_t &r) {
+             return !r.folder && (ref_ext(r.name).empty() || ref_lb(ref_ext(r.name)) == "txt");
+         }},
+        {"!ext:txt", 0, [](const ref_record_t &r) { return r.folder || ref_lb(ref_ext(r.name)) != "txt"; }},
+        {"ext:ete", 0, [](const ref_record_t &r) { return !r.folder && ref_lb(ref_ext(r.name)) == "ete"; }},
+        {"root:", 0, [](const ref_record_t &r) { return r.parent == 0; }},
+        {"!root:", 0, [](const ref_record_t &r) { return r.parent != 0; }},
+        {"parents:3", 0, [](const ref_record_t &r) { return r.depth == 3; }},
+        {"depth:>10", 0, [](const ref_record_t &r) { return r.depth > 10; }},
+        {"parents:2..4", 0, [](const ref_record_t &r) { return r.depth >= 2 && r.depth <= 4; }},
+        {"len:6", 0,
+         [](const ref_record_t &r) { return utf8_utf16_length_counted(r.name.data(), r.name.size()) == 6; }},
+        {"len:>20", 0,
+         [](const ref_record_t &r) { return utf8_utf16_length_counted(r.name.data(), r.name.size()) > 20; }},
+        {"fsi:0", 0, [](const ref_record_t &) { return true; }},
+        {"fsi:1", 0, [](const ref_record_t &) { return false; }},
+        {"size:<100", 0, [](const ref_record_t &r) { return r.size < 100; }},
+        {"size:>=4000", 0, [](const ref_record_t &r) { return r.size >= 4000 && r.size != DB_UNKNOWN; }},
+        {"!size:>=4000", 0, [](const ref_record_t &r) { return !(r.size >= 4000 && r.size != DB_UNKNOWN); }},
+        {"attrib:h", 0, [](const ref_record_t &r) { return (r.attributes & 2) != 0; }},
+        {"attrib:rh", 0, [](const ref_record_t &r) { return (r.attributes & 3) == 3; }},
+        {"!attrib:r", 0, [](const ref_record_t &r) { return !(r.attributes & 1); }},
+        {"dm:dc:", 0, [](const ref_record_t &r) { return r.dm == r.dc; }},
+        {"dm:>dc:", 0, [](const ref_record_t &r) { return r.dm > r.dc; }},
+        {"dc:>=dm:", 0, [](const ref_record_t &r) { return r.dm <= r.dc; }},
+        {"empty:", 0, [](const ref_record_t &r) { return r.folder && r.child_files + r.child_folders == 0; }},
+        {"!empty:", 0,
+         [](const ref_record_t &r) { return !r.folder || r.child_files + r.child_folders > 0; }},
+        {"empty: !file:", 0,
+         [](const ref_record_t &r) { return r.folder && r.child_files + r.child_folders == 0; }},
+        {"childcount:3", 0,
+         [](const ref_record_t &r) { return r.folder && r.child_files + r.child_folders == 3; }},
+        {"childfilecount:>5", 0, [](const ref_record_t &r) { return r.folder && r.child_files > 5; }},
+        {"childfoldercount:0", 0, [](const ref_record_t &r) { return r.folder && r.child_folders == 0; }},
+        {"!childfoldercount:0", 0, [](const ref_record_t &r) { return !r.folder || r.child_folders != 0; }},
+        {"child:readme", 0,
+         [](const ref_record_t &r) {
+             if (!r.folder)
+                 return false;
+             for (auto &c : r.child_names)
+                 if (ref_contains(c, "readme"))
+                     return true;
+             return false;
+         }},
+        {"child:*.so empty:", 0, [](const ref_record_t &) { return false; }},
+        {"regex:^read", 0, [](const ref_record_t &r) { return ref_lb(r.name).rfind("read", 0) == 0; }},
+        {"regex:\\.so$", 0,
+         [](const ref_record_t &r) {
+             std::string n = ref_lb(r.name);
+             return n.size() >= 3 && n.compare(n.size() - 3, 3, ".so") == 0;
+         }},
+        {"!regex:[0-9]", 0,
+         [](const ref_record_t &r) { return r.name.find_first_of("0123456789") == std::string::npos; }},
+        {"type:\"TXT File\"", 0,
+         [](const ref_record_t &r) { return !r.folder && ref_lb(ref_ext(r.name)) == "txt"; }},
+        {"runcount:>0", 0, [](const ref_record_t &) { return false; }},
+        {"!runcount:>0", 0, [](const ref_record_t &) { return true; }},
+        {"content:abc", 0, [](const ref_record_t &) { return false; }},
+        {"!content:abc", 0, [](const ref_record_t &) { return true; }},
+        {"file:!content:abc", 0, [](const ref_record_t &r) { return !r.folder; }},
+        {"width:>10", 0, [](const ref_record_t &) { return false; }},
+    };
+    // Path forms: the full path decides.
+    std::string doc = std::string(1, S) + "doc" + S;
+    t.push_back({"path:" + std::string(1, S) + "doc", 0, [](const ref_record_t &r) {
+                     std::string p = ref_lb(r.path);
+                     for (size_t i = p.find(S); i != std::string::npos; i = p.find(S, i + 1))
+                         if (p.compare(i + 1, 3, "doc") == 0)
+                             return true;
+                     return false;
+                 }});
+    if (S == '/') {
+        // On Linux a leading separator makes the text absolute: everything below the top folder doc.
+        t.push_back({doc, 0, [doc](const ref_record_t &r) { return ref_lb(r.path).rfind(doc, 0) == 0; }});
+    } else {
+        t.push_back({doc, 0, [doc](const ref_record_t &r) {
+                         // Some component above the record is exactly "doc".
+                         std::string p = ref_lb(r.path);
+                         size_t last = p.rfind(S);
+                         return last != std::string::npos &&
+                                (p.substr(0, last) + S).find(doc) != std::string::npos;
+                     }});
+    }
+    t.push_back({std::string("doc") + S, 0, [](const ref_record_t &r) {
+                     // Some component above the record ends with "doc".
+                     for (db_ref_t p = r.parent; p && db_record_parent(p); p = db_record_parent(p)) {
+                         uint32_t n;
+                         const char *raw = db_record_name(p, &n);
+                         std::string name = ref_lb(std::string(raw, n));
+                         if (name.size() >= 3 && name.compare(name.size() - 3, 3, "doc") == 0)
+                             return true;
+                     }
+                     return false;
+                 }});
+    t.push_back(
+        {"path:share", SEARCH_PATH, [](const ref_record_t &r) { return ref_contains(r.path, "share"); }});
+    t.push_back({"share", SEARCH_PATH, [](const ref_record_t &r) { return ref_contains(r.path, "share"); }});
+    t.push_back(
+        {"nopath:share", SEARCH_PATH, [](const ref_record_t &r) { return ref_contains(r.name, "share"); }});
+    return t;
+}
+
+struct ExecTest : ::testing::Test {
+    static ref_index_t idx;
+    static void SetUpTestSuite() { idx.build(5000, 7); }
+    static void TearDownTestSuite() { idx.destroy(); }
+    db_query_t *q = nullptr;
+    void SetUp() override { q = db_query_create(idx.db, false, nullptr, nullptr); }
+    void TearDown() override { db_destroy_query(q); }
+
+    // The reference's answer in the order of the scanned name arrays: folders, then files.
+    std::vector<db_ref_t> expected(const pred_t &pred) {
+        std::vector<db_ref_t> out;
+        for (const mem_array_t *a : {&idx.db->folders, &idx.db->files})
+            for (uint32_t i = 0; i < a->count; i++) {
+                db_ref_t r = mem_array_get(a, i);
+                if (pred(idx.recs[idx.at[r]]))
+                    out.push_back(r);
+            }
+        return out;
+    }
+};
+ref_index_t ExecTest::idx;
+
+TEST_F(ExecTest, TableAgreesWithTheReferenceInNameOrder) {
+    for (const exec_case_t &c : exec_table()) {
+        SCOPED_TRACE(c.search);
+        exec_run(q, c.search.c_str(), 0, c.bits);
+        std::vector<db_ref_t> want = expected(c.pred);
+        std::vector<db_ref_t> got = exec_results(q);
+        ASSERT_EQ(got.size(), want.size());
+        EXPECT_TRUE(got == want);
+        EXPECT_EQ(db_get_folder_result_count(q) + db_get_file_result_count(q), (int) want.size());
+        // Every other sort gives the same set (the order is the sort test's business).
+        std::sort(want.begin(), want.end());
+        for (int sort = 1; sort <= DB_SORT_MAX; sort++) {
+            exec_run(q, c.search.c_str(), sort, c.bits);
+            got = exec_results(q);
+            std::sort(got.begin(), got.end());
+            ASSERT_TRUE(got == want) << "sort " << sort;
+        }
+    }
+}
+
+// Under every sort the set is the reference's and each array is in the sort's order, folders ahead of
+// files exactly when the sort ascends.
+TEST_F(ExecTest, EverySortKeepsTheSetAndOrdersIt) {
+    const char *searches[] = {"", "readme", "ext:so;a", "empty:", "!abc size:<2000"};
+    auto table = exec_table();
+    for (const char *search : searches) {
+        pred_t pred;
+        for (auto &c : table)
+            if (!pred && c.search == search && c.bits == 0)
+                pred = c.pred;
+        if (!pred)
+            pred = [](const ref_record_t &r) { return !ref_contains(r.name, "abc") && r.size < 2000; };
+        std::vector<db_ref_t> want = expected(pred);
+        std::sort(want.begin(), want.end());
+        for (int sort = 0; sort <= DB_SORT_MAX; sort++) {
+            SCOPED_TRACE(std::string(search) + " sort " + std::to_string(sort));
+            exec_run(q, search, sort);
+            EXPECT_EQ(db_get_sort(q), sort);
+            EXPECT_EQ(q->folders_first, (sort & 1) == 0);
+            std::vector<db_ref_t> got = exec_results(q);
+            std::vector<db_ref_t> set = got;
+            std::sort(set.begin(), set.end());
+            ASSERT_TRUE(set == want);
+            static const int orders[] = {DB_ORDER_NAME,
+                                         DB_ORDER_PATH,
+                                         DB_ORDER_SIZE,
+                                         DB_ORDER_EXTENSION,
+                                         -1,
+                                         DB_ORDER_DATE_CREATED,
+                                         DB_ORDER_DATE_MODIFIED,
+                                         DB_ORDER_ATTRIBUTES,
+                                         -1,
+                                         -1,
+                                         -1,
+                                         DB_ORDER_DATE_ACCESSED,
+                                         -1};
+            int order = orders[sort / 2];
+            if (order < 0)
+                continue;
+            for (int folder = 1; folder >= 0; folder--) {
+                const mem_array_t *a = folder ? &q->folder_results : &q->file_results;
+                for (uint32_t i = 1; i < a->count; i++) {
+                    db_ref_t x = mem_array_get(a, i - 1), y = mem_array_get(a, i);
+                    int c = (order == DB_ORDER_EXTENSION && folder)
+                                ? db_name_compare(x, y)
+                                : db_compare(idx.db, (db_order_t) order, folder, x, y);
+                    ASSERT_EQ(c < 0, (sort & 1) == 0) << i;
+                }
+            }
+        }
+    }
+}
+
+TEST_F(ExecTest, DirectionChangeReversesInPlaceAndRowsFollow) {
+    exec_run(q, "readme", DB_SORT_SIZE);
+    std::vector<db_ref_t> up = exec_results(q);
+    exec_run(q, "readme", DB_SORT_SIZE + 1);
+    std::vector<db_ref_t> down = exec_results(q);
+    // Descending: files first, then folders, each array reversed.
+    std::vector<db_ref_t> want(q->file_results.count + q->folder_results.count);
+    ASSERT_EQ(up.size(), down.size());
+    uint32_t nf = q->folder_results.count, nfile = q->file_results.count;
+    for (uint32_t i = 0; i < nfile; i++)
+        EXPECT_EQ(down[i], up[nf + nfile - 1 - i]);
+    for (uint32_t i = 0; i < nf; i++)
+        EXPECT_EQ(down[nfile + i], up[nf - 1 - i]);
+    // A sort job alone, and the row getters past either end.
+    db_sort(q, DB_SORT_SIZE, 0, 0);
+    db_wait(idx.db, "test");
+    event_dispatch();
+    EXPECT_TRUE(exec_results(q) == up);
+    str_t s;
+    str_init(&s);
+    EXPECT_EQ(db_get_result_name(q, (int) up.size(), &s), 0);
+    EXPECT_EQ(s.len, 0);
+    EXPECT_EQ(db_is_folder_result(q, -1), 1);
+    EXPECT_EQ(db_query_get_total_result_size(q), UINT64_MAX);
+    str_kill(&s);
+}
+
+TEST_F(ExecTest, CountTakesTheTopOfTheRequestedOrder) {
+    exec_run(q, "readme");
+    std::vector<db_ref_t> all = exec_results(q);
+    exec_run(q, "count:5 readme");
+    std::vector<db_ref_t> top = exec_results(q);
+    ASSERT_EQ(top.size(), 5u);
+    EXPECT_TRUE(std::equal(top.begin(), top.end(), all.begin()));
+    exec_run(q, "readme", 1);
+    std::vector<db_ref_t> all_down = exec_results(q);
+    exec_run(q, "count:5 readme", 1);
+    std::vector<db_ref_t> top_down = exec_results(q);
+    ASSERT_EQ(top_down.size(), 5u);
+    EXPECT_TRUE(std::equal(top_down.begin(), top_down.end(), all_down.begin()));
+    exec_run(q, "count:0");
+    EXPECT_EQ(db_get_result_count(q), 0);
+}
+
+TEST_F(ExecTest, OneRecordEvaluatorAgreesWithTheScan) {
+    const char *searches[] = {"empty:", "child:readme", "childcount:2", "dupe:", "readme | size:<50"};
+    db_eval_scratch_t s;
+    db_eval_scratch_init(&s);
+    for (const char *search : searches) {
+        SCOPED_TRACE(search);
+        exec_run(q, search);
+        std::set<db_ref_t> got;
+        for (db_ref_t r : exec_results(q))
+            got.insert(r);
+        for (auto &r : idx.recs) {
+            bool m = r.folder ? db_query_is_folder_match(q, r.ref, &s) : db_query_is_file_match(q, r.ref, &s);
+            ASSERT_EQ(m, got.count(r.ref) == 1) << r.path;
+        }
+    }
+    db_eval_scratch_kill(&s);
+}
+
+TEST_F(ExecTest, DupeFindsEqualKeysOfTheSameKind) {
+    std::map<std::pair<bool, std::string>, int> names;
+    std::map<std::pair<bool, uint64_t>, int> sizes;
+    for (auto &r : idx.recs) {
+        names[{r.folder, ref_lb(r.name)}]++;
+        sizes[{r.folder, r.size}]++;
+    }
+    exec_run(q, "dupe:");
+    EXPECT_TRUE(exec_results(q) == expected([&](const ref_record_t &r) {
+                    return names[{r.folder, ref_lb(r.name)}] > 1;
+                }));
+    exec_run(q, "sizedupe:");
+    EXPECT_TRUE(exec_results(q) == expected([&](const ref_record_t &r) {
+                    return sizes[{r.folder, r.size}] > 1;
+                }));
+}
+
+// ---- threads, arrays, cancellation -----------------------------------------------------------------------
+
+static int eight_cpus() {
+    return 8;
+}
+
+struct ExecBigTest : ::testing::Test {
+    static ref_index_t idx;
+    static void SetUpTestSuite() { idx.build(200000, 11); }
+    static void TearDownTestSuite() { idx.destroy(); }
+};
+ref_index_t ExecBigTest::idx;
+
+TEST_F(ExecBigTest, ResultsDoNotDependOnTheThreadCount) {
+    os_hooks.processor_count = eight_cpus;
+    db_query_t *q = db_query_create(idx.db, false, nullptr, nullptr);
+    const char *searches[] = {"readme",
+                              "!abc",
+                              "*.so",
+                              "ext:so;a",
+                              "empty:",
+                              "child:lib",
+                              "childcount:2..5",
+                              "regex:^r",
+                              "dupe:",
+                              "size:<100 | attrib:h",
+                              "path:doc"};
+    for (const char *search : searches) {
+        std::vector<db_ref_t> first;
+        for (int t : {1, 2, 8}) {
+            SCOPED_TRACE(std::string(search) + " threads " + std::to_string(t));
+            max_threads = t;
+            exec_run(q, search, 0);
+            std::vector<db_ref_t> got = exec_results(q);
+            // Several workers really ran (folder-only searches scan the 50,000 folders alone: four).
+            EXPECT_EQ(q->workers_used > 1, t > 1);
+            if (t == 1)
+                first = got;
+            else
+                EXPECT_TRUE(got == first);
+        }
+    }
+    max_threads = 0;
+    db_destroy_query(q);
+    os_hooks_reset();
+}
+
+TEST(ExecArrays, BulkAndSingleInsertsGiveTheSameAnswers) {
+    ref_index_t bulk, single;
+    bulk.build(3000, 5, true);
+    single.build(3000, 5, false);
+    db_query_t *a = db_query_create(bulk.db, false, nullptr, nullptr);
+    db_query_t *b = db_query_create(single.db, false, nullptr, nullptr);
+    for (const char *search : {"readme", "empty:", "ext:txt", "!abc"}) {
+        for (int sort : {0, 3, 4, 13}) {
+            exec_run(a, search, sort);
+            exec_run(b, search, sort);
+            std::vector<std::string> pa, pb;
+            for (db_ref_t r : exec_results(a))
+                pa.push_back(bulk.recs[bulk.at[r]].path);
+            for (db_ref_t r : exec_results(b))
+                pb.push_back(single.recs[single.at[r]].path);
+            EXPECT_TRUE(pa == pb) << search << " " << sort;
+        }
+    }
+    db_destroy_query(a);
+    db_destroy_query(b);
+    bulk.destroy();
+    single.destroy();
+}
+
+// Every record's name-length byte and parent, for a check that the index is whole.
+static std::vector<uint64_t> snapshot(const ref_index_t &idx) {
+    std::vector<uint64_t> s;
+    for (auto &r : idx.recs)
+        s.push_back(((uint64_t) db_ptr(r.ref)[4] << 32) | db_record_parent(r.ref));
+    return s;
+}
+
+TEST_F(ExecBigTest, CancelAnywhereLeavesTheIndexWhole) {
+    std::vector<uint64_t> before = snapshot(idx);
+    db_query_t *q = db_query_create(idx.db, false, nullptr, nullptr);
+    exec_run(q, "readme");
+    uint32_t old_count = (uint32_t) db_get_result_count(q);
+    const char *searches[] = {"empty:", "child:readme", "childcount:3", "regex:a.*b.*c", "readme"};
+    std::mt19937 rng(3);
+    for (int round = 0; round < 20; round++) {
+        const char *search = searches[round % 5];
+        SCOPED_TRACE(search);
+        db_query_search(q, false, false, false, false, false, false, false, search, 0, "", 0, 0, 0, false);
+        std::this_thread::sleep_for(std::chrono::microseconds(rng() % 3000));
+        db_cancel_query(q);
+        event_dispatch();
+        ASSERT_TRUE(snapshot(idx) == before);
+    }
+    // A sort cancelled keeps the results; the direction that was sorted stays.
+    exec_run(q, "readme", DB_SORT_TYPE);
+    int sort = db_get_sort(q);
+    db_sort(q, DB_SORT_NAME + 1, 0, 0);
+    db_cancel_query(q);
+    event_dispatch();
+    EXPECT_EQ(db_get_result_count(q), (int) old_count);
+    EXPECT_TRUE(db_get_sort(q) == sort || db_get_sort(q) == DB_SORT_NAME + 1);
+    EXPECT_TRUE(snapshot(idx) == before);
+    db_destroy_query(q);
+}
+
+// ---- the query's entry and events ----------------------------------------------------------------------
+
+TEST(ExecEntry, PendingSearchRunsWhenTheIndexBecomesReady) {
+    ref_index_t idx;
+    idx.build(500, 9);
+    idx.db->is_loaded = false;
+    std::vector<int> codes;
+    auto proc = [](void *user, int code, db_query_t *) { ((std::vector<int> *) user)->push_back(code); };
+    db_query_t *q = db_query_create(idx.db, false, proc, &codes);
+    EXPECT_EQ(
+        db_query_search(q, false, false, false, false, false, false, false, "readme", 0, "", 0, 0, 0, false),
+        0);
+    EXPECT_TRUE(q->pending.active);
+    EXPECT_EQ(db_get_result_count(q), 0);
+    idx.db->is_loaded = true;
+    db_queries_idle(idx.db);
+    db_wait(idx.db, "test");
+    _db_ready_proc(idx.db);
+    event_dispatch();
+    EXPECT_FALSE(q->pending.active);
+    EXPECT_GT(db_get_result_count(q), 0);
+    EXPECT_NE(std::find(codes.begin(), codes.end(), DB_QUERY_RESULTS), codes.end());
+    // A hidden empty search gives nothing; a filter is ANDed on the search.
+    db_query_search(q, false, false, false, false, false, true, false, "", 0, "", 0, 0, 0, false);
+    db_wait(idx.db, "test");
+    EXPECT_EQ(db_get_result_count(q), 0);
+    exec_run(q, "readme", 0, 0, "file:");
+    for (db_ref_t r : exec_results(q))
+        EXPECT_FALSE(idx.recs[idx.at[r]].folder);
+    db_destroy_query(q);
+    idx.destroy();
+}
+
+// The table's rows combined: each row's NOT, and pairs of rows ANDed and ORed inside groups, so that the
+// decision graph (De Morgan under NOT, the kind-only constants) is checked against plain logic.
+TEST_F(ExecTest, CombinationsAgreeWithTheReference) {
+    std::vector<exec_case_t> rows;
+    for (const exec_case_t &c : exec_table())
+        if (c.bits == 0 && !c.search.empty())
+            rows.push_back(c);
+    std::vector<exec_case_t> combos;
+    for (const exec_case_t &a : rows) {
+        pred_t pa = a.pred;
+        combos.push_back({"!<" + a.search + ">", 0, [pa](const ref_record_t &r) { return !pa(r); }});
+    }
+    size_t n = rows.size();
+    for (size_t i = 0; i < n; i++) {
+        const exec_case_t &a = rows[i], &b = rows[(i * 7 + 3) % n], &c = rows[(i * 13 + 5) % n];
+        pred_t pa = a.pred, pb = b.pred, pc = c.pred;
+        combos.push_back({"<" + a.search + "> <" + b.search + ">", 0,
+                          [pa, pb](const ref_record_t &r) { return pa(r) && pb(r); }});
+        combos.push_back({"<" + a.search + "> | <" + c.search + ">", 0,
+                          [pa, pc](const ref_record_t &r) { return pa(r) || pc(r); }});
+        combos.push_back({"<" + b.search + "> !<" + c.search + ">", 0,
+                          [pb, pc](const ref_record_t &r) { return pb(r) && !pc(r); }});
+    }
+    EXPECT_GE(combos.size() + exec_table().size(), 300u);
+    for (const exec_case_t &c : combos) {
+        SCOPED_TRACE(c.search);
+        exec_run(q, c.search.c_str(), 0);
+        ASSERT_TRUE(exec_results(q) == expected(c.pred));
+    }
+}

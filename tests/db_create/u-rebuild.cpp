@@ -4,6 +4,8 @@
 
 #include <random>
 
+#include "db/dbfile.h"
+
 // ---- a stand-in volume reader --------------------------------------------------------------------------
 
 struct fake_entry_t {
@@ -140,6 +142,41 @@ TEST_F(RebuildTest, ForcedRebuildReadsEverySourceAgain) {
     EXPECT_EQ(file_set().count(at("f/b")), 0u);
     rebuild(true);
     EXPECT_EQ(file_set().count(at("f/b")), 1u);
+}
+
+// ---- the job slot around a rebuild -----------------------------------------------------------------------
+
+static void count_proc(db_t *, void *arg) {
+    (*(int *) arg)++;
+}
+
+TEST_F(RebuildTest, RebuildAfterALoadLeavesTheJobSlotIdle) {
+    file("t/a.txt");
+    add_folder_source(at("t"));
+    rebuild();
+    std::string saved = at("index.db");
+    db_file_set_command_line(saved.c_str(), nullptr, false, false);
+    db_save(db, false);
+    db_destroy(db);
+    db = db_create(nullptr);
+    // A setting that the saved index doesn't serve: the load's end starts a rebuild in its place.
+    fast_extension_sort = 1;
+    db_load(db, 0);
+    for (int i = 0; i < 100 && (!db->is_loaded || db_job_running(db)); i++) {
+        db_wait(db, "test");
+        event_dispatch();
+    }
+    db_file_set_command_line(nullptr, nullptr, false, false);
+    ASSERT_TRUE(db->is_loaded);
+    EXPECT_EQ(db->files_by_extension.count, 1u) << "the rebuild that followed the load has run";
+    EXPECT_EQ(db->busy, 0u);
+    // A later job's end must get past its first step: it is what runs the deferred work.
+    int runs = 0;
+    db_job_start(db, "test", DB_JOB_OTHER, nullptr, count_proc, &runs, OS_PRIORITY_NORMAL);
+    db_wait(db, "test");
+    event_dispatch();
+    EXPECT_EQ(runs, 1);
+    EXPECT_EQ(db->busy, 0u);
 }
 
 // ---- file lists ----------------------------------------------------------------------------------------

@@ -150,7 +150,9 @@ struct db_build_ctx_t {
 
 // A new temporary record with the name and the details of fd stored in the wanted structure's data block
 // (a folder's size starts as 0), listed and counted. parent is a temporary record, or DB_BUILD_TOP for a
-// top record of the source (it then carries the source index in front). Returns the record.
+// top record of the source (it then carries the source index in front). Returns the record. A name longer
+// than DB_NAME_MAX is logged and makes no record: a file gives 0, a folder an unnamed orphan that the
+// merge drops with all it holds.
 db_ref_t db_build_folder_new(db_build_ctx_t *ctx, db_ref_t parent, const char *name, uint32_t len,
                              const os_file_info_t *fd);
 db_ref_t db_build_file_new(db_build_ctx_t *ctx, db_ref_t parent, const char *name, uint32_t len,

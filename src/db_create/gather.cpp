@@ -81,8 +81,19 @@ static void _fill(const db_job_t *job, bool folder, db_ref_t r, const os_file_in
     _put(d, o, DB_FIELD_ATTRIBUTES, fd->attributes);
 }
 
+// A name no record can hold comes only from damaged input (a list row); it is left out, not fatal.
+static bool _name_too_long(uint32_t len) {
+    if (len <= DB_NAME_MAX)
+        return false;
+    debug_printf("name of %u bytes is too long, skipped\n", len);
+    return true;
+}
+
 db_ref_t db_build_folder_new(db_build_ctx_t *ctx, db_ref_t parent, const char *name, uint32_t len,
                              const os_file_info_t *fd) {
+    // What the folder holds still needs a parent: an unnamed orphan, which the merge drops with it all.
+    if (_name_too_long(len))
+        return _alloc(ctx, true, false, 0, "", 0);
     db_ref_t r = _alloc(ctx, true, parent == DB_BUILD_TOP, parent, name, len);
     _fill(ctx->job, true, r, fd);
     return r;
@@ -90,6 +101,8 @@ db_ref_t db_build_folder_new(db_build_ctx_t *ctx, db_ref_t parent, const char *n
 
 db_ref_t db_build_file_new(db_build_ctx_t *ctx, db_ref_t parent, const char *name, uint32_t len,
                            const os_file_info_t *fd) {
+    if (_name_too_long(len))
+        return 0;
     db_ref_t r = _alloc(ctx, false, parent == DB_BUILD_TOP, parent, name, len);
     _fill(ctx->job, false, r, fd);
     return r;
@@ -105,6 +118,9 @@ void db_build_volume_entry(db_build_ctx_t *ctx, const db_volume_entry_t *e) {
     if (!root && e->parent_frn_low == 0 && e->parent_frn_high == 0)
         return;
     if (!root && db_exclude_attributes(&job->exclude, e->fd.attributes))
+        return;
+    // What a too long folder held finds no parent by its FRN and is orphaned.
+    if (!root && _name_too_long(e->name_len))
         return;
     const char *name = e->name;
     uint32_t len = e->name_len;

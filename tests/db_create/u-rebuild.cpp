@@ -198,6 +198,34 @@ TEST_F(RebuildTest, FileListRowsBecomeOneTreeWithoutDuplicates) {
     EXPECT_NE(db->fs_first->last_write_time, 0u);
 }
 
+TEST_F(RebuildTest, FileListNamesTooLongForARecordAreLeftOutNotFatal) {
+    // Longer than the pool's largest block; the longest a record holds; long enough for a large record.
+    const std::string huge(70000, 'h'), most(DB_NAME_MAX, 'm'), longish(300, 'l');
+    std::string list = file("long.swl", "Filename,Size\r\n"
+                                        "/d/" +
+                                            huge +
+                                            "/under.txt,1\r\n"
+                                            "/d/" +
+                                            huge +
+                                            "/deeper/more.txt,1\r\n"
+                                            "/d/" +
+                                            huge +
+                                            ",1\r\n"
+                                            "/d/" +
+                                            most +
+                                            ",2\r\n"
+                                            "/d/" +
+                                            longish +
+                                            "/x,3\r\n"
+                                            "/d/ok.txt,4\r\n");
+    add_filelist(list);
+    rebuild();
+    EXPECT_EQ(file_set(),
+              (std::set<std::string>{sep("/d/" + most), sep("/d/" + longish + "/x"), sep("/d/ok.txt")}));
+    EXPECT_EQ(folder_set(), (std::set<std::string>{sep("/"), sep("/d"), sep("/d/" + longish)}));
+    EXPECT_TRUE(mem_array_check(&db->files));
+}
+
 // ---- volumes -------------------------------------------------------------------------------------------
 
 TEST_F(RebuildTest, VolumeParentsOrphansCyclesAndDuplicates) {

@@ -337,7 +337,8 @@ static void _read_filelist(db_build_ctx_t *ctx) {
     db_build_source_t *src = ctx->source;
     const char *name = src->filename ? src->filename : "";
     os_file_info_t info;
-    src->last_write_time = os_get_file_info(name, &info) ? info.date_modified : UINT64_MAX;
+    // A list reached through a link is dated by the list, not by the link.
+    src->last_write_time = os_get_target_info(name, &info) ? info.date_modified : UINT64_MAX;
     if (src->existing && !src->existing->out_of_date) {
         _reuse(ctx, "using existing filelist index %s");
         return;
@@ -393,8 +394,9 @@ static void _read_folder(db_build_ctx_t *ctx) {
     db_set_status(ctx->job->db, "Indexing %s...", path);
     // The top of the Linux tree is named "" but scanned as "/".
     const char *scan_path = *path ? path : OS_SEP_STR;
+    // A source named by a link to a folder indexes the folder.
     os_file_info_t info;
-    if (!os_get_file_info(scan_path, &info) || !(info.attributes & OS_ATTR_DIRECTORY)) {
+    if (!os_get_target_info(scan_path, &info) || !(info.attributes & OS_ATTR_DIRECTORY)) {
         debug_printf("failed to open directory %d\n", (int) os_last_error());
         if (src->existing) {
             _reuse(ctx, "using existing folder index %s");

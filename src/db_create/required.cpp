@@ -155,7 +155,7 @@ static bool _sources_stale(db_t *db) {
         os_file_info_t info;
         bool readable = false;
         if (fs->type == DB_FS_FILE_LIST)
-            readable = os_get_file_info(scan, &info) && !(info.attributes & OS_ATTR_DIRECTORY);
+            readable = os_get_target_info(scan, &info) && !(info.attributes & OS_ATTR_DIRECTORY);
         else if (fs->type == DB_FS_FOLDER)
             readable = os_folder_exists(scan);
         else {

@@ -124,7 +124,8 @@ bool folder_scan(const char *path, const scan_options_t *options, scan_result_t 
     str_set_n(&top, path, (int) len);
     os_file_info_t fd;
     os_dir_t *probe = os_dir_open(top.len ? top.ptr : OS_SEP_STR);
-    if (!probe || !os_get_file_info(top.len ? top.ptr : OS_SEP_STR, &fd)) {
+    // A top folder named by a link is the folder it points at; only links below it are never entered.
+    if (!probe || !os_get_target_info(top.len ? top.ptr : OS_SEP_STR, &fd)) {
         debug_printf("failed to open directory %d\n", (int) os_last_error());
         os_dir_close(probe);
         str_kill(&top);

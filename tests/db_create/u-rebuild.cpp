@@ -5,6 +5,7 @@
 #include <random>
 
 #include "db/dbfile.h"
+#include "db_create/filelist_monitor.h"
 
 // ---- a stand-in volume reader --------------------------------------------------------------------------
 
@@ -177,6 +178,35 @@ TEST_F(RebuildTest, RebuildAfterALoadLeavesTheJobSlotIdle) {
     event_dispatch();
     EXPECT_EQ(runs, 1);
     EXPECT_EQ(db->busy, 0u);
+}
+
+// ---- sources named through links ----------------------------------------------------------------------
+
+TEST_F(RebuildTest, SourcesNamedThroughLinksAreReadAndDatedByWhatTheyName) {
+    file("real/a.txt");
+    file("real/sub/b.txt");
+    std::string list = file("lists/l.swl", "Filename\r\n/x/y.txt\r\n");
+    fs::last_write_time(list, fs::last_write_time(list) - std::chrono::hours(48));
+    std::error_code ec;
+    fs::create_directory_symlink(at("real"), at("linked"), ec);
+    if (!ec)
+        fs::create_symlink(list, at("l-link.swl"), ec);
+    if (ec)
+        GTEST_SKIP() << "no symbolic links here: " << ec.message();
+    add_folder_source(at("linked"));
+    add_filelist(at("l-link.swl"));
+    rebuild();
+    EXPECT_EQ(file_set(),
+              (std::set<std::string>{at("linked/a.txt"), at("linked/sub/b.txt"), sep("/x/y.txt")}));
+    db_fs_t *l = db->fs_first;
+    ASSERT_EQ(l->type, (uint32_t) DB_FS_FILE_LIST);
+    os_file_info_t info;
+    ASSERT_TRUE(os_get_file_info(list.c_str(), &info));
+    EXPECT_EQ(l->last_write_time, info.date_modified);
+    EXPECT_FALSE(_db_filelists_is_change(db));
+    // An edit of the list, not of the link, is what counts.
+    fs::last_write_time(list, fs::last_write_time(list) + std::chrono::hours(1));
+    EXPECT_TRUE(_db_filelists_is_change(db));
 }
 
 // ---- file lists ----------------------------------------------------------------------------------------

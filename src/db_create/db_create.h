@@ -192,7 +192,8 @@ extern const db_volume_reader_t *db_refs_reader;
 // The folder scan the rebuild reads folder sources with: for each item below path, proc(ctx, parent,
 // folder, name, len, fd), where parent is what proc returned for the containing folder, or 0 for the top.
 // The scan applies the folder excludes (folders that match are neither delivered nor entered) and the
-// hidden and system flags; file excludes are left to the rebuild. Returns false when path can't be read.
+// hidden and system flags; file excludes are left to the rebuild. Returns false, having delivered nothing,
+// when path can't be listed.
 typedef uintptr_t (*db_scan_proc_t)(void *ctx, uintptr_t parent, bool folder, const char *name, uint32_t len,
                                     const os_file_info_t *fd);
 typedef bool (*db_folder_scan_t)(const char *path, const db_exclude_t *exclude, db_scan_proc_t proc,

@@ -336,13 +336,16 @@ static uintptr_t _filelist_proc(void *c, uintptr_t parent, filelist_kind_t kind,
 static void _read_filelist(db_build_ctx_t *ctx) {
     db_build_source_t *src = ctx->source;
     const char *name = src->filename ? src->filename : "";
-    os_file_info_t info;
-    // A list reached through a link is dated by the list, not by the link.
-    src->last_write_time = os_get_target_info(name, &info) ? info.date_modified : UINT64_MAX;
     if (src->existing && !src->existing->out_of_date) {
+        // The records and the date they were read at go together: a list edited since then still differs
+        // from the saved date, and the next check finds it.
         _reuse(ctx, "using existing filelist index %s");
         return;
     }
+    // Taken before the read, so that an edit made while reading shows as a change afterwards. A list
+    // reached through a link is dated by the list, not by the link.
+    os_file_info_t info;
+    uint64_t date = os_get_target_info(name, &info) ? info.date_modified : UINT64_MAX;
     filelist_t list;
     filelist_init(&list);
     filelist_options_t options = {ctx->job->exclude.exclude_hidden, ctx->job->exclude.exclude_system};
@@ -351,12 +354,17 @@ static void _read_filelist(db_build_ctx_t *ctx) {
     // A private index over this one list tells its windows why it is empty once the build is done.
     if (ctx->job->db->remote_name)
         ctx->job->db->filelist_status = rc;
-    if (rc == FILELIST_OPEN_FAILED && src->existing) {
-        // A list that can't be opened keeps what it had.
-        _reuse(ctx, "using existing filelist index %s");
+    if (rc == FILELIST_OPEN_FAILED) {
+        // A list that can't be opened keeps what it had, and stays out of date until it opens again:
+        // marked, it is passed over by the change check, so an unreadable list can't ask for rebuilds
+        // that would fail the same way.
+        if (src->existing)
+            _reuse(ctx, "using existing filelist index %s");
         src->out_of_date = true;
-    } else if (rc == FILELIST_OK) {
-        filelist_tree(&list, _filelist_proc, ctx);
+    } else {
+        src->last_write_time = date;
+        if (rc == FILELIST_OK)
+            filelist_tree(&list, _filelist_proc, ctx);
     }
     filelist_kill(&list);
 }
@@ -370,17 +378,34 @@ static uintptr_t _scan_proc(void *c, uintptr_t parent, bool folder, const char *
     return db_build_file_new(ctx, p, name, len, fd);
 }
 
-// The top folder record is made here from the folder's own details; the scan delivers what lies below
-// it, with 0 for the top folder, which the wrapper below turns into the record.
+// The top folder record is made from the folder's own details once the scan has listed the folder, so
+// that a folder that can't be listed leaves no record behind; the scan delivers what lies below it with 0
+// for the top folder, which the wrapper below turns into the record.
 struct _scan_ctx_t {
     db_build_ctx_t *ctx;
+    const char *path;
+    const os_file_info_t *info;
     db_ref_t top;
 };
+
+static db_ref_t _scan_top(_scan_ctx_t *s) {
+    if (!s->top)
+        s->top = db_build_folder_new(s->ctx, DB_BUILD_TOP, s->path, (uint32_t) strlen(s->path), s->info);
+    return s->top;
+}
 
 static uintptr_t _scan_top_proc(void *c, uintptr_t parent, bool folder, const char *name, uint32_t len,
                                 const os_file_info_t *fd) {
     _scan_ctx_t *s = (_scan_ctx_t *) c;
-    return _scan_proc(s->ctx, parent ? parent : s->top, folder, name, len, fd);
+    return _scan_proc(s->ctx, parent ? parent : _scan_top(s), folder, name, len, fd);
+}
+
+// A folder that can't be read keeps the records it had, if any, and stays out of date until it can.
+static void _folder_unreadable(db_build_ctx_t *ctx) {
+    db_build_source_t *src = ctx->source;
+    if (src->existing)
+        _reuse(ctx, "using existing folder index %s");
+    src->out_of_date = true;
 }
 
 static void _read_folder(db_build_ctx_t *ctx) {
@@ -398,14 +423,16 @@ static void _read_folder(db_build_ctx_t *ctx) {
     os_file_info_t info;
     if (!os_get_target_info(scan_path, &info) || !(info.attributes & OS_ATTR_DIRECTORY)) {
         debug_printf("failed to open directory %d\n", (int) os_last_error());
-        if (src->existing) {
-            _reuse(ctx, "using existing folder index %s");
-            src->out_of_date = true;
-        }
+        _folder_unreadable(ctx);
         return;
     }
-    _scan_ctx_t s = {ctx, db_build_folder_new(ctx, DB_BUILD_TOP, path, (uint32_t) strlen(path), &info)};
-    db_folder_scan(scan_path, &ctx->job->exclude, _scan_top_proc, &s);
+    _scan_ctx_t s = {ctx, path, &info, 0};
+    // A scan that fails has delivered nothing.
+    if (!db_folder_scan(scan_path, &ctx->job->exclude, _scan_top_proc, &s)) {
+        _folder_unreadable(ctx);
+        return;
+    }
+    _scan_top(&s);
 }
 
 void db_build_gather(db_job_t *job) {

@@ -6,6 +6,14 @@
 
 #include "db/dbfile.h"
 #include "db_create/filelist_monitor.h"
+#include "os/os_dir.h"
+
+#ifndef _WIN32
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+#endif
 
 // ---- a stand-in volume reader --------------------------------------------------------------------------
 
@@ -178,6 +186,127 @@ TEST_F(RebuildTest, RebuildAfterALoadLeavesTheJobSlotIdle) {
     event_dispatch();
     EXPECT_EQ(runs, 1);
     EXPECT_EQ(db->busy, 0u);
+}
+
+// ---- sources that exist but can't be read --------------------------------------------------------------
+
+// A list file that is there but that no one can open, root included, for as long as this lives. On Linux
+// a socket stands at its path: it has details, and open refuses it. On Windows the list is held open
+// without sharing, as an editor that locks it does.
+struct unopenable_list_t {
+    os_file_t held = OS_FILE_INVALID;
+    int socket_fd = -1;
+    explicit unopenable_list_t(const std::string &path) {
+#ifdef _WIN32
+        held = os_file_open(path.c_str(), OS_OPEN_READ);
+        EXPECT_NE(held, OS_FILE_INVALID);
+#else
+        fs::remove(path);
+        socket_fd = socket(AF_UNIX, SOCK_STREAM, 0);
+        sockaddr_un a = {};
+        a.sun_family = AF_UNIX;
+        EXPECT_LT(path.size(), sizeof(a.sun_path));
+        memcpy(a.sun_path, path.c_str(), std::min(path.size(), sizeof(a.sun_path) - 1));
+        EXPECT_EQ(bind(socket_fd, (sockaddr *) &a, sizeof(a)), 0);
+#endif
+        EXPECT_TRUE(os_file_exists(path.c_str()));
+        os_file_t f = os_file_open_sequential(path.c_str());
+        EXPECT_EQ(f, OS_FILE_INVALID) << "the list could still be opened";
+        os_file_close(f);
+    }
+    ~unopenable_list_t() {
+        os_file_close(held);
+#ifndef _WIN32
+        close(socket_fd);
+#endif
+    }
+};
+
+// A folder that can be described but not listed, for as long as this lives. Root lists every folder, so
+// a root process gives up its effective user for the time, on every thread (the rebuild's too).
+struct unlistable_folder_t {
+    std::string path;
+    bool dropped = false;
+    explicit unlistable_folder_t(const std::string &p) : path(p) {
+#ifndef _WIN32
+        chmod(path.c_str(), 0700);
+        if (geteuid() == 0) {
+            chmod(fs::path(path).parent_path().c_str(), 0755);
+            dropped = seteuid(65534) == 0;
+            EXPECT_TRUE(dropped);
+        } else {
+            chmod(path.c_str(), 0);
+        }
+#endif
+    }
+    bool works() {
+        os_file_info_t info;
+        os_dir_t *d = os_dir_open(path.c_str());
+        os_dir_close(d);
+        return d == nullptr && os_get_file_info(path.c_str(), &info);
+    }
+    ~unlistable_folder_t() {
+#ifndef _WIN32
+        if (dropped) {
+            EXPECT_EQ(seteuid(0), 0);
+        }
+        chmod(path.c_str(), 0755);
+#endif
+    }
+};
+
+TEST_F(RebuildTest, UnopenableListKeepsItsRecordsAndAsksForNoRebuild) {
+    std::string list = file("l.swl", "Filename,Size\r\n/d/a.txt,1\r\n");
+    std::string other = file("never.swl", "Filename,Size\r\n/e/b.txt,1\r\n");
+    add_filelist(list);
+    rebuild();
+    ASSERT_EQ(file_set(), (std::set<std::string>{sep("/d/a.txt")}));
+    {
+        unopenable_list_t locked(list), never(other);
+        // A list that has never been read is added too: it stays empty.
+        add_filelist(other);
+        db_rebuild(db, true);
+        EXPECT_TRUE(settle()) << "the index rebuilds again and again";
+        EXPECT_EQ(file_set(), (std::set<std::string>{sep("/d/a.txt")}));
+        ASSERT_EQ(db->fs_count, 2u);
+        EXPECT_TRUE(db->fs_first->out_of_date);
+        EXPECT_TRUE(db->fs_first->next->out_of_date);
+        EXPECT_FALSE(db_is_rebuild_required(db, nullptr, nullptr));
+        EXPECT_FALSE(_db_filelists_is_change(db));
+    }
+    // Readable again: the next check sees it, and the rebuild reads both lists.
+    for (const std::string &p : {list, other})
+        fs::remove(p);
+    file("l.swl", "Filename,Size\r\n/d/a.txt,1\r\n");
+    file("never.swl", "Filename,Size\r\n/e/b.txt,1\r\n");
+    EXPECT_TRUE(db_is_rebuild_required(db, nullptr, nullptr));
+    db_rebuild(db, false);
+    EXPECT_TRUE(settle());
+    EXPECT_EQ(file_set(), (std::set<std::string>{sep("/d/a.txt"), sep("/e/b.txt")}));
+    EXPECT_FALSE(db->fs_first->out_of_date);
+}
+
+TEST_F(RebuildTest, UnlistableFolderKeepsItsRecordsAndAsksForNoRebuild) {
+    file("t/a.txt");
+    add_folder_source(at("t"));
+    rebuild();
+    ASSERT_EQ(file_set(), (std::set<std::string>{at("t/a.txt")}));
+    {
+        unlistable_folder_t locked(at("t"));
+        if (!locked.works())
+            GTEST_SKIP() << "this platform gives no way to make a folder unlistable to its owner";
+        db_rebuild(db, true);
+        EXPECT_TRUE(settle()) << "the index rebuilds again and again";
+        EXPECT_EQ(file_set(), (std::set<std::string>{at("t/a.txt")}));
+        EXPECT_EQ(folder_set(), (std::set<std::string>{at("t")}));
+        EXPECT_TRUE(db->fs_first->out_of_date);
+        EXPECT_FALSE(db_is_rebuild_required(db, nullptr, nullptr));
+    }
+    file("t/b.txt");
+    EXPECT_TRUE(db_is_rebuild_required(db, nullptr, nullptr));
+    db_rebuild(db, false);
+    EXPECT_TRUE(settle());
+    EXPECT_EQ(file_set(), (std::set<std::string>{at("t/a.txt"), at("t/b.txt")}));
 }
 
 // ---- sources named through links ----------------------------------------------------------------------

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <functional>
 
+#include "db/dbfile.h"
 #include "db_create/filelist_monitor.h"
 
 class MonitorTest : public BuildTest {
@@ -258,4 +259,22 @@ TEST_F(MonitorTest, ListEditedWhileMonitoringIsPausedSurvivesARebuildThatReusesI
     db_rebuild(db, false);
     ASSERT_TRUE(settle());
     EXPECT_EQ(file_set(), item_paths({"two.txt"})) << logged();
+}
+
+TEST_F(MonitorTest, LoadCompleteDoesNotRebuildASecondTimeAfterTheListCheck) {
+    build_from({"one.txt"});
+    std::string saved = at("index.db");
+    db_file_set_command_line(saved.c_str(), nullptr, false, false);
+    db_save(db, false);
+    db_destroy(db);
+    db = db_create(nullptr);
+    replace_list({"two.txt"}, std::chrono::seconds(5));
+    size_t before = logged().size();
+    db_load(db, 0);
+    ASSERT_TRUE(settle());
+    db_file_set_command_line(nullptr, nullptr, false, false);
+    std::string after = logged().substr(before);
+    EXPECT_EQ(count_of(after, "create db 0\r\n"), 1u) << after;
+    EXPECT_EQ(count_of(after, "load complete: rebuild required"), 0u) << after;
+    EXPECT_EQ(file_set(), item_paths({"two.txt"}));
 }

@@ -246,6 +246,10 @@ void db_record_free(db_t *db, db_ref_t ref, size_t size);
 // ---- records -------------------------------------------------------------------------------------------
 
 #define DB_LONG_NAME 255 // names of this many bytes or more carry long_name_len
+// The longest name a record can hold: the largest pool block less every other field a record (or a
+// build's temporary record) may carry. No file system names a component anywhere near this long; only a
+// damaged or hand-made list can, and such a name is left out with a log line rather than stored.
+#define DB_NAME_MAX (DB_POOL_LARGE_MAX - 128)
 
 inline uint32_t db_round4(uint32_t n) {
     return (n + 3) & ~3u;

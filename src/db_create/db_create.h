@@ -151,7 +151,9 @@ struct db_build_ctx_t {
 
 // A new temporary record with the name and the details of fd stored in the wanted structure's data block
 // (a folder's size starts as 0), listed and counted. parent is a temporary record, or DB_BUILD_TOP for a
-// top record of the source (it then carries the source index in front). Returns the record.
+// top record of the source (it then carries the source index in front). Returns the record. A name longer
+// than DB_NAME_MAX is logged and makes no record: a file gives 0, a folder an unnamed orphan that the
+// merge drops with all it holds.
 db_ref_t db_build_folder_new(db_build_ctx_t *ctx, db_ref_t parent, const char *name, uint32_t len,
                              const os_file_info_t *fd);
 db_ref_t db_build_file_new(db_build_ctx_t *ctx, db_ref_t parent, const char *name, uint32_t len,
@@ -191,7 +193,8 @@ extern const db_volume_reader_t *db_refs_reader;
 // The folder scan the rebuild reads folder sources with: for each item below path, proc(ctx, parent,
 // folder, name, len, fd), where parent is what proc returned for the containing folder, or 0 for the top.
 // The scan applies the folder excludes (folders that match are neither delivered nor entered) and the
-// hidden and system flags; file excludes are left to the rebuild. Returns false when path can't be read.
+// hidden and system flags; file excludes are left to the rebuild. Returns false, having delivered nothing,
+// when path can't be listed.
 typedef uintptr_t (*db_scan_proc_t)(void *ctx, uintptr_t parent, bool folder, const char *name, uint32_t len,
                                     const os_file_info_t *fd);
 typedef bool (*db_folder_scan_t)(const char *path, const db_exclude_t *exclude, db_scan_proc_t proc,

@@ -183,8 +183,9 @@ bool _db_filelists_is_change(db_t *db) {
             continue;
         }
         os_file_info_t info;
-        // A list that can't be read now (gone, or on a drive that went away) has no known date.
-        if (!os_get_file_info(fs->filename, &info) || info.date_modified == DB_UNKNOWN) {
+        // A list that can't be read now (gone, or on a drive that went away) has no known date. One reached
+        // through a link is dated by the list, as at its read.
+        if (!os_get_target_info(fs->filename, &info) || info.date_modified == DB_UNKNOWN) {
             continue;
         }
         if (info.date_modified != fs->last_write_time) {

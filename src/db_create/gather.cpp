@@ -81,8 +81,19 @@ static void _fill(const db_job_t *job, bool folder, db_ref_t r, const os_file_in
     _put(d, o, DB_FIELD_ATTRIBUTES, fd->attributes);
 }
 
+// A name no record can hold comes only from damaged input (a list row); it is left out, not fatal.
+static bool _name_too_long(uint32_t len) {
+    if (len <= DB_NAME_MAX)
+        return false;
+    debug_printf("name of %u bytes is too long, skipped\n", len);
+    return true;
+}
+
 db_ref_t db_build_folder_new(db_build_ctx_t *ctx, db_ref_t parent, const char *name, uint32_t len,
                              const os_file_info_t *fd) {
+    // What the folder holds still needs a parent: an unnamed orphan, which the merge drops with it all.
+    if (_name_too_long(len))
+        return _alloc(ctx, true, false, 0, "", 0);
     db_ref_t r = _alloc(ctx, true, parent == DB_BUILD_TOP, parent, name, len);
     _fill(ctx->job, true, r, fd);
     return r;
@@ -90,6 +101,8 @@ db_ref_t db_build_folder_new(db_build_ctx_t *ctx, db_ref_t parent, const char *n
 
 db_ref_t db_build_file_new(db_build_ctx_t *ctx, db_ref_t parent, const char *name, uint32_t len,
                            const os_file_info_t *fd) {
+    if (_name_too_long(len))
+        return 0;
     db_ref_t r = _alloc(ctx, false, parent == DB_BUILD_TOP, parent, name, len);
     _fill(ctx->job, false, r, fd);
     return r;
@@ -105,6 +118,9 @@ void db_build_volume_entry(db_build_ctx_t *ctx, const db_volume_entry_t *e) {
     if (!root && e->parent_frn_low == 0 && e->parent_frn_high == 0)
         return;
     if (!root && db_exclude_attributes(&job->exclude, e->fd.attributes))
+        return;
+    // What a too long folder held finds no parent by its FRN and is orphaned.
+    if (!root && _name_too_long(e->name_len))
         return;
     const char *name = e->name;
     uint32_t len = e->name_len;
@@ -320,12 +336,16 @@ static uintptr_t _filelist_proc(void *c, uintptr_t parent, filelist_kind_t kind,
 static void _read_filelist(db_build_ctx_t *ctx) {
     db_build_source_t *src = ctx->source;
     const char *name = src->filename ? src->filename : "";
-    os_file_info_t info;
-    src->last_write_time = os_get_file_info(name, &info) ? info.date_modified : UINT64_MAX;
     if (src->existing && !src->existing->out_of_date) {
+        // The records and the date they were read at go together: a list edited since then still differs
+        // from the saved date, and the next check finds it.
         _reuse(ctx, "using existing filelist index %s");
         return;
     }
+    // Taken before the read, so that an edit made while reading shows as a change afterwards. A list
+    // reached through a link is dated by the list, not by the link.
+    os_file_info_t info;
+    uint64_t date = os_get_target_info(name, &info) ? info.date_modified : UINT64_MAX;
     filelist_t list;
     filelist_init(&list);
     filelist_options_t options = {ctx->job->exclude.exclude_hidden, ctx->job->exclude.exclude_system};
@@ -334,12 +354,17 @@ static void _read_filelist(db_build_ctx_t *ctx) {
     // A private index over this one list tells its windows why it is empty once the build is done.
     if (ctx->job->db->remote_name)
         ctx->job->db->filelist_status = rc;
-    if (rc == FILELIST_OPEN_FAILED && src->existing) {
-        // A list that can't be opened keeps what it had.
-        _reuse(ctx, "using existing filelist index %s");
+    if (rc == FILELIST_OPEN_FAILED) {
+        // A list that can't be opened keeps what it had, and stays out of date until it opens again:
+        // marked, it is passed over by the change check, so an unreadable list can't ask for rebuilds
+        // that would fail the same way.
+        if (src->existing)
+            _reuse(ctx, "using existing filelist index %s");
         src->out_of_date = true;
-    } else if (rc == FILELIST_OK) {
-        filelist_tree(&list, _filelist_proc, ctx);
+    } else {
+        src->last_write_time = date;
+        if (rc == FILELIST_OK)
+            filelist_tree(&list, _filelist_proc, ctx);
     }
     filelist_kill(&list);
 }
@@ -353,17 +378,34 @@ static uintptr_t _scan_proc(void *c, uintptr_t parent, bool folder, const char *
     return db_build_file_new(ctx, p, name, len, fd);
 }
 
-// The top folder record is made here from the folder's own details; the scan delivers what lies below
-// it, with 0 for the top folder, which the wrapper below turns into the record.
+// The top folder record is made from the folder's own details once the scan has listed the folder, so
+// that a folder that can't be listed leaves no record behind; the scan delivers what lies below it with 0
+// for the top folder, which the wrapper below turns into the record.
 struct _scan_ctx_t {
     db_build_ctx_t *ctx;
+    const char *path;
+    const os_file_info_t *info;
     db_ref_t top;
 };
+
+static db_ref_t _scan_top(_scan_ctx_t *s) {
+    if (!s->top)
+        s->top = db_build_folder_new(s->ctx, DB_BUILD_TOP, s->path, (uint32_t) strlen(s->path), s->info);
+    return s->top;
+}
 
 static uintptr_t _scan_top_proc(void *c, uintptr_t parent, bool folder, const char *name, uint32_t len,
                                 const os_file_info_t *fd) {
     _scan_ctx_t *s = (_scan_ctx_t *) c;
-    return _scan_proc(s->ctx, parent ? parent : s->top, folder, name, len, fd);
+    return _scan_proc(s->ctx, parent ? parent : _scan_top(s), folder, name, len, fd);
+}
+
+// A folder that can't be read keeps the records it had, if any, and stays out of date until it can.
+static void _folder_unreadable(db_build_ctx_t *ctx) {
+    db_build_source_t *src = ctx->source;
+    if (src->existing)
+        _reuse(ctx, "using existing folder index %s");
+    src->out_of_date = true;
 }
 
 static void _read_folder(db_build_ctx_t *ctx) {
@@ -377,17 +419,20 @@ static void _read_folder(db_build_ctx_t *ctx) {
     db_set_status(ctx->job->db, "Indexing %s...", path);
     // The top of the Linux tree is named "" but scanned as "/".
     const char *scan_path = *path ? path : OS_SEP_STR;
+    // A source named by a link to a folder indexes the folder.
     os_file_info_t info;
-    if (!os_get_file_info(scan_path, &info) || !(info.attributes & OS_ATTR_DIRECTORY)) {
+    if (!os_get_target_info(scan_path, &info) || !(info.attributes & OS_ATTR_DIRECTORY)) {
         debug_printf("failed to open directory %d\n", (int) os_last_error());
-        if (src->existing) {
-            _reuse(ctx, "using existing folder index %s");
-            src->out_of_date = true;
-        }
+        _folder_unreadable(ctx);
         return;
     }
-    _scan_ctx_t s = {ctx, db_build_folder_new(ctx, DB_BUILD_TOP, path, (uint32_t) strlen(path), &info)};
-    db_folder_scan(scan_path, &ctx->job->exclude, _scan_top_proc, &s);
+    _scan_ctx_t s = {ctx, path, &info, 0};
+    // A scan that fails has delivered nothing.
+    if (!db_folder_scan(scan_path, &ctx->job->exclude, _scan_top_proc, &s)) {
+        _folder_unreadable(ctx);
+        return;
+    }
+    _scan_top(&s);
 }
 
 void db_build_gather(db_job_t *job) {

@@ -55,6 +55,10 @@ void db_rebuild(db_t *db, bool mark_out_of_date) {
     // Later: each query drops its results, events, selection and cached data here, keeping its sort.
     debug_printf("clear queries\n");
     debug_printf("clear folder updates\n");
+    // The ready events of the jobs before this one are removed below, so their counts would never come
+    // off: the rebuild's own end must find busy at 0, or every later job's end would stop at its first
+    // step and the work deferred to it would never run.
+    db->busy = 0;
     mem_array_kill(&db->changed_records);
     debug_printf("clear monitors\n");
     debug_printf("destroy service\n");

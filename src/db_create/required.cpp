@@ -6,6 +6,7 @@
 #include "debug/debug.h"
 #include "main/main.h"
 #include "mem/mem.h"
+#include "os/os_dir.h"
 
 static bool _same(const char *a, const char *b) {
     return strcmp(a ? a : "", b ? b : "") == 0;
@@ -147,6 +148,19 @@ static bool _folders(_walk_t *w, const config_vec_t<config_folder_t> *v) {
     return required;
 }
 
+// Whether a rebuild could read the source now: the list opens, the folder lists. Existing is not enough:
+// a source that exists but can't be read would be rebuilt again and again, failing each time.
+static bool _can_read(const db_fs_t *fs, const char *path) {
+    if (fs->type == DB_FS_FILE_LIST) {
+        os_file_t f = os_file_open_sequential(path);
+        os_file_close(f);
+        return f != OS_FILE_INVALID;
+    }
+    os_dir_t *d = os_dir_open(path);
+    os_dir_close(d);
+    return d != nullptr;
+}
+
 // Tests 15 and 16: sources that can be read again, and file lists that changed on disk.
 static bool _sources_stale(db_t *db) {
     for (db_fs_t *fs = db->fs_first; fs; fs = fs->next) {
@@ -155,9 +169,9 @@ static bool _sources_stale(db_t *db) {
         os_file_info_t info;
         bool readable = false;
         if (fs->type == DB_FS_FILE_LIST)
-            readable = os_get_file_info(scan, &info) && !(info.attributes & OS_ATTR_DIRECTORY);
+            readable = _can_read(fs, scan) && os_get_target_info(scan, &info);
         else if (fs->type == DB_FS_FOLDER)
-            readable = os_folder_exists(scan);
+            readable = _can_read(fs, scan);
         else {
             const db_volume_reader_t *r = fs->type == DB_FS_NTFS ? db_ntfs_reader : db_refs_reader;
             // Later: the volume reader's own test (it opens and gives its journal) goes here.

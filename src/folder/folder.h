@@ -8,7 +8,9 @@
 // - An item's parent is the folder item that holds it; the root item has none. A folder is in the result
 //   before anything it holds, and each folder's contents are listed together.
 // - Details follow the platform layer (os_dir.h): FILETIME dates, Windows attribute bits, folder size 0.
-//   Symbolic links are items with attribute 0x400 and are never entered.
+//   Symbolic links are items with attribute 0x400 and are never entered. A link that the platform marks
+//   as a folder (a Windows junction or folder link) is a folder item, for the excludes as in the result,
+//   with link set: listed, not entered.
 // - An excluded folder is neither listed nor entered; an excluded file is not listed.
 // - A scan touches no shared state: several may run on several threads with separate results.
 #pragma once
@@ -25,6 +27,7 @@ struct scan_item_t {
     scan_item_t *next;   // the next item of the same list (folders or files), in scan order
     scan_item_t *parent; // the folder holding this item; null for the root
     uintptr_t tag;       // zero from the scan; free for the caller (e.g. what the item became)
+    bool link;           // a folder link or junction: a folder item whose contents aren't listed
     os_file_info_t fd;
     uint32_t name_len;
     char name[1]; // name_len bytes and a zero; the root's name is the scanned path

@@ -24,6 +24,7 @@ static scan_item_t *_item_new(scan_result_t *r, scan_item_t *parent, const char 
     it->next = nullptr;
     it->parent = parent;
     it->tag = 0;
+    it->link = false;
     it->fd = *fd;
     it->name_len = len;
     memcpy(it->name, name, len);
@@ -90,11 +91,15 @@ static void _scan_folder(scan_result_t *r, scan_item_t *folder, const scan_optio
     while (os_dir_next(dir, &e)) {
         path->len = base;
         str_cat(path, e.name, (int) e.name_len);
-        if (_excluded(o, path, (size_t) base, &e.info, e.is_folder)) {
+        // A junction or folder link carries the folder bit: it is a folder to the excludes and in the
+        // result, as in a created file list, but what it points at is not this tree's and isn't entered.
+        bool is_folder = e.is_folder || (e.is_link && (e.info.attributes & OS_ATTR_DIRECTORY));
+        if (_excluded(o, path, (size_t) base, &e.info, is_folder)) {
             continue;
         }
         scan_item_t *it = _item_new(r, folder, e.name, e.name_len, &e.info);
-        if (e.is_folder) {
+        if (is_folder) {
+            it->link = !e.is_folder;
             it->fd.size = 0;
             _append(&r->folders_first, &r->folders_last, it);
             r->folder_count++;
@@ -119,7 +124,8 @@ bool folder_scan(const char *path, const scan_options_t *options, scan_result_t 
     str_set_n(&top, path, (int) len);
     os_file_info_t fd;
     os_dir_t *probe = os_dir_open(top.len ? top.ptr : OS_SEP_STR);
-    if (!probe || !os_get_file_info(top.len ? top.ptr : OS_SEP_STR, &fd)) {
+    // A top folder named by a link is the folder it points at; only links below it are never entered.
+    if (!probe || !os_get_target_info(top.len ? top.ptr : OS_SEP_STR, &fd)) {
         debug_printf("failed to open directory %d\n", (int) os_last_error());
         os_dir_close(probe);
         str_kill(&top);
@@ -134,7 +140,9 @@ bool folder_scan(const char *path, const scan_options_t *options, scan_result_t 
     str_init(&work);
     _scan_folder(r, r->root, options, &work);
     for (scan_item_t *f = r->folders_first; f; f = f->next) {
-        _scan_folder(r, f, options, &work);
+        if (!f->link) {
+            _scan_folder(r, f, options, &work);
+        }
     }
     str_kill(&work);
     str_kill(&top);

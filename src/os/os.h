@@ -140,6 +140,10 @@ struct os_file_info_t {
 // holds all ones with attributes 0. A folder's size is never taken from the disk: it is all ones. A birth
 // time the file system does not keep is all ones.
 bool os_get_file_info(const char *path, os_file_info_t *info);
+// The same for what a final symbolic link (or, on Windows, a junction) points at: its target's dates,
+// size and attributes. A path that is no link gives what os_get_file_info gives. False when the target
+// can't be reached (a dangling link).
+bool os_get_target_info(const char *path, os_file_info_t *info);
 // Sets a file's times (FILETIME); UINT64_MAX leaves that time as it is. Linux can't set the birth time
 // and ignores created. False on failure.
 bool os_file_set_times(os_file_t f, uint64_t created, uint64_t accessed, uint64_t modified);

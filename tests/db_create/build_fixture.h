@@ -155,6 +155,16 @@ class BuildTest : public ::testing::Test {
         ASSERT_TRUE(db->is_loaded);
     }
 
+    // Runs jobs and their end events as the main loop would, until the index is loaded with no job left.
+    // False when it hasn't settled after that many rounds: a rebuild that starts another as it ends.
+    bool settle(int rounds = 20) {
+        for (int i = 0; i < rounds && (db_job_running(db) || !db->is_loaded); i++) {
+            db_wait(db, "test");
+            event_dispatch();
+        }
+        return db->is_loaded && !db_job_running(db);
+    }
+
     std::set<std::string> folder_set() {
         auto v = array_paths(&db->folders);
         return std::set<std::string>(v.begin(), v.end());

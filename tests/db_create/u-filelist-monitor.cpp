@@ -6,6 +6,7 @@
 #include <chrono>
 #include <functional>
 
+#include "db/dbfile.h"
 #include "db_create/filelist_monitor.h"
 
 class MonitorTest : public BuildTest {
@@ -26,6 +27,7 @@ class MonitorTest : public BuildTest {
     void TearDown() override {
         db_filelists_monitor_stop(db);
         read_only = false;
+        monitor_pause = 0;
         debug_close_log();
         BuildTest::TearDown();
     }
@@ -233,4 +235,46 @@ TEST_F(MonitorTest, OneWaitTakesAtMostSixtyFourHandles) {
         handles += fs->change_handle != nullptr;
     }
     EXPECT_EQ(handles, 63);
+}
+
+// The list is edited while nothing watches it, then a rebuild that re-uses its records runs (a new
+// sorted array); the edit must still be found afterwards, by the date saved at the list's last read.
+TEST_F(MonitorTest, ListEditedWithItsMonitorOffSurvivesARebuildThatReusesIt) {
+    build_from({"one.txt"}, false);
+    replace_list({"two.txt"}, std::chrono::seconds(5));
+    fast_extension_sort = 1;
+    db_rebuild(db, false);
+    ASSERT_TRUE(settle());
+    EXPECT_EQ(file_set(), item_paths({"two.txt"})) << logged();
+}
+
+TEST_F(MonitorTest, ListEditedWhileMonitoringIsPausedSurvivesARebuildThatReusesIt) {
+    monitor_pause = 1;
+    std::ofstream(list, std::ios::binary) << list_text({"one.txt"});
+    add_filelist(list);
+    rebuild();
+    ASSERT_EQ(file_set(), item_paths({"one.txt"}));
+    replace_list({"two.txt"}, std::chrono::seconds(5));
+    fast_extension_sort = 1;
+    db_rebuild(db, false);
+    ASSERT_TRUE(settle());
+    EXPECT_EQ(file_set(), item_paths({"two.txt"})) << logged();
+}
+
+TEST_F(MonitorTest, LoadCompleteDoesNotRebuildASecondTimeAfterTheListCheck) {
+    build_from({"one.txt"});
+    std::string saved = at("index.db");
+    db_file_set_command_line(saved.c_str(), nullptr, false, false);
+    db_save(db, false);
+    db_destroy(db);
+    db = db_create(nullptr);
+    replace_list({"two.txt"}, std::chrono::seconds(5));
+    size_t before = logged().size();
+    db_load(db, 0);
+    ASSERT_TRUE(settle());
+    db_file_set_command_line(nullptr, nullptr, false, false);
+    std::string after = logged().substr(before);
+    EXPECT_EQ(count_of(after, "create db 0\r\n"), 1u) << after;
+    EXPECT_EQ(count_of(after, "load complete: rebuild required"), 0u) << after;
+    EXPECT_EQ(file_set(), item_paths({"two.txt"}));
 }

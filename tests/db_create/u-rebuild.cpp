@@ -4,6 +4,17 @@
 
 #include <random>
 
+#include "db/dbfile.h"
+#include "db_create/filelist_monitor.h"
+#include "os/os_dir.h"
+
+#ifndef _WIN32
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+#endif
+
 // ---- a stand-in volume reader --------------------------------------------------------------------------
 
 struct fake_entry_t {
@@ -142,6 +153,191 @@ TEST_F(RebuildTest, ForcedRebuildReadsEverySourceAgain) {
     EXPECT_EQ(file_set().count(at("f/b")), 1u);
 }
 
+// ---- the job slot around a rebuild -----------------------------------------------------------------------
+
+static void count_proc(db_t *, void *arg) {
+    (*(int *) arg)++;
+}
+
+TEST_F(RebuildTest, RebuildAfterALoadLeavesTheJobSlotIdle) {
+    file("t/a.txt");
+    add_folder_source(at("t"));
+    rebuild();
+    std::string saved = at("index.db");
+    db_file_set_command_line(saved.c_str(), nullptr, false, false);
+    db_save(db, false);
+    db_destroy(db);
+    db = db_create(nullptr);
+    // A setting that the saved index doesn't serve: the load's end starts a rebuild in its place.
+    fast_extension_sort = 1;
+    db_load(db, 0);
+    for (int i = 0; i < 100 && (!db->is_loaded || db_job_running(db)); i++) {
+        db_wait(db, "test");
+        event_dispatch();
+    }
+    db_file_set_command_line(nullptr, nullptr, false, false);
+    ASSERT_TRUE(db->is_loaded);
+    EXPECT_EQ(db->files_by_extension.count, 1u) << "the rebuild that followed the load has run";
+    EXPECT_EQ(db->busy, 0u);
+    // A later job's end must get past its first step: it is what runs the deferred work.
+    int runs = 0;
+    db_job_start(db, "test", DB_JOB_OTHER, nullptr, count_proc, &runs, OS_PRIORITY_NORMAL);
+    db_wait(db, "test");
+    event_dispatch();
+    EXPECT_EQ(runs, 1);
+    EXPECT_EQ(db->busy, 0u);
+}
+
+// ---- sources that exist but can't be read --------------------------------------------------------------
+
+// A list file that is there but that no one can open, root included, for as long as this lives. On Linux
+// a socket stands at its path: it has details, and open refuses it. On Windows the list is held open
+// without sharing, as an editor that locks it does.
+struct unopenable_list_t {
+    os_file_t held = OS_FILE_INVALID;
+    int socket_fd = -1;
+    explicit unopenable_list_t(const std::string &path) {
+#ifdef _WIN32
+        held = os_file_open(path.c_str(), OS_OPEN_READ);
+        EXPECT_NE(held, OS_FILE_INVALID);
+#else
+        fs::remove(path);
+        socket_fd = socket(AF_UNIX, SOCK_STREAM, 0);
+        sockaddr_un a = {};
+        a.sun_family = AF_UNIX;
+        EXPECT_LT(path.size(), sizeof(a.sun_path));
+        memcpy(a.sun_path, path.c_str(), std::min(path.size(), sizeof(a.sun_path) - 1));
+        EXPECT_EQ(bind(socket_fd, (sockaddr *) &a, sizeof(a)), 0);
+#endif
+        EXPECT_TRUE(os_file_exists(path.c_str()));
+        os_file_t f = os_file_open_sequential(path.c_str());
+        EXPECT_EQ(f, OS_FILE_INVALID) << "the list could still be opened";
+        os_file_close(f);
+    }
+    ~unopenable_list_t() {
+        os_file_close(held);
+#ifndef _WIN32
+        close(socket_fd);
+#endif
+    }
+};
+
+// A folder that can be described but not listed, for as long as this lives. Root lists every folder, so
+// a root process gives up its effective user for the time, on every thread (the rebuild's too).
+struct unlistable_folder_t {
+    std::string path;
+    bool dropped = false;
+    explicit unlistable_folder_t(const std::string &p) : path(p) {
+#ifndef _WIN32
+        chmod(path.c_str(), 0700);
+        if (geteuid() == 0) {
+            chmod(fs::path(path).parent_path().c_str(), 0755);
+            dropped = seteuid(65534) == 0;
+            EXPECT_TRUE(dropped);
+        } else {
+            chmod(path.c_str(), 0);
+        }
+#endif
+    }
+    bool works() {
+        os_file_info_t info;
+        os_dir_t *d = os_dir_open(path.c_str());
+        os_dir_close(d);
+        return d == nullptr && os_get_file_info(path.c_str(), &info);
+    }
+    ~unlistable_folder_t() {
+#ifndef _WIN32
+        if (dropped) {
+            EXPECT_EQ(seteuid(0), 0);
+        }
+        chmod(path.c_str(), 0755);
+#endif
+    }
+};
+
+TEST_F(RebuildTest, UnopenableListKeepsItsRecordsAndAsksForNoRebuild) {
+    std::string list = file("l.swl", "Filename,Size\r\n/d/a.txt,1\r\n");
+    std::string other = file("never.swl", "Filename,Size\r\n/e/b.txt,1\r\n");
+    add_filelist(list);
+    rebuild();
+    ASSERT_EQ(file_set(), (std::set<std::string>{sep("/d/a.txt")}));
+    {
+        unopenable_list_t locked(list), never(other);
+        // A list that has never been read is added too: it stays empty.
+        add_filelist(other);
+        db_rebuild(db, true);
+        EXPECT_TRUE(settle()) << "the index rebuilds again and again";
+        EXPECT_EQ(file_set(), (std::set<std::string>{sep("/d/a.txt")}));
+        ASSERT_EQ(db->fs_count, 2u);
+        EXPECT_TRUE(db->fs_first->out_of_date);
+        EXPECT_TRUE(db->fs_first->next->out_of_date);
+        EXPECT_FALSE(db_is_rebuild_required(db, nullptr, nullptr));
+        EXPECT_FALSE(_db_filelists_is_change(db));
+    }
+    // Readable again: the next check sees it, and the rebuild reads both lists.
+    for (const std::string &p : {list, other})
+        fs::remove(p);
+    file("l.swl", "Filename,Size\r\n/d/a.txt,1\r\n");
+    file("never.swl", "Filename,Size\r\n/e/b.txt,1\r\n");
+    EXPECT_TRUE(db_is_rebuild_required(db, nullptr, nullptr));
+    db_rebuild(db, false);
+    EXPECT_TRUE(settle());
+    EXPECT_EQ(file_set(), (std::set<std::string>{sep("/d/a.txt"), sep("/e/b.txt")}));
+    EXPECT_FALSE(db->fs_first->out_of_date);
+}
+
+TEST_F(RebuildTest, UnlistableFolderKeepsItsRecordsAndAsksForNoRebuild) {
+    file("t/a.txt");
+    add_folder_source(at("t"));
+    rebuild();
+    ASSERT_EQ(file_set(), (std::set<std::string>{at("t/a.txt")}));
+    {
+        unlistable_folder_t locked(at("t"));
+        if (!locked.works())
+            GTEST_SKIP() << "this platform gives no way to make a folder unlistable to its owner";
+        db_rebuild(db, true);
+        EXPECT_TRUE(settle()) << "the index rebuilds again and again";
+        EXPECT_EQ(file_set(), (std::set<std::string>{at("t/a.txt")}));
+        EXPECT_EQ(folder_set(), (std::set<std::string>{at("t")}));
+        EXPECT_TRUE(db->fs_first->out_of_date);
+        EXPECT_FALSE(db_is_rebuild_required(db, nullptr, nullptr));
+    }
+    file("t/b.txt");
+    EXPECT_TRUE(db_is_rebuild_required(db, nullptr, nullptr));
+    db_rebuild(db, false);
+    EXPECT_TRUE(settle());
+    EXPECT_EQ(file_set(), (std::set<std::string>{at("t/a.txt"), at("t/b.txt")}));
+}
+
+// ---- sources named through links ----------------------------------------------------------------------
+
+TEST_F(RebuildTest, SourcesNamedThroughLinksAreReadAndDatedByWhatTheyName) {
+    file("real/a.txt");
+    file("real/sub/b.txt");
+    std::string list = file("lists/l.swl", "Filename\r\n/x/y.txt\r\n");
+    fs::last_write_time(list, fs::last_write_time(list) - std::chrono::hours(48));
+    std::error_code ec;
+    fs::create_directory_symlink(at("real"), at("linked"), ec);
+    if (!ec)
+        fs::create_symlink(list, at("l-link.swl"), ec);
+    if (ec)
+        GTEST_SKIP() << "no symbolic links here: " << ec.message();
+    add_folder_source(at("linked"));
+    add_filelist(at("l-link.swl"));
+    rebuild();
+    EXPECT_EQ(file_set(),
+              (std::set<std::string>{at("linked/a.txt"), at("linked/sub/b.txt"), sep("/x/y.txt")}));
+    db_fs_t *l = db->fs_first;
+    ASSERT_EQ(l->type, (uint32_t) DB_FS_FILE_LIST);
+    os_file_info_t info;
+    ASSERT_TRUE(os_get_file_info(list.c_str(), &info));
+    EXPECT_EQ(l->last_write_time, info.date_modified);
+    EXPECT_FALSE(_db_filelists_is_change(db));
+    // An edit of the list, not of the link, is what counts.
+    fs::last_write_time(list, fs::last_write_time(list) + std::chrono::hours(1));
+    EXPECT_TRUE(_db_filelists_is_change(db));
+}
+
 // ---- file lists ----------------------------------------------------------------------------------------
 
 TEST_F(RebuildTest, FileListRowsBecomeOneTreeWithoutDuplicates) {
@@ -159,6 +355,34 @@ TEST_F(RebuildTest, FileListRowsBecomeOneTreeWithoutDuplicates) {
     ASSERT_EQ(db->fs_count, 1u);
     EXPECT_EQ(db->fs_first->type, (uint32_t) DB_FS_FILE_LIST);
     EXPECT_NE(db->fs_first->last_write_time, 0u);
+}
+
+TEST_F(RebuildTest, FileListNamesTooLongForARecordAreLeftOutNotFatal) {
+    // Longer than the pool's largest block; the longest a record holds; long enough for a large record.
+    const std::string huge(70000, 'h'), most(DB_NAME_MAX, 'm'), longish(300, 'l');
+    std::string list = file("long.swl", "Filename,Size\r\n"
+                                        "/d/" +
+                                            huge +
+                                            "/under.txt,1\r\n"
+                                            "/d/" +
+                                            huge +
+                                            "/deeper/more.txt,1\r\n"
+                                            "/d/" +
+                                            huge +
+                                            ",1\r\n"
+                                            "/d/" +
+                                            most +
+                                            ",2\r\n"
+                                            "/d/" +
+                                            longish +
+                                            "/x,3\r\n"
+                                            "/d/ok.txt,4\r\n");
+    add_filelist(list);
+    rebuild();
+    EXPECT_EQ(file_set(),
+              (std::set<std::string>{sep("/d/" + most), sep("/d/" + longish + "/x"), sep("/d/ok.txt")}));
+    EXPECT_EQ(folder_set(), (std::set<std::string>{sep("/"), sep("/d"), sep("/d/" + longish)}));
+    EXPECT_TRUE(mem_array_check(&db->files));
 }
 
 // ---- volumes -------------------------------------------------------------------------------------------

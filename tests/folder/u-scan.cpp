@@ -12,6 +12,7 @@
 #include "folder/folder.h"
 #include "mem/mem.h"
 #include "os/os.h"
+#include "os/os_dir.h"
 #include "os/os_main.h"
 
 namespace fs = std::filesystem;
@@ -123,7 +124,7 @@ class FolderScan : public ::testing::Test {
                 std::string rel = full.substr(root.size() + 1);
                 uint32_t a = it->fd.attributes;
                 char type = (a & OS_ATTR_REPARSE_POINT) ? 'l' : (a & OS_ATTR_DIRECTORY) ? 'd' : 'f';
-                EXPECT_EQ(list == 0, type == 'd') << rel;
+                EXPECT_EQ(list == 0, (a & OS_ATTR_DIRECTORY) != 0) << rel;
                 EXPECT_TRUE(out.emplace(rel, entry_t{type, it->fd.size, it->fd.date_modified, a}).second)
                     << rel;
                 (list ? files : folders)++;
@@ -262,6 +263,39 @@ TEST_F(FolderScan, ExcludesDropWholeSubtrees) {
         expected += gone ? 0 : 1;
     }
     EXPECT_EQ(got.size(), expected);
+}
+
+TEST_F(FolderScan, FolderLinksAreFoldersToTheExcludesAndAreNeverEntered) {
+    folder("target");
+    file(join("target", "inside"), 1);
+    std::error_code ec;
+    fs::create_directory_symlink(join(root, "target"), join(root, "skipme"), ec);
+    if (!ec)
+        fs::create_directory_symlink(join(root, "target"), join(root, "kept"), ec);
+    if (ec)
+        GTEST_SKIP() << "no folder links here: " << ec.message();
+    // What the platform says of a folder link decides what the scan must make of it: a junction or
+    // folder link on Windows carries the folder bit, a Linux link is a link and nothing else.
+    bool folder_bit = false;
+    os_dir_t *d = os_dir_open(root.c_str());
+    ASSERT_NE(d, nullptr);
+    os_dir_entry_t e;
+    while (os_dir_next(d, &e))
+        if (std::string(e.name) == "kept") {
+            EXPECT_TRUE(e.is_link);
+            folder_bit = (e.info.attributes & OS_ATTR_DIRECTORY) != 0;
+        }
+    os_dir_close(d);
+    int calls = 0;
+    scan_options_t options = {false, false, exclude_skipme, &calls};
+    std::map<std::string, entry_t> got = scan(options);
+    EXPECT_EQ(got.count(join("target", "inside")), 1u);
+    EXPECT_EQ(got.count(join("kept", "inside")), 0u) << "a link was entered";
+    EXPECT_EQ(got.count(join("skipme", "inside")), 0u) << "a link was entered";
+    ASSERT_EQ(got.count("kept"), 1u);
+    EXPECT_EQ((got["kept"].attributes & OS_ATTR_DIRECTORY) != 0, folder_bit);
+    // Excluded as a folder when it is one; a plain link is no folder to the folder excludes.
+    EXPECT_EQ(got.count("skipme"), folder_bit ? 0u : 1u);
 }
 
 TEST_F(FolderScan, UnreadableTopGivesEmptyResult) {

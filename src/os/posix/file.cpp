@@ -238,11 +238,11 @@ static void _os_file_info_unknown(os_file_info_t *info) {
     info->attributes = 0;
 }
 
-bool os_posix_stat_at(int dirfd, const char *name, os_file_info_t *info, uint32_t *mode) {
+// link_flag: AT_SYMLINK_NOFOLLOW to describe a final link itself, 0 to describe what it points at.
+static bool _os_stat_at(int dirfd, const char *name, os_file_info_t *info, uint32_t *mode, int link_flag) {
     _os_file_info_unknown(info);
     struct statx sx;
-    if (statx(dirfd, name, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT, STATX_BASIC_STATS | STATX_BTIME, &sx) ==
-        0) {
+    if (statx(dirfd, name, link_flag | AT_NO_AUTOMOUNT, STATX_BASIC_STATS | STATX_BTIME, &sx) == 0) {
         *mode = sx.stx_mode;
         info->size = sx.stx_size;
         info->date_modified = _os_filetime(sx.stx_mtime.tv_sec, sx.stx_mtime.tv_nsec);
@@ -253,7 +253,7 @@ bool os_posix_stat_at(int dirfd, const char *name, os_file_info_t *info, uint32_
     } else {
         // A kernel older than statx, or a sandbox that forbids it: the same without birth time.
         struct stat st;
-        if (fstatat(dirfd, name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
+        if (fstatat(dirfd, name, &st, link_flag) != 0) {
             return false;
         }
         *mode = st.st_mode;
@@ -265,15 +265,27 @@ bool os_posix_stat_at(int dirfd, const char *name, os_file_info_t *info, uint32_
     return true;
 }
 
-bool os_get_file_info(const char *path, os_file_info_t *info) {
+bool os_posix_stat_at(int dirfd, const char *name, os_file_info_t *info, uint32_t *mode) {
+    return _os_stat_at(dirfd, name, info, mode, AT_SYMLINK_NOFOLLOW);
+}
+
+static bool _os_file_info(const char *path, os_file_info_t *info, int link_flag) {
     uint32_t mode;
-    if (!os_posix_stat_at(AT_FDCWD, path, info, &mode)) {
+    if (!_os_stat_at(AT_FDCWD, path, info, &mode, link_flag)) {
         return false;
     }
     if (info->attributes & OS_ATTR_DIRECTORY) {
         info->size = UINT64_MAX;
     }
     return true;
+}
+
+bool os_get_file_info(const char *path, os_file_info_t *info) {
+    return _os_file_info(path, info, AT_SYMLINK_NOFOLLOW);
+}
+
+bool os_get_target_info(const char *path, os_file_info_t *info) {
+    return _os_file_info(path, info, 0);
 }
 
 bool os_file_exists(const char *path) {

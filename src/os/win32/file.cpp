@@ -276,6 +276,43 @@ bool os_get_file_info(const char *path, os_file_info_t *info) {
     return ok;
 }
 
+bool os_get_target_info(const char *path, os_file_info_t *info) {
+    os_file_info_t own;
+    if (!os_get_file_info(path, &own)) {
+        _os_file_info_unknown(info);
+        return false;
+    }
+    if (!(own.attributes & FILE_ATTRIBUTE_REPARSE_POINT)) {
+        *info = own;
+        return true;
+    }
+    // A link's directory entry describes the link; opening it without FILE_FLAG_OPEN_REPARSE_POINT
+    // reaches the target, which the handle then describes. Attribute access alone needs no sharing.
+    _os_file_info_unknown(info);
+    os_wide_t w;
+    os_wide_init(&w, path);
+    HANDLE h =
+        CreateFileW(w.ptr, FILE_READ_ATTRIBUTES, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                    nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
+    os_wide_kill(&w);
+    if (h == INVALID_HANDLE_VALUE) {
+        return false;
+    }
+    BY_HANDLE_FILE_INFORMATION d;
+    bool ok = GetFileInformationByHandle(h, &d) != 0;
+    CloseHandle(h);
+    if (ok) {
+        info->size = (d.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)
+                         ? UINT64_MAX
+                         : ((uint64_t) d.nFileSizeHigh << 32) | d.nFileSizeLow;
+        info->date_modified = _os_ft(d.ftLastWriteTime);
+        info->date_created = _os_ft(d.ftCreationTime);
+        info->date_accessed = _os_ft(d.ftLastAccessTime);
+        info->attributes = d.dwFileAttributes;
+    }
+    return ok;
+}
+
 static DWORD _os_attributes_of(const char *path) {
     os_wide_t w;
     os_wide_init(&w, path);

@@ -8,15 +8,6 @@
 
 #include "os_test_util.h"
 
-#ifndef _WIN32
-// glibc's newlocale loses the parsed copy of LOCPATH on every call made while it is set (the argz list
-// of the search path is never freed); the German test sets it, so the leak checker is told to let that
-// one allocation site pass.
-extern "C" const char *__lsan_default_suppressions() {
-    return "leak:__argz_add_sep\n";
-}
-#endif
-
 namespace {
 
 std::string named(const char *locale, os_locale_id_t id) {

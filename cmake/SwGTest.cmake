@@ -12,7 +12,10 @@ function(sw_test name)
   target_link_libraries(${name} PRIVATE ${T_LINK} GTest::gtest GTest::gtest_main)
   target_include_directories(${name} PRIVATE ${CMAKE_SOURCE_DIR}/tests)
   sw_warnings(${name})
-  add_test(NAME ${name} COMMAND ${name})
+  # Through a runner that also fails a run of no test; the emulator (Wine) is named here because CTest
+  # only puts it in front of a command that is itself a target.
+  add_test(NAME ${name} COMMAND bash ${CMAKE_SOURCE_DIR}/cmake/gtest-run.sh ${CMAKE_CROSSCOMPILING_EMULATOR}
+                                $<TARGET_FILE:${name}>)
   set(_env "SW_SOURCE_DIR=${CMAKE_SOURCE_DIR}")
   if(SW_SANITIZE)
     list(APPEND _env "LSAN_OPTIONS=suppressions=${CMAKE_SOURCE_DIR}/cmake/lsan.supp:print_suppressions=0")

@@ -12,8 +12,21 @@ function(sw_test name)
   target_link_libraries(${name} PRIVATE ${T_LINK} GTest::gtest GTest::gtest_main)
   target_include_directories(${name} PRIVATE ${CMAKE_SOURCE_DIR}/tests)
   sw_warnings(${name})
-  add_test(NAME ${name} COMMAND ${name})
-  set_tests_properties(${name} PROPERTIES ENVIRONMENT "SW_SOURCE_DIR=${CMAKE_SOURCE_DIR}")
+  # Through a runner that also fails a run of no test; the emulator (Wine) is named here because CTest
+  # only puts it in front of a command that is itself a target.
+  add_test(NAME ${name} COMMAND bash ${CMAKE_SOURCE_DIR}/cmake/gtest-run.sh ${CMAKE_CROSSCOMPILING_EMULATOR}
+                                $<TARGET_FILE:${name}>)
+  set(_env "SW_SOURCE_DIR=${CMAKE_SOURCE_DIR}")
+  if(SW_SANITIZE)
+    list(APPEND _env "LSAN_OPTIONS=suppressions=${CMAKE_SOURCE_DIR}/cmake/lsan.supp:print_suppressions=0")
+  endif()
+  if(CMAKE_CROSSCOMPILING_EMULATOR)
+    # Wine writes a Windows name on the Linux side in the character set of the locale it runs under; a
+    # bare machine's C locale has no character outside ASCII, so a test that makes such a name would fail
+    # there only. The tests run under one UTF-8 locale on every machine.
+    list(APPEND _env "LC_ALL=C.UTF-8")
+  endif()
+  set_tests_properties(${name} PROPERTIES ENVIRONMENT "${_env}")
   if(T_LABELS)
     set_tests_properties(${name} PROPERTIES LABELS "${T_LABELS}")
   endif()

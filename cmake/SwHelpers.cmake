@@ -17,9 +17,12 @@ if(SW_SANITIZE)
 endif()
 
 # Fuzzing: every library is instrumented for coverage and the sanitizers; only the targets link libFuzzer.
+# No sanitizer recovers: UndefinedBehaviorSanitizer's default prints a report and carries on, and a run
+# that only printed would pass.
 if(SW_FUZZ)
-  add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-omit-frame-pointer)
-  add_link_options(-fsanitize=address,undefined)
+  add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=all
+                      -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined -fno-sanitize-recover=all)
 endif()
 
 if(WIN32)

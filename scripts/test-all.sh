@@ -33,10 +33,13 @@ wineserver -k >/dev/null 2>&1 || true
 step "fuzz: build and smoke run (${fuzz_seconds}s each)"
 cmake --preset fuzz >/dev/null
 cmake --build --preset fuzz -j "$jobs"
+# The targets expected are those the sources name: a target the build failed to make is a failure, not
+# a target to skip.
 mkdir -p build/fuzz/corpus
-for f in build/fuzz/fuzz-*; do
-  [ -x "$f" ] || continue
-  name=$(basename "$f")
+for src in fuzz/fuzz-*.cpp; do
+  name=$(basename "$src" .cpp)
+  f=build/fuzz/$name
+  [ -x "$f" ] || { echo "fuzz: $f was not built" >&2; exit 1; }
   mkdir -p "build/fuzz/corpus/$name"
   seeds=()
   [ -d "fuzz/corpus/$name" ] && seeds=("fuzz/corpus/$name")
@@ -49,8 +52,9 @@ done
 step "linux-release: build and benchmark smoke run"
 cmake --preset linux-release >/dev/null
 cmake --build --preset linux-release -j "$jobs"
-for b in build/linux-release/bench_*; do
-  [ -x "$b" ] || continue
+for src in bench/*.cpp; do
+  b=build/linux-release/bench_$(basename "$src" .cpp)
+  [ -x "$b" ] || { echo "bench: $b was not built" >&2; exit 1; }
   echo "-- $(basename "$b") --smoke"
   "$b" --smoke
 done

@@ -37,9 +37,48 @@ std::string below(const std::string &folder) {
     return !folder.empty() && folder.back() == OS_SEP ? folder : folder + OS_SEP;
 }
 
+#ifndef _WIN32
+// Sets environment variables for one test and puts the old values back.
+struct env_guard {
+    static const int count = 5;
+    const char *names[count] = {"HOME", "XDG_CONFIG_HOME", "XDG_DATA_HOME", "XDG_CACHE_HOME", "TMPDIR"};
+    std::string saved[count];
+    bool had[count] = {};
+
+    env_guard() {
+        for (int i = 0; i < count; i++) {
+            const char *v = getenv(names[i]);
+            had[i] = v != nullptr;
+            saved[i] = v ? v : "";
+        }
+    }
+    ~env_guard() {
+        for (int i = 0; i < count; i++) {
+            if (had[i]) {
+                setenv(names[i], saved[i].c_str(), 1);
+            } else {
+                unsetenv(names[i]);
+            }
+        }
+    }
+};
+#endif
+
 } // namespace
 
 TEST(OsShell, NamesResolveToAbsoluteFoldersAndAliasesAgree) {
+#ifndef _WIN32
+    // The machine's own HOME may be "/" or unset, and its user-dirs file may put Downloads anywhere: the
+    // names are resolved for a private home that has none.
+    env_guard env;
+    os_test_folder dir;
+    std::string home = dir.file("home");
+    os_folder_create_path(home.c_str());
+    setenv("HOME", home.c_str(), 1);
+    unsetenv("XDG_CONFIG_HOME");
+    unsetenv("XDG_DATA_HOME");
+    unsetenv("XDG_CACHE_HOME");
+#endif
     static const char *const names[] = {"Desktop",  "Personal",      "Downloads", "My Music", "My Pictures",
                                         "My Video", "Templates",     "Public",    "Profile",  "UserProfiles",
                                         "AppData",  "Local AppData", "Programs",  "Startup",  "Temp"};
@@ -83,35 +122,6 @@ TEST(OsShell, NamesResolveToAbsoluteFoldersAndAliasesAgree) {
 }
 
 #ifndef _WIN32
-namespace {
-
-// Sets environment variables for one test and puts the old values back.
-struct env_guard {
-    static const int count = 5;
-    const char *names[count] = {"HOME", "XDG_CONFIG_HOME", "XDG_DATA_HOME", "XDG_CACHE_HOME", "TMPDIR"};
-    std::string saved[count];
-    bool had[count] = {};
-
-    env_guard() {
-        for (int i = 0; i < count; i++) {
-            const char *v = getenv(names[i]);
-            had[i] = v != nullptr;
-            saved[i] = v ? v : "";
-        }
-    }
-    ~env_guard() {
-        for (int i = 0; i < count; i++) {
-            if (had[i]) {
-                setenv(names[i], saved[i].c_str(), 1);
-            } else {
-                unsetenv(names[i]);
-            }
-        }
-    }
-};
-
-} // namespace
-
 TEST(OsShellXdg, UserDirsFileWithDefaultsForWhatItLeavesOut) {
     env_guard env;
     os_test_folder dir;

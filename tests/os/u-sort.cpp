@@ -2,6 +2,7 @@
 #include "os/os.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdint>
 #include <gtest/gtest.h>
 #include <random>
@@ -22,6 +23,21 @@ int key_compare_ex(void *context, uint32_t a, uint32_t b) {
 
 int eight_processors() {
     return 8;
+}
+
+// Notes whether the comparator ran on a thread other than the caller's: a sort given more than one
+// thread must have, or it only tested the single-threaded path.
+struct thread_seen {
+    uint32_t caller;
+    std::atomic<bool> other{false};
+};
+
+int key_compare_seen(void *context, uint32_t a, uint32_t b) {
+    thread_seen *seen = (thread_seen *) context;
+    if (os_thread_id() != seen->caller) {
+        seen->other.store(true, std::memory_order_relaxed);
+    }
+    return key_compare(a, b);
 }
 
 std::vector<uint32_t> make_input(size_t n, uint32_t keys, uint32_t seed) {
@@ -58,10 +74,14 @@ TEST(OsSort, SameStableResultForOneTwoAndEightThreads) {
         std::vector<uint32_t> in = make_input(300000, keys, keys);
         std::vector<uint32_t> want = expected(in);
         for (int32_t threads : {1, 2, 8}) {
+            // The processor count is pinned to eight, so the machine's own can't cap the threads.
             thread_setting ts(threads);
             std::vector<uint32_t> got = in;
-            os_qsort(got.data(), got.size(), key_compare);
+            thread_seen seen;
+            seen.caller = os_thread_id();
+            os_qsort_ex(got.data(), got.size(), &seen, key_compare_seen);
             ASSERT_EQ(got, want) << "keys " << keys << ", threads " << threads;
+            EXPECT_EQ(seen.other.load(), threads > 1) << "keys " << keys << ", threads " << threads;
         }
     }
 }

@@ -529,6 +529,9 @@ void db_build_merge(db_job_t *job) {
     _collect_folders(&m);
     debug_printf("allocate file indexes, removing orphaned files.\n");
     _collect_files(&m);
+    // The flat arrays hold every record from here: the lists go, so that their memory serves the rest.
+    mem_list_kill(&job->folder_list);
+    mem_list_kill(&job->file_list);
     _clear_tops(&m);
     debug_printf("sort folder indexes.\n");
     uint32_t start = debug_now_us();
@@ -573,6 +576,14 @@ void db_build_merge(db_job_t *job) {
     db_ref_t *final_files = (db_ref_t *) mem_alloc(((size_t) m.files.count + 1) * sizeof(db_ref_t));
     _setup_files(&m, final_files, &source_of);
     db_build_map_kill(&source_of);
+    // Every record has its final copy and nothing below reads a temporary one: they go now rather than
+    // with the job, so that the arrays still to come take their blocks instead of new memory.
+    db_pool_kill(&job->stack);
+    mem_free(m.folders.items);
+    mem_free(m.files.items);
+    mem_free(m.ntfs.items);
+    mem_free(m.refs.items);
+    m.folders.items = m.files.items = m.ntfs.items = m.refs.items = nullptr;
     if ((db->structure.word & DB_STRUCTURE_FOLDER_SIZE) && (db->structure.word & DB_STRUCTURE_SIZE))
         _folder_sizes(db, final_folders, m.folders.count, final_files, m.files.count);
     // The extension array is one of the derived orders too, wanted on its own or beside the others.
@@ -586,9 +597,5 @@ void db_build_merge(db_job_t *job) {
     db_build_ranks_kill(&ranks);
     mem_free(final_folders);
     mem_free(final_files);
-    mem_free(m.folders.items);
-    mem_free(m.files.items);
-    mem_free(m.ntfs.items);
-    mem_free(m.refs.items);
     mem_free(m.source_type);
 }

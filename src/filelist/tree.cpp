@@ -225,11 +225,12 @@ struct _folder_t {
     uint32_t name;   // offset in the name buffer
     uint32_t len;
     uint32_t hash;
-    uintptr_t handle; // the holder
-    bool named;       // the holder is a folder row's record; false while it is implied
-    bool cut;         // the last row of this path was a file: the next content needs an implied holder
-    bool used;        // some row lies below the path
-    bool has_folders; // some folder lies directly below it
+    uintptr_t handle;  // the holder
+    bool named;        // the holder is a folder row's record; false while it is implied
+    bool cut;          // the last row of this path was a file: the next content needs an implied holder
+    bool used;         // some row lies below the path
+    uint64_t children; // one bit for each hash of the folders directly below it, so that a file row
+                       // whose name is no folder's here is seen without a look into the table
 };
 
 // One open level of the previous row's folder: the folder and where its name ends in that row's path.
@@ -258,8 +259,12 @@ struct filelist_stream_t {
     size_t prev_start; // where its first component begins (0, or 2 for a server path)
     _replaced_t *replaced;
     uint32_t replaced_count, replaced_cap;
-    bool top_has_folders;
+    uint64_t top_children;
 };
+
+static uint64_t _bit(uint32_t hash) {
+    return 1ull << (hash >> 26);
+}
 
 static uint32_t _name_hash(uint32_t parent, const char *name, uint32_t len) {
     uint64_t h = 0xcbf29ce484222325ull ^ ((uint64_t) parent * 0x9E3779B97F4A7C15ull);
@@ -311,9 +316,9 @@ static uint32_t _add_folder(filelist_stream_t *s, uint32_t slot, uint32_t parent
     s->folders[s->folder_count] = {parent, (uint32_t) s->names_len, len, hash, handle, named, false, false,
                                    false};
     if (parent) {
-        s->folders[parent - 1].has_folders = true;
+        s->folders[parent - 1].children |= _bit(hash);
     } else {
-        s->top_has_folders = true;
+        s->top_children |= _bit(hash);
     }
     s->names_len += len;
     s->slots[slot] = ++s->folder_count;
@@ -436,12 +441,15 @@ void filelist_stream_row(filelist_stream_t *s, const char *p, size_t len, const 
     if (n == 0)
         return;
     const char *name = p + name_at;
-    bool siblings = parent ? s->folders[parent - 1].has_folders : s->top_has_folders;
+    uint64_t siblings = parent ? s->folders[parent - 1].children : s->top_children;
     if (!(flags & FILELIST_ITEM_FOLDER)) {
         s->sink.proc(s->sink.ctx, _handle(s, parent), FILELIST_FILE, name, n, fd);
         // A file of a folder's path ends that folder's hold on what comes below the path.
-        uint32_t slot = 0,
-                 found = siblings ? _find(s, parent, name, n, _name_hash(parent, name, n), &slot) : 0;
+        if (!siblings) {
+            return;
+        }
+        uint32_t slot = 0, hash = _name_hash(parent, name, n);
+        uint32_t found = siblings & _bit(hash) ? _find(s, parent, name, n, hash, &slot) : 0;
         if (found) {
             s->folders[found - 1].cut = true;
         }

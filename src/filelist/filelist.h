@@ -110,13 +110,15 @@ void filelist_tree(filelist_t *list, filelist_tree_proc_t proc, void *ctx);
 // kept, so a list of millions of rows costs only its folders. Each row's folder is found by comparing the
 // row with the one before; where they part, each further folder is looked up among the folders seen (a
 // list sorted by plain bytes leaves a folder and comes back to it where a name holds a byte below the
-// separator). What the sorted walk would make differently is reported afterwards:
+// separator). Where rows of one path lie apart in the file, the sorted walk, which sees all rows of a path
+// together and before what lies below it, gives the holder of that path's contents to the last row of
+// exactly that path: a folder row's record, or a folder made implied after them all when that row is a
+// file. The stream reaches the same tree by telling the sink more:
 // - an implied folder that a later row names keeps its record and takes the row's details (name);
-// - a folder path named by several rows gets a record for each, in row order, and everything below the
-//   path belongs to the last of them, as in the sorted walk, where all rows naming a path come before
-//   what it holds: at the end, move tells the sink once for each earlier record which record took over.
+// - when a later row changes a path's holder, the new holder is a new record; at the end, move tells the
+//   sink once for each earlier holder which record takes over what it holds.
 // Records otherwise come in row order (folders before what they hold), so rows of one path keep their
-// file order.
+// file order, and twins (one parent, one name) come in the order the sorted walk gives them.
 
 struct filelist_sink_t {
     filelist_tree_proc_t proc;

@@ -42,6 +42,10 @@ const double target_load_s = 2.0;
 const double target_memory_per_record = 60.0;
 const double target_file_per_record = 45.0;
 const double target_compressed_per_record = 15.0;
+// The build against the peer of the same run, and its peak memory against the index it makes: a rebuild
+// must not need much more memory than the index it leaves.
+const double target_build_vs_peer = 0.8;
+const double target_peak_vs_index = 2.0;
 
 struct options_t {
     bool smoke = false;
@@ -408,6 +412,14 @@ double per(double bytes, uint64_t records) {
     return bytes < 0 || records == 0 ? -1 : bytes / (double) records;
 }
 
+double ratio(double a, double b) {
+    return a < 0 || b <= 0 ? -1 : a / b;
+}
+
+double mib(double bytes) {
+    return bytes < 0 ? -1 : bytes / (1024.0 * 1024.0);
+}
+
 bool parse_args(int argc, char **argv, options_t *o) {
     for (int i = 1; i < argc; i++) {
         const char *a = argv[i];
@@ -559,8 +571,13 @@ int main(int argc, char **argv) {
                (unsigned long long) want_files, counts_ok ? "the index agrees" : "THE INDEX DIFFERS");
     }
     if (o.build_only) {
-        printf("build s: %.2f, peak memory MiB: %.1f, memory B/record: %.1f\n", b.seconds, b.peak_mib,
-               per(b.arena_bytes, records));
+        double peak_ratio = ratio(b.peak_mib, mib(b.arena_bytes));
+        printf(
+            "build s: %.2f, peak memory MiB: %.1f, index memory MiB: %.1f, peak / index: %.2f (target <= %g: "
+            "%s), memory B/record: %.1f\n",
+            b.seconds, b.peak_mib, mib(b.arena_bytes), peak_ratio, target_peak_vs_index,
+            peak_ratio >= 0 && peak_ratio <= target_peak_vs_index ? "met" : "MISSED",
+            per(b.arena_bytes, records));
         if (!o.keep.empty())
             printf("save to %s: %s\n", o.keep.c_str(), save(db, o.keep, false).ok ? "done" : "FAILED");
         db_destroy(db);
@@ -605,11 +622,16 @@ int main(int argc, char **argv) {
     printf("|%s|%s|%s|%s|\n", std::string(32, '-').c_str(), std::string(14, '-').c_str(),
            std::string(18, '-').c_str(), std::string(15, '-').c_str());
     row("build s", b.seconds, "%.2f", o.smoke ? -1 : target_build_s, "<=", peer.seconds);
+    row("build s / plocate-build s", ratio(b.seconds, peer.seconds), "%.2f",
+        o.smoke ? -1 : target_build_vs_peer, "<=", -1);
+    row("peak memory, build MiB", b.peak_mib, "%.1f", -1, "", peer.peak_mib);
+    row("index memory, built MiB", mib(b.arena_bytes), "%.1f", -1, "", -1);
+    row("peak build / index memory", ratio(b.peak_mib, mib(b.arena_bytes)), "%.2f",
+        o.smoke ? -1 : target_peak_vs_index, "<=", -1);
     row("save plain s", sp.seconds, "%.2f", -1, "", -1);
     row("save compressed s", sc.seconds, "%.2f", -1, "", -1);
     row("load plain s", lp.seconds, "%.2f", o.smoke ? -1 : target_load_s, "<=", -1);
     row("load compressed s", lc.seconds, "%.2f", -1, "", -1);
-    row("peak memory, build MiB", b.peak_mib, "%.1f", -1, "", peer.peak_mib);
     row("peak memory, load plain MiB", lp.peak_mib, "%.1f", -1, "", -1);
     row("peak memory, load compr. MiB", lc.peak_mib, "%.1f", -1, "", -1);
     row("memory B/record, built", per(b.arena_bytes, records), "%.1f",

@@ -173,16 +173,23 @@ void db_build_ranks_kill(db_build_ranks_t *r) {
 
 // ---- name order ----------------------------------------------------------------------------------------
 
-// The first eight characters of a name under the lower-base folding, one byte each, big-endian: an
-// ASCII value v as v + 1, the end of the name as 0. A folded value beyond ASCII becomes 0xFF and ends
-// the key, since one byte can't keep such values apart. Where two keys differ, the first difference is
-// either two ASCII values, or an end against anything, or ASCII against a larger value: each of them
-// orders the names as utf8_compare_lower_base does. Equal keys decide nothing.
-static uint64_t _fold_key(const char *name, uint32_t len) {
+// The first sixteen characters of a name under the lower-base folding, one byte each, big-endian over the
+// two words: an ASCII value v as v + 1, the end of the name as 0. A folded value beyond ASCII becomes 0xFF
+// and ends the key, since one byte can't keep such values apart. Where two keys differ, the first
+// difference is either two ASCII values, or an end against anything, or ASCII against a larger value:
+// each of them orders the names as utf8_compare_lower_base does. Equal keys decide nothing, unless both
+// hold their whole names: the folded names are then equal.
+struct _fold_key_t {
+    uint64_t hi, lo;
+    bool whole; // the name ended inside the key, all of it ASCII
+};
+
+static _fold_key_t _fold_key(const char *name, uint32_t len) {
     const uint8_t *p = (const uint8_t *) name, *e = p + len;
-    uint64_t key = 0;
+    uint8_t slot[16] = {};
     int slots = 0;
-    while (slots < 8 && p < e) {
+    bool ascii = true;
+    while (slots < 16 && p < e) {
         uint32_t v;
         if (*p < 0x80) {
             v = ascii_lower[*p++];
@@ -191,19 +198,27 @@ static uint64_t _fold_key(const char *name, uint32_t len) {
             v = text_fold_lower_base(text_decode(p, (size_t) (e - p), &n));
             p += n;
         }
-        slots++;
         if (v >= 0x80) {
-            key = key << 8 | 0xFF;
+            slot[slots++] = 0xFF;
+            ascii = false;
             break;
         }
-        key = key << 8 | (v + 1);
+        slot[slots++] = (uint8_t) (v + 1);
     }
-    return slots == 0 ? 0 : slots == 8 ? key : key << (8 * (8 - slots));
+    _fold_key_t k = {0, 0, ascii && p == e && slots < 16};
+    for (int i = 0; i < 8; i++) {
+        k.hi = k.hi << 8 | slot[i];
+        k.lo = k.lo << 8 | slot[i + 8];
+    }
+    return k;
 }
 
+// The top bit of the rank word says that the key holds the whole folded name; ranks stay below it.
+#define NAME_WHOLE 0x80000000u
+
 struct _name_el_t {
-    uint64_t key;
-    uint32_t parent_rank;
+    uint64_t hi, lo;
+    uint32_t parent_rank; // and NAME_WHOLE
     db_ref_t ref;
 };
 
@@ -213,16 +228,21 @@ struct _name_el_t {
 // delivered them, which makes the choice of the surviving duplicate the same at every rebuild.
 struct _name_cmp_t {
     int operator()(const _name_el_t &a, const _name_el_t &b) const {
-        if (a.key != b.key)
-            return a.key < b.key ? -1 : 1;
-        uint32_t la, lb;
-        const char *na = db_record_name(a.ref, &la);
-        const char *nb = db_record_name(b.ref, &lb);
-        int c = utf8_compare_lower_base(na, la, nb, lb);
-        if (c)
-            return c;
-        if (a.parent_rank != b.parent_rank)
-            return a.parent_rank < b.parent_rank ? -1 : 1;
+        if (a.hi != b.hi)
+            return a.hi < b.hi ? -1 : 1;
+        if (a.lo != b.lo)
+            return a.lo < b.lo ? -1 : 1;
+        int c;
+        if (!(a.parent_rank & b.parent_rank & NAME_WHOLE)) {
+            uint32_t la, lb;
+            const char *na = db_record_name(a.ref, &la);
+            const char *nb = db_record_name(b.ref, &lb);
+            if ((c = utf8_compare_lower_base(na, la, nb, lb)))
+                return c;
+        }
+        uint32_t ra = a.parent_rank & ~NAME_WHOLE, rb = b.parent_rank & ~NAME_WHOLE;
+        if (ra != rb)
+            return ra < rb ? -1 : 1;
         if ((c = db_name_compare(a.ref, b.ref)))
             return c;
         db_ref_t pa = db_record_parent(a.ref), pb = db_record_parent(b.ref);
@@ -232,15 +252,17 @@ struct _name_cmp_t {
 
 void db_build_sort_names(db_ref_t *items, uint32_t n, const db_build_ranks_t *ranks) {
     _name_el_t *el = (_name_el_t *) mem_alloc(((size_t) n + 1) * sizeof(_name_el_t));
-    bool ranked = ranks != nullptr;
+    bool ranked = ranks != nullptr && ranks->rank_count < NAME_WHOLE;
     db_ref_t last_parent = 0;
     uint32_t last_rank = 0;
     for (uint32_t i = 0; i < n; i++) {
         uint32_t len;
         const char *name = db_record_name(items[i], &len);
-        el[i].key = _fold_key(name, len);
+        _fold_key_t k = _fold_key(name, len);
+        el[i].hi = k.hi;
+        el[i].lo = k.lo;
         el[i].ref = items[i];
-        el[i].parent_rank = 0;
+        el[i].parent_rank = k.whole ? NAME_WHOLE : 0;
         if (!ranked)
             continue;
         // Records come in runs of one parent: one lookup serves the run.
@@ -252,11 +274,11 @@ void db_build_sort_names(db_ref_t *items, uint32_t n, const db_build_ranks_t *ra
         // A parent without a rank can't be placed; the full comparison then decides every tie.
         if (last_rank == UINT32_MAX)
             ranked = false;
-        el[i].parent_rank = last_rank;
+        el[i].parent_rank |= last_rank;
     }
     if (!ranked)
         for (uint32_t i = 0; i < n; i++)
-            el[i].parent_rank = 0;
+            el[i].parent_rank &= NAME_WHOLE;
     _stable_sort(el, n, _name_cmp_t{});
     for (uint32_t i = 0; i < n; i++)
         items[i] = el[i].ref;

@@ -293,7 +293,7 @@ static void _read_volume(db_build_ctx_t *ctx) {
                      src->root ? src->root : "");
     else
         debug_printf("Indexing %s, %s\n", src->guid ? src->guid : "", src->path ? src->path : "");
-    const char *reuse_line = ntfs ? "using existing NTFS index %s" : "using existing REFS index %s";
+    const char *reuse_line = ntfs ? "using existing NTFS index %s\n" : "using existing REFS index %s\n";
     if (src->existing && !src->existing->out_of_date) {
         _reuse(ctx, reuse_line);
     } else {
@@ -324,13 +324,59 @@ static void _read_volume(db_build_ctx_t *ctx) {
         db_build_convert_volume(ctx->job, src);
 }
 
+// A list is read straight into temporary records. A folder path that several rows name has a record for
+// each, and what lies below it belongs to the last: the pairs the tree reports are applied to this
+// source's records once the list is read.
+struct _list_ctx_t {
+    db_build_ctx_t *ctx;
+    db_ref_t *moves; // pairs: from, to
+    uint32_t move_count, move_cap;
+};
+
 static uintptr_t _filelist_proc(void *c, uintptr_t parent, filelist_kind_t kind, const char *name,
                                 uint32_t len, const os_file_info_t *fd) {
-    db_build_ctx_t *ctx = (db_build_ctx_t *) c;
+    db_build_ctx_t *ctx = ((_list_ctx_t *) c)->ctx;
     db_ref_t p = parent ? (db_ref_t) parent : DB_BUILD_TOP;
     if (kind == FILELIST_FILE)
         return db_build_file_new(ctx, p, name, len, fd);
     return db_build_folder_new(ctx, p, name, len, fd);
+}
+
+static void _filelist_name(void *c, uintptr_t folder, const os_file_info_t *fd) {
+    _fill(((_list_ctx_t *) c)->ctx->job, true, (db_ref_t) folder, fd);
+}
+
+static void _filelist_move(void *c, uintptr_t from, uintptr_t to) {
+    _list_ctx_t *l = (_list_ctx_t *) c;
+    if (l->move_count == l->move_cap) {
+        l->move_cap = l->move_cap ? l->move_cap * 2 : 16;
+        l->moves = (db_ref_t *) mem_realloc(l->moves, (size_t) l->move_cap * 2 * sizeof(db_ref_t));
+    }
+    l->moves[2 * l->move_count] = (db_ref_t) from;
+    l->moves[2 * l->move_count + 1] = (db_ref_t) to;
+    l->move_count++;
+}
+
+static void _move_list(const mem_list_t *list, uint32_t first, const db_build_map_t *to) {
+    uint32_t n = mem_list_count(list);
+    for (uint32_t i = first; i < n; i++) {
+        db_ref_t r = mem_list_get(list, i);
+        uint32_t m = db_build_map_get(to, db_record_parent(r));
+        if (m != UINT32_MAX)
+            memcpy(db_ptr(r), &m, 4);
+    }
+}
+
+static void _apply_moves(db_build_ctx_t *ctx, const _list_ctx_t *l) {
+    if (!l->move_count)
+        return;
+    db_build_map_t to;
+    db_build_map_init(&to, l->move_count);
+    for (uint32_t i = 0; i < l->move_count; i++)
+        db_build_map_put(&to, l->moves[2 * i], l->moves[2 * i + 1]);
+    _move_list(ctx->folder_list, ctx->source->folder_first, &to);
+    _move_list(ctx->file_list, ctx->source->file_first, &to);
+    db_build_map_kill(&to);
 }
 
 static void _read_filelist(db_build_ctx_t *ctx) {
@@ -339,18 +385,18 @@ static void _read_filelist(db_build_ctx_t *ctx) {
     if (src->existing && !src->existing->out_of_date) {
         // The records and the date they were read at go together: a list edited since then still differs
         // from the saved date, and the next check finds it.
-        _reuse(ctx, "using existing filelist index %s");
+        _reuse(ctx, "using existing filelist index %s\n");
         return;
     }
     // Taken before the read, so that an edit made while reading shows as a change afterwards. A list
     // reached through a link is dated by the list, not by the link.
     os_file_info_t info;
     uint64_t date = os_get_target_info(name, &info) ? info.date_modified : UINT64_MAX;
-    filelist_t list;
-    filelist_init(&list);
     filelist_options_t options = {ctx->job->exclude.exclude_hidden, ctx->job->exclude.exclude_system};
     db_set_status(ctx->job->db, "Indexing %s...", name);
-    int rc = filelist_read(&list, name, &options);
+    _list_ctx_t l = {ctx, nullptr, 0, 0};
+    filelist_sink_t sink = {_filelist_proc, _filelist_name, _filelist_move, &l};
+    int rc = filelist_read_tree(name, &options, &sink);
     // A private index over this one list tells its windows why it is empty once the build is done.
     if (ctx->job->db->remote_name)
         ctx->job->db->filelist_status = rc;
@@ -359,14 +405,13 @@ static void _read_filelist(db_build_ctx_t *ctx) {
         // marked, it is passed over by the change check, so an unreadable list can't ask for rebuilds
         // that would fail the same way.
         if (src->existing)
-            _reuse(ctx, "using existing filelist index %s");
+            _reuse(ctx, "using existing filelist index %s\n");
         src->out_of_date = true;
     } else {
         src->last_write_time = date;
-        if (rc == FILELIST_OK)
-            filelist_tree(&list, _filelist_proc, ctx);
     }
-    filelist_kill(&list);
+    _apply_moves(ctx, &l);
+    mem_free(l.moves);
 }
 
 static uintptr_t _scan_proc(void *c, uintptr_t parent, bool folder, const char *name, uint32_t len,
@@ -404,7 +449,7 @@ static uintptr_t _scan_top_proc(void *c, uintptr_t parent, bool folder, const ch
 static void _folder_unreadable(db_build_ctx_t *ctx) {
     db_build_source_t *src = ctx->source;
     if (src->existing)
-        _reuse(ctx, "using existing folder index %s");
+        _reuse(ctx, "using existing folder index %s\n");
     src->out_of_date = true;
 }
 
@@ -412,7 +457,7 @@ static void _read_folder(db_build_ctx_t *ctx) {
     db_build_source_t *src = ctx->source;
     const char *path = src->path ? src->path : "";
     if (src->existing && !src->existing->out_of_date) {
-        _reuse(ctx, "using existing folder index %s");
+        _reuse(ctx, "using existing folder index %s\n");
         return;
     }
     debug_printf("scan %s\n", path);

@@ -162,7 +162,7 @@ static void _collect_folders(_merge_t *m) {
     for (uint32_t i = 0; i < n; i++) {
         db_ref_t f = mem_list_get(list, i);
         if (!db_record_parent(f)) {
-            _verbose_drop(m->job, "excluded folder: %t", f);
+            _verbose_drop(m->job, "excluded folder: %t\n", f);
             dropped++;
             continue;
         }
@@ -182,10 +182,10 @@ static void _collect_files(_merge_t *m) {
         db_ref_t f = mem_list_get(list, i);
         db_ref_t p = db_record_parent(f);
         if (!p) {
-            _verbose_drop(m->job, "excluded file: %t", f);
+            _verbose_drop(m->job, "excluded file: %t\n", f);
             dropped++;
         } else if (p != DB_BUILD_TOP && !db_record_parent(p)) {
-            _verbose_drop(m->job, "null parent file: %t", f);
+            _verbose_drop(m->job, "null parent file: %t\n", f);
             dropped++;
         } else {
             m->files.items[m->files.count++] = f;
@@ -276,7 +276,7 @@ static void _dupes(_merge_t *m) {
         uint32_t len;
         const char *name = db_record_name(b, &len);
         debug_color_printf((int32_t) 0xFFFF0000,
-                           db_record_parent(b) ? "found folder name dupe %t" : "found root name dupe %t",
+                           db_record_parent(b) ? "found folder name dupe %t\n" : "found root name dupe %t\n",
                            name, (int) len);
         noted.items[noted.count++] = b;
     }
@@ -529,6 +529,9 @@ void db_build_merge(db_job_t *job) {
     _collect_folders(&m);
     debug_printf("allocate file indexes, removing orphaned files.\n");
     _collect_files(&m);
+    // The flat arrays hold every record from here: the lists go, so that their memory serves the rest.
+    mem_list_kill(&job->folder_list);
+    mem_list_kill(&job->file_list);
     _clear_tops(&m);
     debug_printf("sort folder indexes.\n");
     uint32_t start = debug_now_us();
@@ -573,9 +576,18 @@ void db_build_merge(db_job_t *job) {
     db_ref_t *final_files = (db_ref_t *) mem_alloc(((size_t) m.files.count + 1) * sizeof(db_ref_t));
     _setup_files(&m, final_files, &source_of);
     db_build_map_kill(&source_of);
+    // Every record has its final copy and nothing below reads a temporary one: they go now rather than
+    // with the job, so that the arrays still to come take their blocks instead of new memory.
+    db_pool_kill(&job->stack);
+    mem_free(m.folders.items);
+    mem_free(m.files.items);
+    mem_free(m.ntfs.items);
+    mem_free(m.refs.items);
+    m.folders.items = m.files.items = m.ntfs.items = m.refs.items = nullptr;
     if ((db->structure.word & DB_STRUCTURE_FOLDER_SIZE) && (db->structure.word & DB_STRUCTURE_SIZE))
         _folder_sizes(db, final_folders, m.folders.count, final_files, m.files.count);
-    if (db->structure.word & 0x3F00) {
+    // The extension array is one of the derived orders too, wanted on its own or beside the others.
+    if (db->structure.word & (0x3F00 | DB_STRUCTURE_FAST_EXTENSION)) {
         _other_sorts(db, true, final_folders, m.folders.count, &ranks);
         _other_sorts(db, false, final_files, m.files.count, &ranks);
     }
@@ -585,9 +597,5 @@ void db_build_merge(db_job_t *job) {
     db_build_ranks_kill(&ranks);
     mem_free(final_folders);
     mem_free(final_files);
-    mem_free(m.folders.items);
-    mem_free(m.files.items);
-    mem_free(m.ntfs.items);
-    mem_free(m.refs.items);
     mem_free(m.source_type);
 }

@@ -105,6 +105,47 @@ typedef uintptr_t (*filelist_tree_proc_t)(void *ctx, uintptr_t parent, filelist_
 // its folders and nothing more. Logs "done".
 void filelist_tree(filelist_t *list, filelist_tree_proc_t proc, void *ctx);
 
+// ---- the tree while reading ----------------------------------------------------------------------------
+// The same tree as filelist_tree, built while the rows are read instead of from sorted items: no row is
+// kept, so a list of millions of rows costs only its folders. Each row's folder is found by comparing the
+// row with the one before; where they part, each further folder is looked up among the folders seen (a
+// list sorted by plain bytes leaves a folder and comes back to it where a name holds a byte below the
+// separator). Where rows of one path lie apart in the file, the sorted walk, which sees all rows of a path
+// together and before what lies below it, gives the holder of that path's contents to the last row of
+// exactly that path: a folder row's record, or a folder made implied after them all when that row is a
+// file. The stream reaches the same tree by telling the sink more:
+// - an implied folder that a later row names keeps its record and takes the row's details (name);
+// - when a later row changes a path's holder, the new holder is a new record; at the end, move tells the
+//   sink once for each earlier holder which record takes over what it holds.
+// Records otherwise come in row order (folders before what they hold), so rows of one path keep their
+// file order, and twins (one parent, one name) come in the order the sorted walk gives them.
+
+struct filelist_sink_t {
+    filelist_tree_proc_t proc;
+    void (*name)(void *ctx, uintptr_t folder, const os_file_info_t *fd);
+    void (*move)(void *ctx, uintptr_t from, uintptr_t to);
+    void *ctx;
+};
+
+struct filelist_stream_t;
+
+// A tree for one list; sep as for filelist_init. Never null; freed by filelist_stream_finish.
+filelist_stream_t *filelist_stream_create(const filelist_sink_t *sink, char sep = OS_SEP);
+// One accepted row: its resolved path, details and flags, as filelist_read would keep them in an item.
+void filelist_stream_row(filelist_stream_t *s, const char *path, size_t len, const os_file_info_t *fd,
+                         uint8_t flags);
+// Reports the moves, frees the stream and logs "done".
+void filelist_stream_finish(filelist_stream_t *s);
+
+// Reads the list file at path straight into a tree: filelist_read and filelist_tree in one pass, with the
+// same status, the same log lines, and the reports above. Nothing reaches the sink unless the result is
+// FILELIST_OK.
+int filelist_read_tree(const char *path, const filelist_options_t *options, const filelist_sink_t *sink,
+                       char sep = OS_SEP);
+// The same over a table already open (the caller closes it); base_dir is the folder for relative rows.
+int filelist_read_tree_csv(csv_t *csv, const char *base_dir, const filelist_options_t *options,
+                           const filelist_sink_t *sink, char sep = OS_SEP);
+
 // ---- writing -------------------------------------------------------------------------------------------
 
 #define FILELIST_WRITER_BUFFER 65536

@@ -243,10 +243,27 @@ static void _add_item(filelist_t *list, const char *path, size_t len, const os_f
     list->count++;
 }
 
+// Where accepted rows go: items of a list, or a tree built as they come.
+struct _rows_t {
+    filelist_t *list;
+    filelist_stream_t *stream;
+    char sep;
+    uint32_t count;
+};
+
+static void _accept(_rows_t *rows, const char *path, size_t len, const os_file_info_t *fd, uint8_t flags) {
+    if (rows->stream) {
+        filelist_stream_row(rows->stream, path, len, fd, flags);
+    } else {
+        _add_item(rows->list, path, len, fd, flags);
+    }
+    rows->count++;
+}
+
 // One row: the fields of known columns by position; what lies beyond the header's count is left for
 // csv_next_row to read past.
-static void _read_row(filelist_t *list, csv_t *csv, const int *positions, int column_count,
-                      const char *base_dir, const filelist_options_t *options, str_t *path) {
+static void _read_row(_rows_t *rows, csv_t *csv, const int *positions, int column_count, const char *base_dir,
+                      const filelist_options_t *options, str_t *path) {
     const char *values[_COL_COUNT] = {};
     int filename_len = 0;
     for (int i = 0; i < column_count; i++) {
@@ -287,13 +304,25 @@ static void _read_row(filelist_t *list, csv_t *csv, const int *positions, int co
     uint8_t flags = folder ? FILELIST_ITEM_FOLDER : 0;
     // The common row names an absolute path in this platform's own form: resolving would copy it as it
     // stands, so it goes from the field into the item at once.
-    bool turned = list->sep == '/' ? name[0] != '/' : name[0] == '/';
-    if (!turned && filelist_path_is_absolute(name, (size_t) filename_len, list->sep)) {
-        _add_item(list, name, (size_t) filename_len, &fd, flags);
+    bool turned = rows->sep == '/' ? name[0] != '/' : name[0] == '/';
+    if (!turned && filelist_path_is_absolute(name, (size_t) filename_len, rows->sep)) {
+        _accept(rows, name, (size_t) filename_len, &fd, flags);
         return;
     }
-    filelist_resolve_path(path, base_dir, name, (size_t) filename_len, list->sep);
-    _add_item(list, path->ptr, (size_t) path->len, &fd, flags);
+    filelist_resolve_path(path, base_dir, name, (size_t) filename_len, rows->sep);
+    _accept(rows, path->ptr, (size_t) path->len, &fd, flags);
+}
+
+// Every row after the header, into rows. Logs "items %d".
+static void _read_rows(_rows_t *rows, csv_t *csv, const int *positions, int column_count,
+                       const char *base_dir, const filelist_options_t *options) {
+    str_t path;
+    str_init(&path);
+    do {
+        _read_row(rows, csv, positions, column_count, base_dir, options, &path);
+    } while (csv_next_row(csv));
+    str_kill(&path);
+    debug_printf("items %d\n", (int) rows->count);
 }
 
 int filelist_read_csv(filelist_t *list, csv_t *csv, const char *base_dir, const filelist_options_t *options) {
@@ -302,27 +331,54 @@ int filelist_read_csv(filelist_t *list, csv_t *csv, const char *base_dir, const 
     if (!_read_header(csv, positions, &column_count)) {
         return FILELIST_NO_FILENAME;
     }
-    uint32_t before = list->count;
-    str_t path;
-    str_init(&path);
-    do {
-        _read_row(list, csv, positions, column_count, base_dir, options, &path);
-    } while (csv_next_row(csv));
-    str_kill(&path);
-    debug_printf("items %d\n", (int) (list->count - before));
+    _rows_t rows = {list, nullptr, list->sep, 0};
+    _read_rows(&rows, csv, positions, column_count, base_dir, options);
     return FILELIST_OK;
 }
 
-int filelist_read(filelist_t *list, const char *path, const filelist_options_t *options) {
-    csv_t *csv = csv_open(path);
-    if (!csv) {
-        return FILELIST_OPEN_FAILED;
+int filelist_read_tree_csv(csv_t *csv, const char *base_dir, const filelist_options_t *options,
+                           const filelist_sink_t *sink, char sep) {
+    int positions[_COL_COUNT];
+    int column_count;
+    if (!_read_header(csv, positions, &column_count)) {
+        return FILELIST_NO_FILENAME;
     }
+    _rows_t rows = {nullptr, filelist_stream_create(sink, sep), sep, 0};
+    _read_rows(&rows, csv, positions, column_count, base_dir, options);
+    filelist_stream_finish(rows.stream);
+    return FILELIST_OK;
+}
+
+// Opens the list and takes its folder as the base of relative rows.
+static csv_t *_open(const char *path, char sep, str_t *base) {
+    csv_t *csv = csv_open(path);
+    if (csv) {
+        filelist_base_dir(base, path, sep);
+    }
+    return csv;
+}
+
+int filelist_read(filelist_t *list, const char *path, const filelist_options_t *options) {
     str_t base;
     str_init(&base);
-    filelist_base_dir(&base, path, list->sep);
-    int status = filelist_read_csv(list, csv, base.ptr, options);
+    csv_t *csv = _open(path, list->sep, &base);
+    int status = csv ? filelist_read_csv(list, csv, base.ptr, options) : FILELIST_OPEN_FAILED;
+    if (csv) {
+        csv_close(csv);
+    }
     str_kill(&base);
-    csv_close(csv);
+    return status;
+}
+
+int filelist_read_tree(const char *path, const filelist_options_t *options, const filelist_sink_t *sink,
+                       char sep) {
+    str_t base;
+    str_init(&base);
+    csv_t *csv = _open(path, sep, &base);
+    int status = csv ? filelist_read_tree_csv(csv, base.ptr, options, sink, sep) : FILELIST_OPEN_FAILED;
+    if (csv) {
+        csv_close(csv);
+    }
+    str_kill(&base);
     return status;
 }

@@ -212,3 +212,283 @@ void filelist_tree(filelist_t *list, filelist_tree_proc_t proc, void *ctx) {
     mem_free(items);
     debug_printf("done\n");
 }
+
+// ---- the tree while reading ----------------------------------------------------------------------------
+
+// Each folder path the rows have named or implied, once: its parent folder, its name, and the record that
+// holds what lies below the path. In the sorted walk that holder is decided by the last row of exactly
+// this path: a folder row's own record, or, when the last such row is a file, a folder made implied after
+// them all. So a later row of the path can change the holder; the earlier record is remembered, and what
+// it holds moves over at the end.
+struct _folder_t {
+    uint32_t parent; // 1-based index of the parent folder, 0 for the list's top
+    uint32_t name;   // offset in the name buffer
+    uint32_t len;
+    uint32_t hash;
+    uintptr_t handle;  // the holder
+    bool named;        // the holder is a folder row's record; false while it is implied
+    bool cut;          // the last row of this path was a file: the next content needs an implied holder
+    bool used;         // some row lies below the path
+    uint64_t children; // one bit for each hash of the folders directly below it, so that a file row
+                       // whose name is no folder's here is seen without a look into the table
+};
+
+// One open level of the previous row's folder: the folder and where its name ends in that row's path.
+struct _open_t {
+    uint32_t folder;
+    uint32_t end;
+};
+
+struct _replaced_t {
+    uintptr_t handle;
+    uint32_t folder;
+};
+
+struct filelist_stream_t {
+    filelist_sink_t sink;
+    char sep;
+    _folder_t *folders;
+    uint32_t folder_count, folder_cap;
+    char *names;
+    size_t names_len, names_cap;
+    uint32_t *slots; // open addressing: 1-based folder indexes, 0 empty; at most half full
+    uint32_t slot_mask;
+    _open_t *open;
+    uint32_t depth, open_cap;
+    str_t prev;        // the previous row's folder part, with its last separator
+    size_t prev_start; // where its first component begins (0, or 2 for a server path)
+    _replaced_t *replaced;
+    uint32_t replaced_count, replaced_cap;
+    uint64_t top_children;
+};
+
+static uint64_t _bit(uint32_t hash) {
+    return 1ull << (hash >> 26);
+}
+
+static uint32_t _name_hash(uint32_t parent, const char *name, uint32_t len) {
+    uint64_t h = 0xcbf29ce484222325ull ^ ((uint64_t) parent * 0x9E3779B97F4A7C15ull);
+    for (uint32_t i = 0; i < len; i++)
+        h = (h ^ (uint8_t) name[i]) * 0x100000001b3ull;
+    return (uint32_t) (h ^ (h >> 32));
+}
+
+static void _slots_grow(filelist_stream_t *s) {
+    uint32_t count = (s->slot_mask + 1) * 2;
+    uint32_t *slots = (uint32_t *) mem_alloc(count * sizeof(uint32_t));
+    memset(slots, 0, count * sizeof(uint32_t));
+    for (uint32_t i = 0; i < s->folder_count; i++) {
+        uint32_t h = s->folders[i].hash & (count - 1);
+        while (slots[h])
+            h = (h + 1) & (count - 1);
+        slots[h] = i + 1;
+    }
+    mem_free(s->slots);
+    s->slots = slots;
+    s->slot_mask = count - 1;
+}
+
+// The folder of this parent and name, or 0; *slot_out gets the slot where it would go.
+static uint32_t _find(const filelist_stream_t *s, uint32_t parent, const char *name, uint32_t len,
+                      uint32_t hash, uint32_t *slot_out) {
+    uint32_t h = hash & s->slot_mask;
+    for (uint32_t f; (f = s->slots[h]); h = (h + 1) & s->slot_mask) {
+        const _folder_t *e = &s->folders[f - 1];
+        if (e->hash == hash && e->parent == parent && e->len == len &&
+            memcmp(s->names + e->name, name, len) == 0)
+            return f;
+    }
+    *slot_out = h;
+    return 0;
+}
+
+static uint32_t _add_folder(filelist_stream_t *s, uint32_t slot, uint32_t parent, const char *name,
+                            uint32_t len, uint32_t hash, uintptr_t handle, bool named) {
+    if (s->folder_count == s->folder_cap) {
+        s->folder_cap = s->folder_cap ? s->folder_cap * 2 : 1024;
+        s->folders = (_folder_t *) mem_realloc(s->folders, s->folder_cap * sizeof(_folder_t));
+    }
+    if (s->names_len + len > s->names_cap) {
+        s->names_cap = (s->names_cap + len) * 2;
+        s->names = (char *) mem_realloc(s->names, s->names_cap);
+    }
+    memcpy(s->names + s->names_len, name, len);
+    s->folders[s->folder_count] = {parent, (uint32_t) s->names_len, len, hash, handle, named, false, false,
+                                   false};
+    if (parent) {
+        s->folders[parent - 1].children |= _bit(hash);
+    } else {
+        s->top_children |= _bit(hash);
+    }
+    s->names_len += len;
+    s->slots[slot] = ++s->folder_count;
+    if (2 * (uint64_t) s->folder_count > s->slot_mask)
+        _slots_grow(s);
+    return s->folder_count;
+}
+
+static uintptr_t _handle(const filelist_stream_t *s, uint32_t folder) {
+    return folder ? s->folders[folder - 1].handle : 0;
+}
+
+static void _open_push(filelist_stream_t *s, uint32_t folder, uint32_t end) {
+    if (s->depth == s->open_cap) {
+        s->open_cap = s->open_cap ? s->open_cap * 2 : 64;
+        s->open = (_open_t *) mem_realloc(s->open, s->open_cap * sizeof(_open_t));
+    }
+    s->open[s->depth++] = {folder, end};
+}
+
+static void _replace(filelist_stream_t *s, uint32_t folder, uintptr_t handle, bool named) {
+    if (s->replaced_count == s->replaced_cap) {
+        s->replaced_cap = s->replaced_cap ? s->replaced_cap * 2 : 16;
+        s->replaced = (_replaced_t *) mem_realloc(s->replaced, s->replaced_cap * sizeof(_replaced_t));
+    }
+    _folder_t *e = &s->folders[folder - 1];
+    s->replaced[s->replaced_count++] = {e->handle, folder};
+    e->handle = handle;
+    e->named = named;
+}
+
+// Content of a path whose last row was a file: an implied holder, made now unless the holder is one.
+static void _reopen(filelist_stream_t *s, uint32_t folder) {
+    _folder_t *e = &s->folders[folder - 1];
+    e->cut = false;
+    if (!e->named) {
+        return;
+    }
+    uintptr_t h = s->sink.proc(s->sink.ctx, _handle(s, e->parent), FILELIST_IMPLIED_FOLDER,
+                               s->names + e->name, e->len, &_implied_fd);
+    _replace(s, folder, h, false);
+}
+
+filelist_stream_t *filelist_stream_create(const filelist_sink_t *sink, char sep) {
+    filelist_stream_t *s = (filelist_stream_t *) mem_alloc(sizeof(filelist_stream_t));
+    memset(s, 0, sizeof(*s));
+    s->sink = *sink;
+    s->sep = sep;
+    s->slot_mask = 1023;
+    s->slots = (uint32_t *) mem_alloc(1024 * sizeof(uint32_t));
+    memset(s->slots, 0, 1024 * sizeof(uint32_t));
+    // Never null, so that empty names (the Linux top folder) compare and copy like any other.
+    s->names_cap = 4096;
+    s->names = (char *) mem_alloc(s->names_cap);
+    str_init(&s->prev);
+    return s;
+}
+
+// The folder that holds a row, made of the components of p[start, last): those the previous row shared
+// byte for byte stay open; each further one is looked up under its parent, and made (implied) when no
+// row has reached it yet. Returns the 1-based folder, 0 for the top.
+static uint32_t _open_folder(filelist_stream_t *s, const char *p, size_t start, size_t last) {
+    size_t shared = 0;
+    if (s->prev_start == start && s->prev.len > 0) {
+        size_t n = last + 1 < (size_t) s->prev.len ? last + 1 : (size_t) s->prev.len;
+        shared = _mismatch(s->prev.ptr, p, n);
+        if (shared == last + 1 && (size_t) s->prev.len == last + 1)
+            return s->depth ? s->open[s->depth - 1].folder : 0; // the same folder as the row before
+    }
+    uint32_t level = 0;
+    while (level < s->depth && s->open[level].end < shared)
+        level++;
+    s->depth = level;
+    size_t pos = level ? (size_t) s->open[level - 1].end + 1 : start;
+    uint32_t folder = level ? s->open[level - 1].folder : 0;
+    while (pos <= last) {
+        const char *c = p + pos;
+        const char *e = (const char *) memchr(c, s->sep, last - pos);
+        size_t end = e ? (size_t) (e - p) : last;
+        uint32_t n = (uint32_t) (end - pos), slot = 0;
+        uint32_t hash = _name_hash(folder, c, n);
+        uint32_t found = _find(s, folder, c, n, hash, &slot);
+        if (!found) {
+            uintptr_t h =
+                s->sink.proc(s->sink.ctx, _handle(s, folder), FILELIST_IMPLIED_FOLDER, c, n, &_implied_fd);
+            found = _add_folder(s, slot, folder, c, n, hash, h, false);
+        }
+        if (s->folders[found - 1].cut) {
+            _reopen(s, found);
+        }
+        s->folders[found - 1].used = true;
+        folder = found;
+        _open_push(s, folder, (uint32_t) end);
+        pos = end + 1;
+    }
+    str_set_n(&s->prev, p, (int) last + 1);
+    s->prev_start = start;
+    return folder;
+}
+
+void filelist_stream_row(filelist_stream_t *s, const char *p, size_t len, const os_file_info_t *fd,
+                         uint8_t flags) {
+    size_t start = len >= 2 && p[0] == s->sep && p[1] == s->sep ? 2 : 0;
+    const char *last = nullptr;
+    for (size_t k = len; k > start && !last; k--) {
+        if (p[k - 1] == s->sep) {
+            last = p + k - 1;
+        }
+    }
+    uint32_t parent = 0;
+    size_t name_at = start;
+    if (last) {
+        parent = _open_folder(s, p, start, (size_t) (last - p));
+        name_at = (size_t) (last - p) + 1;
+    } else {
+        s->depth = 0;
+        str_clear(&s->prev);
+    }
+    uint32_t n = (uint32_t) (len - name_at);
+    if (n == 0)
+        return;
+    const char *name = p + name_at;
+    uint64_t siblings = parent ? s->folders[parent - 1].children : s->top_children;
+    if (!(flags & FILELIST_ITEM_FOLDER)) {
+        s->sink.proc(s->sink.ctx, _handle(s, parent), FILELIST_FILE, name, n, fd);
+        // A file of a folder's path ends that folder's hold on what comes below the path.
+        if (!siblings) {
+            return;
+        }
+        uint32_t slot = 0, hash = _name_hash(parent, name, n);
+        uint32_t found = siblings & _bit(hash) ? _find(s, parent, name, n, hash, &slot) : 0;
+        if (found) {
+            s->folders[found - 1].cut = true;
+        }
+        return;
+    }
+    uint32_t slot = 0, hash = _name_hash(parent, name, n);
+    uint32_t found = _find(s, parent, name, n, hash, &slot);
+    if (!found) {
+        uintptr_t h = s->sink.proc(s->sink.ctx, _handle(s, parent), FILELIST_FOLDER, name, n, fd);
+        _add_folder(s, slot, parent, name, n, hash, h, true);
+        return;
+    }
+    _folder_t *e = &s->folders[found - 1];
+    e->cut = false;
+    if (!e->named) {
+        // An implied holder that a row names: the same record, with the row's details.
+        e->named = true;
+        s->sink.name(s->sink.ctx, e->handle, fd);
+        return;
+    }
+    _replace(s, found, s->sink.proc(s->sink.ctx, _handle(s, parent), FILELIST_FOLDER, name, n, fd), true);
+}
+
+void filelist_stream_finish(filelist_stream_t *s) {
+    // Paths whose last row was a file while rows lie below them: their holder is implied. Parents come
+    // before their folders, so each is made under its parent's final holder.
+    for (uint32_t i = 1; i <= s->folder_count; i++) {
+        if (s->folders[i - 1].cut && s->folders[i - 1].used) {
+            _reopen(s, i);
+        }
+    }
+    for (uint32_t i = 0; i < s->replaced_count; i++)
+        s->sink.move(s->sink.ctx, s->replaced[i].handle, s->folders[s->replaced[i].folder - 1].handle);
+    mem_free(s->folders);
+    mem_free(s->names);
+    mem_free(s->slots);
+    mem_free(s->open);
+    mem_free(s->replaced);
+    str_kill(&s->prev);
+    mem_free(s);
+    debug_printf("done\n");
+}

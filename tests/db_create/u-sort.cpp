@@ -3,9 +3,13 @@
 // each other, long shared prefixes beyond the eight-character key, invalid bytes, folders whose paths
 // fold alike, deep chains, exact duplicates, and values that are all unknown or mostly equal.
 #include "../db/db_fixture.h"
+#include "build_fixture.h"
+#include "db/dbfile.h"
 #include "db_create/db_create.h"
 
 #include <functional>
+#include <regex>
+#include <sstream>
 
 namespace {
 
@@ -223,4 +227,63 @@ TEST(BuildSort, MapKeepsEveryKey) {
         ASSERT_EQ(db_build_map_get(&m, i * 4096), i);
     EXPECT_EQ(db_build_map_get(&m, 4097), UINT32_MAX);
     db_build_map_kill(&m);
+}
+
+// ---- the arrays and log of a whole merge ---------------------------------------------------------------
+
+class BuildMergeTest : public BuildTest {};
+
+// The extension array alone, without any other derived order: it must be filled, or the index holds a
+// structure bit without its array and every save refuses it.
+TEST_F(BuildMergeTest, ExtensionArrayAloneIsFilled) {
+    fast_size_sort = fast_date_modified_sort = fast_path_sort = 0;
+    fast_extension_sort = 1;
+    add_filelist(file("l.swl", "Filename\r\n"
+                               "/e/b.txt\r\n/e/a.TXT\r\n/e/noext\r\n/e/.profile\r\n/e/z.tar.gz\r\n"
+                               "/e/c.c\r\n/e/sub/d.txt\r\n"));
+    rebuild();
+    ASSERT_EQ(db->structure.word & 0x3F00, 0u);
+    ASSERT_EQ(db->files.count, 7u);
+    ASSERT_EQ(db->files_by_extension.count, db->files.count);
+    std::vector<db_ref_t> got;
+    int c = 0, pos = -1;
+    for (db_ref_t r; (r = mem_array_next(&db->files_by_extension, &c, &pos));)
+        got.push_back(r);
+    EXPECT_TRUE(std::is_sorted(got.begin(), got.end(), [&](db_ref_t a, db_ref_t b) {
+        return db_compare(db, DB_ORDER_EXTENSION, false, a, b) < 0;
+    }));
+    std::string saved = at("x.db");
+    EXPECT_TRUE(db_file_save(db, saved.c_str(), (saved + ".tmp").c_str(), false));
+}
+
+// Every line the merge logs about what it drops is a line of its own: one time stamp, at its start.
+TEST_F(BuildMergeTest, DropLinesEndTheirLine) {
+    // Not beside the list: the list's monitor would take each log line for a change of the list.
+    fs::create_directories(at("log"));
+    std::string log = at("log/merge.log");
+    ASSERT_TRUE(debug_open_log_path(log.c_str()));
+    bool verbose = debug_verbose;
+    debug_verbose = true;
+    config_exclude_folders.items = nullptr;
+    *vec_push(&config_exclude_folders) = heap_text("gone");
+    set_text(&exclude_files, "*.tmp");
+    add_filelist(file("l.swl", "Filename,Attributes\r\n"
+                               "/r/d,16\r\n/r/d,16\r\n/r/d/x.txt\r\n" // a folder named twice
+                               "/r/e/y.txt\r\n/r/e/y.txt\r\n"         // a file named twice
+                               "/r/e/skip.tmp\r\n"                    // an excluded file
+                               "/r/gone/z.txt\r\n"));                 // under an excluded folder
+    rebuild();
+    debug_verbose = verbose;
+    debug_close_log();
+    std::ifstream in(log, std::ios::binary);
+    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    for (const char *want : {"found folder name dupe d", "found file name dupe y.txt",
+                             "excluded file: skip.tmp", "excluded folder: gone", "null parent file: z.txt"})
+        EXPECT_NE(text.find(want), std::string::npos) << want;
+    const std::regex stamp("\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3}: ");
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        auto n = std::distance(std::sregex_iterator(line.begin(), line.end(), stamp), std::sregex_iterator());
+        EXPECT_EQ(n, 1) << line;
+    }
 }

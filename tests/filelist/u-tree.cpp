@@ -4,6 +4,7 @@
 #include "filelist_test.h"
 
 #include <algorithm>
+#include <functional>
 #include <map>
 #include <random>
 #include <set>
@@ -204,4 +205,155 @@ TEST(FilelistTree, GeneratedListMatchesModel) {
     check_generated_list(OS_SEP, 100000, 7);
     // The other platform's separator on a smaller list.
     check_generated_list(OS_SEP == '/' ? '\\' : '/', 20000, 11);
+}
+
+// ---- the tree while reading ----------------------------------------------------------------------------
+
+namespace {
+
+// Records what the streaming tree reports, applying the renames and moves as the index build does.
+struct stream_record {
+    std::vector<tree_node> nodes;
+};
+
+uintptr_t stream_proc(void *ctx, uintptr_t parent, filelist_kind_t kind, const char *name, uint32_t len,
+                      const os_file_info_t *fd) {
+    stream_record *r = (stream_record *) ctx;
+    r->nodes.push_back({parent, kind, std::string(name, len), "", *fd});
+    return r->nodes.size();
+}
+
+void stream_name(void *ctx, uintptr_t folder, const os_file_info_t *fd) {
+    tree_node &n = ((stream_record *) ctx)->nodes[folder - 1];
+    ASSERT_EQ(n.kind, FILELIST_IMPLIED_FOLDER);
+    n.kind = FILELIST_FOLDER;
+    n.fd = *fd;
+}
+
+void stream_move(void *ctx, uintptr_t from, uintptr_t to) {
+    for (tree_node &n : ((stream_record *) ctx)->nodes)
+        if (n.parent == from)
+            n.parent = to;
+}
+
+std::vector<tree_node> stream_of_text(const std::string &text, const char *base, char sep,
+                                      filelist_options_t options = {}) {
+    stream_record r;
+    filelist_sink_t sink = {stream_proc, stream_name, stream_move, &r};
+    csv_t *csv = csv_open_memory(text.data(), text.size());
+    filelist_read_tree_csv(csv, base, &options, &sink, sep);
+    csv_close(csv);
+    return r.nodes;
+}
+
+// What the index keeps of a tree: each record as its path, where every component carries its rank among
+// the siblings of its kind with the same name in the order they came (the merge keeps the first of such
+// twins and drops the others with all they hold), its kind (named or implied alike) and its details.
+std::vector<std::string> canonical(const std::vector<tree_node> &nodes) {
+    std::vector<int> twin(nodes.size());
+    std::map<std::tuple<size_t, bool, std::string>, int> seen;
+    for (size_t i = 0; i < nodes.size(); i++)
+        twin[i] = seen[{nodes[i].parent, nodes[i].kind != FILELIST_FILE, nodes[i].name}]++;
+    // A record may have moved under a folder made after it, so keys are made parent first.
+    std::vector<std::string> key(nodes.size());
+    std::function<const std::string &(size_t)> key_of = [&](size_t i) -> const std::string & {
+        if (key[i].empty()) {
+            const tree_node &n = nodes[i];
+            key[i] = (n.parent ? key_of(n.parent - 1) + "|" : "") + n.name + "#" + std::to_string(twin[i]);
+        }
+        return key[i];
+    };
+    for (size_t i = 0; i < nodes.size(); i++)
+        key_of(i);
+    std::vector<std::string> out;
+    for (size_t i = 0; i < nodes.size(); i++) {
+        const tree_node &n = nodes[i];
+        char details[160];
+        snprintf(details, sizeof(details), " %llu %llu %llu %llu %u", (unsigned long long) n.fd.size,
+                 (unsigned long long) n.fd.date_created, (unsigned long long) n.fd.date_modified,
+                 (unsigned long long) n.fd.date_accessed, n.fd.attributes);
+        out.push_back((n.kind == FILELIST_FILE ? "F " : "D ") + key[i] + details);
+    }
+    std::sort(out.begin(), out.end());
+    return out;
+}
+
+// A list of paths over few names, so that rows repeat and part and rejoin: folders named twice, named
+// after their contents, implied and named later, files and folders of one path, trailing separators,
+// server paths, and names with bytes on both sides of the separator.
+std::string clashing_list(std::mt19937 &rng, char sep, int rows, bool sorted) {
+    static const char *const names[] = {"a", "a b", "a-b", "a.b", "A", "b", "\xC3\xA4", "a0"};
+    std::vector<std::string> lines;
+    for (int i = 0; i < rows; i++) {
+        std::string p = rng() % 8 == 0 ? std::string(2, sep) + "srv" : (sep == '\\' ? "C:" : "");
+        int depth = 1 + (int) (rng() % 4);
+        for (int d = 0; d < depth; d++)
+            p += sep + std::string(names[rng() % 8]);
+        if (rng() % 16 == 0)
+            p += sep;
+        unsigned attributes = rng() % 3 == 0 ? 16 : 32;
+        if (rng() % 20 == 0)
+            attributes |= 2;
+        // Distinct details, so that the test sees which row a record took them from.
+        lines.push_back("\"" + p + "\"," + std::to_string(i) + "," + std::to_string(1000 + i) + "," +
+                        std::to_string(attributes));
+    }
+    if (sorted)
+        std::sort(lines.begin(), lines.end());
+    std::string text = "Filename,Size,Date Modified,Attributes\n";
+    for (const std::string &l : lines)
+        text += l + "\n";
+    return text;
+}
+
+} // namespace
+
+TEST(FilelistStream, GivesTheTreeOfTheSortedWalk) {
+    for (char sep : {'/', '\\'}) {
+        const char *base = sep == '/' ? "/lists" : "D:\\lists";
+        for (uint32_t seed = 1; seed <= 60; seed++) {
+            std::mt19937 rng(seed);
+            std::string text = clashing_list(rng, sep, 20 + (int) (seed * 7), seed % 2 == 0);
+            filelist_options_t options = {seed % 3 == 0, false};
+            std::vector<std::string> got = canonical(stream_of_text(text, base, sep, options));
+            std::vector<std::string> want = canonical(tree_of_text(text, base, sep, options));
+            std::vector<std::string> extra, missing;
+            std::set_difference(got.begin(), got.end(), want.begin(), want.end(), std::back_inserter(extra));
+            std::set_difference(want.begin(), want.end(), got.begin(), got.end(),
+                                std::back_inserter(missing));
+            ASSERT_TRUE(extra.empty() && missing.empty())
+                << "separator " << sep << " seed " << seed << "\nonly streamed:\n"
+                << ::testing::PrintToString(extra) << "\nonly walked:\n"
+                << ::testing::PrintToString(missing) << "\n"
+                << text;
+        }
+    }
+}
+
+TEST(FilelistStream, NamedTwiceMovesWhatTheFolderHoldsToTheLastName) {
+    // The folder is implied by the first row, named by the second (same record, its details), named
+    // again by the third (a record of its own, which takes over everything below the path).
+    auto nodes = stream_of_text(
+        "Filename,Size,Attributes\n/d/x,1,32\n/d,0,16\n/d/y,2,32\n/d,0,16\n/d/e/z,3,32\n", "/l", '/');
+    ASSERT_EQ(nodes.size(), 7u);
+    EXPECT_EQ(nodes[1].name, "d");
+    EXPECT_EQ(nodes[1].kind, FILELIST_FOLDER);
+    EXPECT_EQ(nodes[4].name, "d");
+    for (const tree_node &n : nodes) {
+        if (n.name == "x" || n.name == "y" || n.name == "e") {
+            EXPECT_EQ(n.parent, 5u) << n.name;
+        }
+    }
+}
+
+TEST(FilelistStream, OpenFailureAndMissingFilenameReachNoSink) {
+    stream_record r;
+    filelist_sink_t sink = {stream_proc, stream_name, stream_move, &r};
+    filelist_options_t options = {};
+    EXPECT_EQ(filelist_read_tree("/nonexistent/sw-list.swl", &options, &sink), FILELIST_OPEN_FAILED);
+    std::string text = "Name,Size\n/a/b,1\n";
+    csv_t *csv = csv_open_memory(text.data(), text.size());
+    EXPECT_EQ(filelist_read_tree_csv(csv, "/l", &options, &sink, '/'), FILELIST_NO_FILENAME);
+    csv_close(csv);
+    EXPECT_TRUE(r.nodes.empty());
 }

@@ -25,8 +25,8 @@ void *mem_alloc(size_t size);
 void *mem_try_alloc(size_t size);
 // Resizes a block from mem_alloc (null acts as mem_alloc), keeping its content. Failure is fatal.
 void *mem_realloc(void *ptr, size_t size);
-// Frees a block from mem_alloc, mem_try_alloc, mem_realloc or mem_dup. Null is ignored. A failed free is
-// only logged.
+// Frees a block from mem_alloc, mem_try_alloc, mem_realloc or mem_dup. Null is ignored. A block the heap
+// refuses is only logged, "HeapFree(<heap>,0,<block>): <error>: Failed to free.", and left alone.
 void mem_free(void *ptr);
 // Fresh, committed, zeroed pages outside the heap, for large short-lived blocks. Failure is fatal with
 // "out of memory, size: %p, error: %u". Give them back with mem_virtual_free and the same size.

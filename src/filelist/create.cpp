@@ -12,6 +12,7 @@
 #include "mem/mem.h"
 #include "mem/stack.h"
 #include "os/os_dir.h"
+#include "text/text.h"
 
 // ---- filters -------------------------------------------------------------------------------------------
 
@@ -47,7 +48,18 @@ void filelist_filter_kill(filelist_filter_t *f) {
 
 bool filelist_filter_match(const filelist_filter_t *f, void *match_data, const char *name, uint32_t len,
                            const char *path, uint32_t plen) {
-    return db_exclude_list_match(f->items, match_data, name, len, path, plen);
+    for (const db_exclude_item_t *item = f->items; item; item = item->next) {
+        // The index's exclude rule takes a plain path as the folder and all below it; here it names one
+        // item, so that a files filter that names a folder's path leaves that folder's files listed.
+        if (item->kind == DB_EXCLUDE_PATH) {
+            if (text_compare_lower(path, plen, item->text, item->length) == 0) {
+                return true;
+            }
+        } else if (db_exclude_item_match(item, match_data, name, len, path, plen)) {
+            return true;
+        }
+    }
+    return false;
 }
 
 // ---- the walk ------------------------------------------------------------------------------------------

@@ -5,7 +5,8 @@
 // - A filter list is split at ';' and each non-empty item taken as it stands. An item beginning "regex:"
 //   is a regular expression, one holding '*' or '?' a wildcard, any other a name compared with case
 //   folded. Each matches the item's name alone, or its full path when the item holds the platform's
-//   separator ('\\' on Windows, '/' on Linux). A plain path matches the folder it names and all below.
+//   separator ('\\' on Windows, '/' on Linux). A plain path is the whole path of one item, compared with
+//   case folded: it does not reach what lies below the folder it names.
 // - The walk never follows a link: a symbolic link or folder junction is listed, not entered.
 // - Paths in a written list use the platform's separator; they are relative to the list's folder only
 //   when file_list_relative_paths is on and every path lies below that folder.

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "debug/debug.h"
+#include "filelist/date.h"
 #include "mem/mem.h"
 #include "text/text.h"
 
@@ -199,10 +200,6 @@ static uint64_t _parse_number(const char *s) {
     return v;
 }
 
-static uint64_t _parse_date(const char *field) {
-    return field && field[0] ? text_parse_filetime(field) : UINT64_MAX;
-}
-
 // Reads the header row: for each known column its position (the last one of a name wins), and the count
 // of all columns. False when there is no header or no "Filename".
 static bool _read_header(csv_t *csv, int *positions, int *column_count) {
@@ -296,9 +293,9 @@ static void _read_row(_rows_t *rows, csv_t *csv, const int *positions, int colum
     } else {
         fd.size = values[_COL_SIZE] && values[_COL_SIZE][0] ? _parse_number(values[_COL_SIZE]) : UINT64_MAX;
     }
-    fd.date_created = _parse_date(values[_COL_CREATED]);
-    fd.date_modified = _parse_date(values[_COL_MODIFIED]);
-    fd.date_accessed = _parse_date(values[_COL_ACCESSED]);
+    fd.date_created = filelist_parse_date(values[_COL_CREATED]);
+    fd.date_modified = filelist_parse_date(values[_COL_MODIFIED]);
+    fd.date_accessed = filelist_parse_date(values[_COL_ACCESSED]);
     fd.attributes = attributes;
     const char *name = values[_COL_FILENAME];
     uint8_t flags = folder ? FILELIST_ITEM_FOLDER : 0;

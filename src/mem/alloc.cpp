@@ -1,7 +1,7 @@
-// The allocator. Everything goes to the C heap: it is thread-safe on both targets and nothing in the
-// program needs a heap of its own. The fatal texts keep the location that the support staff know from the
-// log ("mem.c", lines 734 and 776), whatever file this code lives in now.
-#include <cstdlib>
+// The allocator. Everything goes to the platform's heap (the process heap on Windows, the C heap on
+// Linux): it is thread-safe on both targets and nothing in the program needs a heap of its own. The fatal
+// texts keep the location that the support staff know from the log ("mem.c", lines 734 and 776), whatever
+// file this code lives in now.
 #include <cstring>
 
 #include "debug/debug.h"
@@ -9,7 +9,7 @@
 #include "os/os.h"
 
 void *mem_alloc(size_t size) {
-    void *p = malloc(size ? size : 1);
+    void *p = os_heap_alloc(size);
     if (!p) {
         debug_fatal("mem.c", 734, "mem_alloc", "out of memory %p", size);
     }
@@ -17,21 +17,25 @@ void *mem_alloc(size_t size) {
 }
 
 void *mem_try_alloc(size_t size) {
-    return malloc(size ? size : 1);
+    return os_heap_alloc(size);
 }
 
 void *mem_realloc(void *ptr, size_t size) {
-    void *p = realloc(ptr, size ? size : 1);
+    void *p = os_heap_realloc(ptr, size);
     if (!p) {
         debug_fatal("mem.c", 734, "mem_alloc", "out of memory %p", size);
     }
     return p;
 }
 
-// The C heap has no failure to report here (a bad pointer is undefined, not an error code), so the
-// "Failed to free" line of a Windows heap never arises.
+// A block the heap refuses is logged and given up: the caller has no use for it any more, and ending the
+// program over memory it was done with would lose more than the block.
 void mem_free(void *ptr) {
-    free(ptr);
+    if (!os_heap_free(ptr)) {
+        uint32_t error = os_last_error();
+        debug_printf("HeapFree(0x%08x,0,0x%08x): %d: Failed to free.\n", (uint32_t) os_heap_handle(),
+                     (uint32_t) (uintptr_t) ptr, (int) error);
+    }
 }
 
 void *mem_virtual_alloc(size_t size) {

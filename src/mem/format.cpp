@@ -64,11 +64,12 @@ static void _put_signed(format_out_t *o, int64_t v, int width, bool zero_fill) {
     _put_number(o, m, v < 0, 10, false, width, zero_fill);
 }
 
-static void _put_micro_seconds(format_out_t *o, int v, int width, bool zero_fill) {
-    uint64_t m = v < 0 ? 0 - (uint64_t) (int64_t) v : (uint64_t) v;
-    _put_number(o, m / 1000000, v < 0, 10, false, width, zero_fill);
+// The count is unsigned: intervals are differences of a 32-bit microsecond clock, and read as signed
+// anything above 35 minutes would print as a negative time.
+static void _put_micro_seconds(format_out_t *o, uint32_t v, int width, bool zero_fill) {
+    _put_number(o, v / 1000000, false, 10, false, width, zero_fill);
     _put(o, '.');
-    _put_number(o, m % 1000000, false, 10, false, 6, true);
+    _put_number(o, v % 1000000, false, 10, false, 6, true);
 }
 
 static void _put_utf16(format_out_t *o, const uint16_t *w, int n) {
@@ -118,10 +119,11 @@ static void _directive(format_out_t *o, const char **pp, va_list *args, int widt
     }
     case 'p':
     case 'P':
-        _put_number(o, (uint64_t) va_arg(*args, uintptr_t), false, 16, c == 'P', 8, true);
+        // Exactly eight digits, the low 32 bits: log lines keep one width whatever the pointer's size.
+        _put_number(o, (uint32_t) va_arg(*args, uintptr_t), false, 16, c == 'P', 8, true);
         break;
     case 'f':
-        _put_micro_seconds(o, va_arg(*args, int), width, zero_fill);
+        _put_micro_seconds(o, va_arg(*args, uint32_t), width, zero_fill);
         break;
     case 's': {
         const char *s = va_arg(*args, const char *);

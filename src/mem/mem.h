@@ -25,8 +25,8 @@ void *mem_alloc(size_t size);
 void *mem_try_alloc(size_t size);
 // Resizes a block from mem_alloc (null acts as mem_alloc), keeping its content. Failure is fatal.
 void *mem_realloc(void *ptr, size_t size);
-// Frees a block from mem_alloc, mem_try_alloc, mem_realloc or mem_dup. Null is ignored. A failed free is
-// only logged.
+// Frees a block from mem_alloc, mem_try_alloc, mem_realloc or mem_dup. Null is ignored. A block the heap
+// refuses is only logged, "HeapFree(<heap>,0,<block>): <error>: Failed to free.", and left alone.
 void mem_free(void *ptr);
 // Fresh, committed, zeroed pages outside the heap, for large short-lived blocks. Failure is fatal with
 // "out of memory, size: %p, error: %u". Give them back with mem_virtual_free and the same size.
@@ -112,10 +112,10 @@ void wstr_clear(wstr_t *s);
 //   %%                 a percent sign
 //   %d %u %x %X        int / unsigned: signed decimal, unsigned decimal, hex in that letter case
 //   %I64d %I64u %I64x %I64X   int64_t / uint64_t, the same forms
-//   %p %P              a pointer-sized value (void * or size_t): hex in that letter case, at least 8
-//                      digits, zero filled; a value above 32 bits prints all its digits (nothing is cut)
-//   %f                 int count of microseconds as seconds: value / 1000000, '.', value % 1000000 in
-//                      exactly six digits; a negative count prints '-' and the magnitude
+//   %p %P              a pointer-sized value (void * or size_t): always 8 hex digits in that letter
+//                      case, zero filled: the low 32 bits of the value
+//   %f                 uint32_t (or int, read as unsigned) count of microseconds as seconds:
+//                      value / 1000000, '.', value % 1000000 in exactly six digits
 //   %s                 zero-terminated UTF-8 (null prints "(null)")
 //   %S                 zero-terminated UTF-16 (const uint16_t *), converted to UTF-8 (null prints nothing)
 //   %t                 const char * then int byte count: counted UTF-8, no terminator needed

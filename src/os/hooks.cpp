@@ -8,6 +8,7 @@ os_hooks_t os_hooks = {os_real_filetime_now,
                        os_real_processor_count,
                        os_real_locale_get,
                        nullptr,
+                       nullptr,
                        nullptr};
 
 void os_hooks_reset() {
@@ -18,6 +19,7 @@ void os_hooks_reset() {
     os_hooks.locale_get = os_real_locale_get;
     os_hooks.file_read = nullptr;
     os_hooks.file_read_at = nullptr;
+    os_hooks.heap_free_fails = nullptr;
 }
 
 uint64_t os_filetime_now() {

@@ -181,6 +181,16 @@ void os_vm_release(void *ptr, size_t size);
 void *os_vm_alloc(size_t size);
 void os_vm_free(void *ptr, size_t size);
 
+// The heap every small block of the program comes from: the process heap on Windows, the C heap on
+// Linux. Alloc and realloc return null on failure (realloc then keeps the old block; a null ptr
+// allocates). Free returns false when the heap refuses the block, with os_last_error saying why; the C
+// heap never refuses, but os_hooks.heap_free_fails can make it. Free of null does nothing and succeeds.
+void *os_heap_alloc(size_t size);
+void *os_heap_realloc(void *ptr, size_t size);
+bool os_heap_free(void *ptr);
+// The heap's handle as a number, for log lines (0 for the C heap).
+uintptr_t os_heap_handle();
+
 // ---- locks, events, raw threads ------------------------------------------------------------------------
 
 // A lock (critical section / mutex). Storage is opaque and lives where the caller puts it.
@@ -326,6 +336,9 @@ struct os_hooks_t {
     int64_t (*file_read)(os_file_t f, void *buf, size_t n);
     // The same for positional reads (volume and image readers), null for the platform read.
     int64_t (*file_read_at)(os_file_t f, uint64_t offset, void *buf, size_t n);
+    // Fault injection for the heap: when non-null and true for a block, os_heap_free fails on it as a
+    // heap that refuses the block would, leaving the block alone.
+    bool (*heap_free_fails)(void *ptr);
 };
 extern os_hooks_t os_hooks;
 void os_hooks_reset();

@@ -279,6 +279,10 @@ TEST_F(CreateTest, Filters) {
         {"*.log;*.tmp", "", "", [&](const std::string &p) { return !ends(p, ".log") && !ends(p, ".tmp"); }},
         {at("sub/c.txt"), "", "", [&](const std::string &p) { return p != at("sub/c.txt"); }},
         {at("sub") + S + "*.log", "", "", [&](const std::string &p) { return p != at("sub/d.log"); }},
+        // A path among the file filters names that file alone: a folder's path keeps its files.
+        {at("sub"), "", "", [&](const std::string &) { return true; }},
+        {at("SUB/C.TXT"), "", "", [&](const std::string &p) { return p != at("sub/c.txt"); }},
+        {"", "", at("sub/c.txt"), [&](const std::string &p) { return is_dir(p) || p == at("sub/c.txt"); }},
         {"regex:sub" + rsep + "deep" + rsep, "", "",
          [&](const std::string &p) { return p != at("sub/deep/e.txt"); }},
         {"", "skip", "", [&](const std::string &p) { return !under(p, "Skip"); }},
@@ -312,20 +316,24 @@ TEST_F(CreateTest, FilterKindsOnNamesAndPaths) {
         std::string path; // the name is its last component
         bool match;
     } cases[] = {
-        {"readme", dir + S + "README", true},                  // a name, folded
-        {"readme", dir + S + "readme.txt", false},             // the whole name
-        {"re*me", dir + S + "ReadMe", true},                   // a wildcard on the name
-        {"r?adme", dir + S + "readme", true},                  //
-        {"*.TXT", dir + S + "a.txt", true},                    //
-        {"sub", dir, true},                                    // a folder's name
-        {dir, dir, true},                                      // a path, equal
-        {S + "data" + S + "sub", dir, true},                   // folded
-        {S + "data" + S + "su", dir, false},                   // not a prefix of a name
-        {S + "data" + S + "*" + S + "x", dir + S + "x", true}, // a wildcard on the path
-        {"*" + S + "x", dir + S + "y", false},                 //
-        {"regex:^rea", dir + S + "Readme", true},              // a regular expression, folded
-        {"regex:^data", dir + S + "datafile", true},           // on the name alone
-        {"regex:^sub", dir + S + "file", false},               // the name, not the path
+        {"readme", dir + S + "README", true},                   // a name, folded
+        {"readme", dir + S + "readme.txt", false},              // the whole name
+        {"re*me", dir + S + "ReadMe", true},                    // a wildcard on the name
+        {"r?adme", dir + S + "readme", true},                   //
+        {"*.TXT", dir + S + "a.txt", true},                     //
+        {"sub", dir, true},                                     // a folder's name
+        {dir, dir, true},                                       // a path, equal
+        {S + "data" + S + "sub", dir, true},                    // folded
+        {S + "data" + S + "su", dir, false},                    // not a prefix of a name
+        {dir, dir + S + "readme", false},                       // the path of one item, not of all below
+        {S + "DATA", dir, false},                               //
+        {dir + S + "RÉSUMÉ.TXT", dir + S + "résumé.txt", true}, // folded beyond ASCII too
+        {"ÉTÉ", dir + S + "été", true},                         // and so is a name
+        {S + "data" + S + "*" + S + "x", dir + S + "x", true},  // a wildcard on the path
+        {"*" + S + "x", dir + S + "y", false},                  //
+        {"regex:^rea", dir + S + "Readme", true},               // a regular expression, folded
+        {"regex:^data", dir + S + "datafile", true},            // on the name alone
+        {"regex:^sub", dir + S + "file", false},                // the name, not the path
         {"regex:Sub" + std::string(OS_SEP == '\\' ? "\\\\" : "/") + "f", dir + S + "file", true},
         {"a;b;;readme", dir + S + "README", true}, // a list; empty items are nothing
         {"a;b", dir + S + "README", false},        //

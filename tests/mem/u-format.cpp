@@ -91,12 +91,19 @@ TEST(Format, MicrosecondsAsSeconds) {
     EXPECT_EQ(fmt("%f", 7), "0.000007");
     EXPECT_EQ(fmt("%f", 0), "0.000000");
     EXPECT_EQ(fmt("%f", 123456789), "123.456789");
-    EXPECT_EQ(fmt("%f", -7), "-0.000007");
-    EXPECT_EQ(fmt("%f", INT_MIN), "-2147.483648");
+    // The count is unsigned 32 bits: intervals from 35 minutes 47 seconds up to 71 minutes 34 seconds
+    // print as they are, not as negative times.
+    EXPECT_EQ(fmt("%f", 2147483647u), "2147.483647");
+    EXPECT_EQ(fmt("%f", 2147483648u), "2147.483648");
+    EXPECT_EQ(fmt("%f", 37u * 60 * 1000000), "2220.000000");
+    EXPECT_EQ(fmt("%f", UINT32_MAX), "4294.967295");
+    // A difference of two readings of the clock, passed as int as the log lines do.
+    uint32_t start = 4000000000u, end = start + 2500000000u;
+    EXPECT_EQ(fmt("%f", (int) (end - start)), "2500.000000");
     // Width applies to the integer part only.
     EXPECT_EQ(fmt("%4f", 1500000), "   1.500000");
     EXPECT_EQ(fmt("%04f", 1500000), "0001.500000");
-    EXPECT_EQ(fmt("%04f", -1500000), "-001.500000");
+    EXPECT_EQ(fmt("%06f", 3000000000u), "003000.000000");
 }
 
 TEST(Format, Pointers) {
@@ -105,8 +112,11 @@ TEST(Format, Pointers) {
     EXPECT_EQ(fmt("%P", (void *) (uintptr_t) 0xabcdef12), "ABCDEF12");
     // A size passed where a pointer is expected, as the fatal messages do.
     EXPECT_EQ(fmt("%p", (size_t) 65536), "00010000");
-    // Nothing is cut from a value above 32 bits.
-    EXPECT_EQ(fmt("%p", (void *) (uintptr_t) 0x123456789aULL), "123456789a");
+    // Always eight digits: a value above 32 bits prints its low 32 bits.
+    if (sizeof(uintptr_t) == 8) {
+        EXPECT_EQ(fmt("%p", (void *) (uintptr_t) 0x123456789aULL), "3456789a");
+        EXPECT_EQ(fmt("%P|%d", (size_t) 0xffffffff0000abcdULL, 5), "0000ABCD|5");
+    }
     // Width has no effect on pointers.
     EXPECT_EQ(fmt("%12p", (void *) (uintptr_t) 1), "00000001");
 }

@@ -3,6 +3,7 @@
 #include "mem/mem.h"
 #include "os/os_internal.h"
 #include "os/os_shell.h"
+#include "os/posix/user_dirs.h"
 
 #include <pwd.h>
 #include <stdlib.h>
@@ -122,9 +123,7 @@ static bool _value(const char *p, const char *end, str_t *out) {
     return ok;
 }
 
-// The value of XDG_<key>_DIR in the text of the file; the last line that sets it wins, as when a shell
-// sources the file.
-static bool _find_user_dir(const char *text, size_t len, const char *key, str_t *out) {
+bool os_user_dirs_find(const char *text, size_t len, const char *key, str_t *out) {
     str_t name;
     str_init(&name);
     str_printf(&name, "XDG_%s_DIR", key);
@@ -164,7 +163,7 @@ static void _user_dir(str_t *out, const char *key, const char *def) {
             str_cat(&text, buf, (int) n);
         }
         os_file_close(f);
-        found = _find_user_dir(text.ptr, (size_t) text.len, key, out);
+        found = os_user_dirs_find(text.ptr, (size_t) text.len, key, out);
     }
     if (!found) {
         _home(out);

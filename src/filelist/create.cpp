@@ -52,7 +52,7 @@ bool filelist_filter_match(const filelist_filter_t *f, void *match_data, const c
         // The index's exclude rule takes a plain path as the folder and all below it; here it names one
         // item, so that a files filter that names a folder's path leaves that folder's files listed.
         if (item->kind == DB_EXCLUDE_PATH) {
-            if (text_compare_lower(path, plen, item->text, item->length) == 0) {
+            if (text_compare_lower(path, plen, item->match, item->match_length) == 0) {
                 return true;
             }
         } else if (db_exclude_item_match(item, match_data, name, len, path, plen)) {

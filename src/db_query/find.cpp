@@ -31,9 +31,44 @@ static void _push(db_search_worker_t *w, mem_ref_t r) {
 
 // ---- the single-op loops ---------------------------------------------------------------------------------
 
-// How far ahead of the record being tested the loop asks for a record's bytes: the arrays are in name
-// order, not memory order, so each record is a cache miss that the prefetch overlaps with the tests.
-#define FIND_PREFETCH_AHEAD 8
+// One chunk through the folding matcher alone: terms the byte filter can't take.
+static void _match_chunk(db_search_worker_t *w, text_matcher_t match, const db_op_text_t *t, bool neg,
+                         const mem_ref_t *items, uint32_t n) {
+    for (uint32_t i = 0; i < n && !w->query->cancel_search; i++) {
+        uint32_t len;
+        const char *name = db_record_name(items[i], &len);
+        if (match(name, len, t->text, t->len) != neg)
+            _push(w, items[i]);
+    }
+}
+
+// One chunk through the byte filter: it marks the hits and the names only the matcher can decide, so the
+// records between marks are misses and a negated op takes them all.
+static void _filter_chunk(db_search_worker_t *w, const db_scan_term_t *st, text_matcher_t match,
+                          const db_op_text_t *t, bool neg, const mem_ref_t *items, uint32_t n) {
+    uint32_t marks[MEM_ARRAY_CHUNK_SLOTS];
+    uint32_t mark_count;
+    uint32_t done = db_scan_records(st, items, n, &w->query->cancel_search, marks, &mark_count);
+    uint32_t next = 0; // the first record not yet pushed or passed over
+    for (uint32_t k = 0; k < mark_count; k++) {
+        uint32_t i = marks[k] & ~DB_SCAN_MARK_HIGH;
+        if (neg)
+            for (; next < i; next++)
+                _push(w, items[next]);
+        bool hit = true;
+        if (marks[k] & DB_SCAN_MARK_HIGH) {
+            uint32_t len;
+            const char *name = db_record_name(items[i], &len);
+            hit = match(name, len, t->text, t->len);
+        }
+        if (hit != neg)
+            _push(w, items[i]);
+        next = i + 1;
+    }
+    if (neg)
+        for (; next < done; next++)
+            _push(w, items[next]);
+}
 
 // A name "contains" op alone in its chain, the hot case of a typed word: the matcher and the term stay
 // in locals and no op is chased per record. A pure-ASCII term goes through the byte filter of scan.h; in
@@ -71,24 +106,12 @@ static bool _fast_contains(db_search_worker_t *w, const db_op_t *op) {
     for (uint32_t c = w->first_chunk; c < w->first_chunk + w->chunk_count; c++) {
         const mem_array_chunk_t *chunk = w->array->table[c];
         const mem_ref_t *items = mem_array_chunk_items(chunk);
-        for (uint32_t i = 0; i < chunk->n; i++) {
-            if (q->cancel_search)
-                return true;
-            if (i + FIND_PREFETCH_AHEAD < chunk->n)
-                __builtin_prefetch(db_ptr(items[i + FIND_PREFETCH_AHEAD]));
-            const uint8_t *p = db_ptr(items[i]);
-            uint32_t len = p[4];
-            if (len == DB_LONG_NAME)
-                len = *(const uint32_t *) (p - 4);
-            const uint8_t *name = p + 5;
-            db_scan_answer_t a = DB_SCAN_HIGH;
-            if (filter)
-                a = db_scan_contains(&st, name, len, db_scan_block_avail(name));
-            bool hit =
-                a == DB_SCAN_HIGH ? match((const char *) name, len, t->text, t->len) : a == DB_SCAN_HIT;
-            if (hit != neg)
-                _push(w, items[i]);
-        }
+        if (filter)
+            _filter_chunk(w, &st, match, t, neg, items, chunk->n);
+        else
+            _match_chunk(w, match, t, neg, items, chunk->n);
+        if (q->cancel_search)
+            return true;
         os_sleep_ms(0);
     }
     return true;

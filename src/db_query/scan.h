@@ -36,6 +36,17 @@ bool db_scan_term_init(db_scan_term_t *t, const char *text, uint32_t len, text_f
 // One name against the term. avail is how many bytes from name on may be read (at least len).
 db_scan_answer_t db_scan_contains(const db_scan_term_t *t, const uint8_t *name, uint32_t len, size_t avail);
 
+// What db_scan_records reports for one record: its position in the run, with DB_SCAN_MARK_HIGH set when
+// the name has high bytes and the folding matcher must decide it.
+#define DB_SCAN_MARK_HIGH 0x80000000u
+
+// The records items[0..n) (index records in the arena, n at most MEM_ARRAY_CHUNK_SLOTS) against the term,
+// in order: the position of every hit and of every name the matcher must decide goes to marks (the
+// caller's, room for n), how many in *mark_count. *cancel is tested before each record. Returns the
+// records examined: n, or fewer when *cancel was set.
+uint32_t db_scan_records(const db_scan_term_t *t, const uint32_t *items, uint32_t n,
+                         const volatile bool *cancel, uint32_t *marks, uint32_t *mark_count);
+
 // The bytes readable from p on within the arena block that holds p: a record never crosses a block, and a
 // block is committed whole, so a read that stays inside it touches only mapped memory of the index.
 size_t db_scan_block_avail(const void *p);

@@ -3,6 +3,7 @@
 // has no such position, so most names cost one or two vector compares instead of a loop per byte.
 #include "db_query/scan.h"
 
+#include "db/db.h"
 #include "mem/arena.h"
 #include "text/text.h"
 
@@ -47,44 +48,57 @@ static db_scan_answer_t _scan_bytes(const db_scan_term_t *t, const uint8_t *name
 }
 
 #if defined(__SSE2__)
-// Both cases of an ASCII letter, or the byte twice: bytes that equal neither can't start a match.
-static inline void _pair(const db_scan_term_t *t, uint8_t c, __m128i *a, __m128i *b) {
-    *a = _mm_set1_epi8((char) c);
-    *b = _mm_set1_epi8((char) (t->case_blind ? ascii_upper[c] : c));
-}
-
-static inline uint32_t _low_bits(uint32_t n) {
-    return n >= 16 ? 0xFFFFu : (1u << n) - 1;
-}
-
-static db_scan_answer_t _scan_sse2(const db_scan_term_t *t, const uint8_t *name, uint32_t len) {
-    uint32_t tlen = t->len;
+// The term's first and last bytes in both cases (or twice), broadcast once per run of records.
+struct _vec_term_t {
     __m128i f0, f1, l0, l1;
-    _pair(t, t->term[0], &f0, &f1);
-    _pair(t, t->term[tlen - 1], &l0, &l1);
-    // Starting positions 0..len-tlen; the block at i covers starts i..i+15 and name bytes i..i+15, so
-    // walking the blocks over the whole name also sees every byte for the high-byte test.
-    uint32_t starts = len >= tlen ? len - tlen + 1 : 0;
+};
+
+static inline _vec_term_t _vec_term(const db_scan_term_t *t) {
+    uint8_t f = t->term[0], l = t->term[t->len - 1];
+    _vec_term_t v;
+    v.f0 = _mm_set1_epi8((char) f);
+    v.f1 = _mm_set1_epi8((char) (t->case_blind ? ascii_upper[f] : f));
+    v.l0 = _mm_set1_epi8((char) l);
+    v.l1 = _mm_set1_epi8((char) (t->case_blind ? ascii_upper[l] : l));
+    return v;
+}
+
+// Candidates of the block at i, in_range masking the starts that lie past the last: verified in order.
+static inline bool _candidates(const db_scan_term_t *t, const _vec_term_t *v, const uint8_t *name, uint32_t i,
+                               __m128i a, uint32_t in_range) {
+    __m128i b = _mm_loadu_si128((const __m128i *) (name + i + t->len - 1));
+    __m128i ef = _mm_or_si128(_mm_cmpeq_epi8(a, v->f0), _mm_cmpeq_epi8(a, v->f1));
+    __m128i el = _mm_or_si128(_mm_cmpeq_epi8(b, v->l0), _mm_cmpeq_epi8(b, v->l1));
+    uint32_t m = (uint32_t) _mm_movemask_epi8(_mm_and_si128(ef, el)) & in_range;
+    for (; m; m &= m - 1)
+        if (_verify(name + i + (uint32_t) __builtin_ctz(m), t))
+            return true;
+    return false;
+}
+
+// Starting positions are 0..len-tlen; the block at i holds starts i..i+15 and name bytes i..i+15, so the
+// blocks that cover the name also see every byte for the high-byte test. Whole blocks first, then the
+// tail block, whose bytes past the name are masked out.
+static inline __attribute__((always_inline)) db_scan_answer_t
+_scan_sse2(const db_scan_term_t *t, const _vec_term_t *v, const uint8_t *name, uint32_t len) {
+    uint32_t starts = len >= t->len ? len - t->len + 1 : 0;
     bool hit = false;
-    uint32_t high = 0;
-    for (uint32_t i = 0; i < len; i += 16) {
+    uint32_t high = 0, i = 0;
+    for (; i + 16 <= len; i += 16) {
         __m128i a = _mm_loadu_si128((const __m128i *) (name + i));
-        high |= (uint32_t) _mm_movemask_epi8(a) & _low_bits(len - i);
+        high |= (uint32_t) _mm_movemask_epi8(a);
         if (!hit && i < starts) {
-            __m128i b = _mm_loadu_si128((const __m128i *) (name + i + tlen - 1));
-            __m128i ef = _mm_or_si128(_mm_cmpeq_epi8(a, f0), _mm_cmpeq_epi8(a, f1));
-            __m128i el = _mm_or_si128(_mm_cmpeq_epi8(b, l0), _mm_cmpeq_epi8(b, l1));
-            uint32_t m = (uint32_t) _mm_movemask_epi8(_mm_and_si128(ef, el)) & _low_bits(starts - i);
-            while (m) {
-                if (_verify(name + i + (uint32_t) __builtin_ctz(m), t)) {
-                    hit = true;
-                    break;
-                }
-                m &= m - 1;
-            }
+            uint32_t left = starts - i;
+            hit = _candidates(t, v, name, i, a, left >= 16 ? 0xFFFFu : (1u << left) - 1);
+            if (hit && !t->check_high)
+                return DB_SCAN_HIT;
         }
-        if (hit && !t->check_high)
-            return DB_SCAN_HIT;
+    }
+    if (i < len) {
+        __m128i a = _mm_loadu_si128((const __m128i *) (name + i));
+        high |= (uint32_t) _mm_movemask_epi8(a) & ((1u << (len - i)) - 1);
+        if (!hit && i < starts)
+            hit = _candidates(t, v, name, i, a, (1u << (starts - i)) - 1);
     }
     if (t->check_high && high)
         return DB_SCAN_HIGH;
@@ -95,12 +109,48 @@ static db_scan_answer_t _scan_sse2(const db_scan_term_t *t, const uint8_t *name,
 db_scan_answer_t db_scan_contains(const db_scan_term_t *t, const uint8_t *name, uint32_t len, size_t avail) {
 #if defined(__SSE2__)
     // The last load of either kind ends at most 15 bytes past the name.
-    if (avail >= (size_t) len + 15)
-        return _scan_sse2(t, name, len);
+    if (avail >= (size_t) len + 15) {
+        _vec_term_t v = _vec_term(t);
+        return _scan_sse2(t, &v, name, len);
+    }
 #else
     (void) avail;
 #endif
     return _scan_bytes(t, name, len);
+}
+
+// How far ahead of the record being tested the loop asks for a record's bytes: the arrays are in name
+// order, not memory order, so nearly every record is a cache miss that the prefetch overlaps with tests.
+#define SCAN_PREFETCH_AHEAD 8
+
+uint32_t db_scan_records(const db_scan_term_t *t, const uint32_t *items, uint32_t n,
+                         const volatile bool *cancel, uint32_t *marks, uint32_t *mark_count) {
+#if defined(__SSE2__)
+    _vec_term_t v = _vec_term(t);
+#endif
+    uint32_t m = 0, i = 0;
+    for (; i < n; i++) {
+        if (*cancel)
+            break;
+        if (i + SCAN_PREFETCH_AHEAD < n)
+            __builtin_prefetch(db_ptr(items[i + SCAN_PREFETCH_AHEAD]));
+        const uint8_t *p = db_ptr(items[i]);
+        uint32_t len = p[4];
+        if (len == DB_LONG_NAME)
+            len = *(const uint32_t *) (p - 4);
+        const uint8_t *name = p + 5;
+        db_scan_answer_t a;
+#if defined(__SSE2__)
+        if (db_scan_block_avail(name) >= (size_t) len + 15)
+            a = _scan_sse2(t, &v, name, len);
+        else
+#endif
+            a = _scan_bytes(t, name, len);
+        if (a != DB_SCAN_MISS)
+            marks[m++] = i | (a == DB_SCAN_HIGH ? DB_SCAN_MARK_HIGH : 0);
+    }
+    *mark_count = m;
+    return i;
 }
 
 bool db_scan_term_init(db_scan_term_t *t, const char *text, uint32_t len, text_folding_t folding) {
@@ -115,6 +165,7 @@ bool db_scan_term_init(db_scan_term_t *t, const char *text, uint32_t len, text_f
 }
 
 size_t db_scan_block_avail(const void *p) {
+    // Blocks lie at multiples of their size from the arena's base.
     size_t off = (size_t) ((const char *) p - mem_arena_base) & (MEM_ARENA_BLOCK - 1);
     return MEM_ARENA_BLOCK - off;
 }

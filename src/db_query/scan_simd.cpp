@@ -123,8 +123,11 @@ db_scan_answer_t db_scan_contains(const db_scan_term_t *t, const uint8_t *name, 
 // order, not memory order, so nearly every record is a cache miss that the prefetch overlaps with tests.
 #define SCAN_PREFETCH_AHEAD 8
 
-uint32_t db_scan_records(const db_scan_term_t *t, const uint32_t *items, uint32_t n,
+uint32_t db_scan_records(const db_scan_term_t *term, const uint32_t *items, uint32_t n,
                          const volatile bool *cancel, uint32_t *marks, uint32_t *mark_count) {
+    // A private copy: the stores to marks could otherwise alias the term's fields and force a reload of
+    // them for every record.
+    const db_scan_term_t copy = *term, *t = &copy;
 #if defined(__SSE2__)
     _vec_term_t v = _vec_term(t);
 #endif

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "db_query/exec_internal.h"
+#include "db_query/scan.h"
 #include "debug/debug.h"
 #include "main/main.h"
 #include "mem/mem.h"
@@ -30,36 +31,50 @@ static void _push(db_search_worker_t *w, mem_ref_t r) {
 
 // ---- the single-op loops ---------------------------------------------------------------------------------
 
-// Case-blind search of an ASCII term in an ASCII name: the first and last bytes of the term are tested
-// before the rest. term is lower case already.
-static inline bool _ascii_contains(const uint8_t *name, uint32_t len, const uint8_t *term, uint32_t tlen) {
-    if (tlen == 0)
-        return true;
-    uint8_t first = term[0], last = term[tlen - 1];
-    for (uint32_t i = 0; i + tlen <= len; i++) {
-        if (ascii_lower[name[i]] != first || ascii_lower[name[i + tlen - 1]] != last)
-            continue;
-        uint32_t k = 1;
-        while (k + 1 < tlen && ascii_lower[name[i + k]] == term[k])
-            k++;
-        if (k + 1 >= tlen)
-            return true;
+// One chunk through the folding matcher alone: terms the byte filter can't take.
+static void _match_chunk(db_search_worker_t *w, text_matcher_t match, const db_op_text_t *t, bool neg,
+                         const mem_ref_t *items, uint32_t n) {
+    for (uint32_t i = 0; i < n && !w->query->cancel_search; i++) {
+        uint32_t len;
+        const char *name = db_record_name(items[i], &len);
+        if (match(name, len, t->text, t->len) != neg)
+            _push(w, items[i]);
     }
-    return false;
 }
 
-static inline bool _has_high_byte(const uint8_t *p, uint32_t len) {
-    uint8_t any = 0;
-    for (uint32_t i = 0; i < len; i++)
-        any |= p[i];
-    return any >= 0x80;
+// One chunk through the byte filter: it marks the hits and the names only the matcher can decide, so the
+// records between marks are misses and a negated op takes them all.
+static void _filter_chunk(db_search_worker_t *w, const db_scan_term_t *st, text_matcher_t match,
+                          const db_op_text_t *t, bool neg, const mem_ref_t *items, uint32_t n) {
+    uint32_t marks[MEM_ARRAY_CHUNK_SLOTS];
+    uint32_t mark_count;
+    uint32_t done = db_scan_records(st, items, n, &w->query->cancel_search, marks, &mark_count);
+    uint32_t next = 0; // the first record not yet pushed or passed over
+    for (uint32_t k = 0; k < mark_count; k++) {
+        uint32_t i = marks[k] & ~DB_SCAN_MARK_HIGH;
+        if (neg)
+            for (; next < i; next++)
+                _push(w, items[next]);
+        bool hit = true;
+        if (marks[k] & DB_SCAN_MARK_HIGH) {
+            uint32_t len;
+            const char *name = db_record_name(items[i], &len);
+            hit = match(name, len, t->text, t->len);
+        }
+        if (hit != neg)
+            _push(w, items[i]);
+        next = i + 1;
+    }
+    if (neg)
+        for (; next < done; next++)
+            _push(w, items[next]);
 }
 
 // A name "contains" op alone in its chain, the hot case of a typed word: the matcher and the term stay
-// in locals and no op is chased per record. A pure-ASCII name against a pure-ASCII term in a case-blind
-// folding needs no decoding (only bytes of 0x80 and above can fold to ASCII letters), so only names with
-// such bytes go to the folding matcher; the answers are the matcher's. Returns false when the op is not
-// one this loop serves.
+// in locals and no op is chased per record. A pure-ASCII term goes through the byte filter of scan.h; in
+// a folding that decodes, names with bytes of 0x80 and above go on to the folding matcher (only they can
+// fold to ASCII letters), so the answers are the matcher's. Returns false when the op is not one this
+// loop serves.
 static bool _fast_contains(db_search_worker_t *w, const db_op_t *op) {
     if (op->next || op->notnext)
         return false;
@@ -84,32 +99,19 @@ static bool _fast_contains(db_search_worker_t *w, const db_op_t *op) {
     const db_op_text_t *t = (const db_op_text_t *) db_op_payload(op);
     if (t->offset)
         return false;
-    const uint8_t *term = (const uint8_t *) t->text;
-    uint32_t tlen = t->len;
-    bool case_blind =
-        folding == TEXT_FOLD_ASCII || folding == TEXT_FOLD_LOWER || folding == TEXT_FOLD_LOWER_BASE;
-    bool ascii_term = text_is_ascii(t->text, tlen);
+    db_scan_term_t st;
+    bool filter = db_scan_term_init(&st, t->text, t->len, folding);
     text_matcher_t match = text_matcher(TEXT_MATCH_CONTAINS, folding);
     db_query_t *q = w->query;
     for (uint32_t c = w->first_chunk; c < w->first_chunk + w->chunk_count; c++) {
         const mem_array_chunk_t *chunk = w->array->table[c];
         const mem_ref_t *items = mem_array_chunk_items(chunk);
-        for (uint32_t i = 0; i < chunk->n; i++) {
-            if (q->cancel_search)
-                return true;
-            const uint8_t *p = db_ptr(items[i]);
-            uint32_t len = p[4];
-            if (len == DB_LONG_NAME)
-                len = *(const uint32_t *) (p - 4);
-            const uint8_t *name = p + 5;
-            bool hit;
-            if (case_blind && ascii_term && (folding == TEXT_FOLD_ASCII || !_has_high_byte(name, len)))
-                hit = len >= tlen && _ascii_contains(name, len, term, tlen);
-            else
-                hit = match((const char *) name, len, t->text, tlen);
-            if (hit != neg)
-                _push(w, items[i]);
-        }
+        if (filter)
+            _filter_chunk(w, &st, match, t, neg, items, chunk->n);
+        else
+            _match_chunk(w, match, t, neg, items, chunk->n);
+        if (q->cancel_search)
+            return true;
         os_sleep_ms(0);
     }
     return true;

@@ -52,6 +52,13 @@ static std::vector<exec_case_t> exec_table() {
              return ref_fold(r.name, true, false).find("ReadMe") != std::string::npos;
          }},
         {"!readme", 0, [](const ref_record_t &r) { return !ref_contains(r.name, "readme"); }},
+        // One-byte and negated terms in the case-sensitive foldings: the scan's byte filter must hand
+        // every name with a high byte to the matcher, and a negated op takes the records between hits.
+        {"e", 0, name_has("e")},
+        {"!e", SEARCH_CASE,
+         [](const ref_record_t &r) { return ref_fold(r.name, true, false).find('e') == std::string::npos; }},
+        {"!ReadMe", SEARCH_CASE | SEARCH_DIACRITICS,
+         [](const ref_record_t &r) { return r.name.find("ReadMe") == std::string::npos; }},
         {"readme abc", 0,
          [](const ref_record_t &r) { return ref_contains(r.name, "readme") && ref_contains(r.name, "abc"); }},
         {"readme | abc", 0,

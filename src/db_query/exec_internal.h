@@ -27,3 +27,7 @@ void db_prepass_run(db_query_t *q, const db_op_t *chain, const mem_array_t *arra
 // The order the query's folder or file results stand in (current_sort): for selection, the record to index
 // lookup and the live insert. Meaningful only while sorted is set.
 int db_query_result_compare(db_query_t *q, bool folder, db_ref_t a, db_ref_t b);
+
+// The sum of the known sizes of the files in the array. Stops early when *cancel turns true (cancel may
+// be null); the caller then knows the sum is partial.
+uint64_t db_query_files_size(const db_query_t *q, const mem_array_t *a, const volatile bool *cancel);

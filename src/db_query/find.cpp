@@ -237,11 +237,9 @@ void _db_query_results_event(void *ctx) {
         q->callback(q->callback_context, DB_QUERY_RESULTS, q);
 }
 
-static void _total_size(db_query_t *q) {
-    uint32_t start = debug_now_us();
+uint64_t db_query_files_size(const db_query_t *q, const mem_array_t *a, const volatile bool *cancel) {
     uint64_t total = 0;
-    const mem_array_t *a = &q->file_results;
-    for (uint32_t c = 0; c < a->chunk_count && !q->cancel_search; c++) {
+    for (uint32_t c = 0; c < a->chunk_count && !(cancel && *cancel); c++) {
         const mem_array_chunk_t *chunk = a->table[c];
         const mem_ref_t *items = mem_array_chunk_items(chunk);
         for (uint32_t i = 0; i < chunk->n; i++) {
@@ -250,6 +248,12 @@ static void _total_size(db_query_t *q) {
                 total += size;
         }
     }
+    return total;
+}
+
+static void _total_size(db_query_t *q) {
+    uint32_t start = debug_now_us();
+    uint64_t total = db_query_files_size(q, &q->file_results, &q->cancel_search);
     q->total_result_size = total;
     q->total_result_valid = !q->cancel_search;
     debug_printf("total size %I64u, calculated in %f seconds\n", total, (int) (debug_now_us() - start));

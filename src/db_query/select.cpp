@@ -31,17 +31,7 @@ static mem_array_t *_selection(db_query_t *q, bool folder) {
 }
 
 static void _totals(db_query_t *q) {
-    uint64_t total = 0;
-    const mem_array_t *a = &q->file_selection;
-    for (uint32_t c = 0; c < a->chunk_count; c++) {
-        const mem_array_chunk_t *chunk = a->table[c];
-        const mem_ref_t *items = mem_array_chunk_items(chunk);
-        for (uint32_t i = 0; i < chunk->n; i++) {
-            uint64_t size = db_file_get(q->db, items[i], DB_FIELD_SIZE);
-            if (size != DB_UNKNOWN)
-                total += size;
-        }
-    }
+    uint64_t total = db_query_files_size(q, &q->file_selection, nullptr);
     q->total_selection_size = total;
     q->total_selection_valid = (q->db->structure.word & DB_STRUCTURE_SIZE) != 0;
     q->selection_anchor = 0;

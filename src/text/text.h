@@ -250,11 +250,6 @@ uint64_t text_parse_digits(const char **cursor, int max);
 // Optional '-', then "0x"/"0X" hexadecimal or decimal; wraps silently in 32 bits. Stops at the first byte
 // that is not a digit.
 int text_parse_int(const char *text);
-// The date form of file lists: digits alone are a raw FILETIME; digits followed by '-', 't' or 'T' are
-// read as YYYY[-]MM[-]DD[Thh[:]mm[:]ss[.fraction]][Z|+hh[:]mm|-hh[:]mm]. Without a zone the time is
-// local (through os_local_to_filetime); 'Z' is UTC; an offset is subtracted. The fraction gives up to
-// seven digits of 100 ns ticks. Returns UINT64_MAX (unknown) for an empty or unreadable text.
-uint64_t text_parse_filetime(const char *text);
 
 // ---- names and paths -----------------------------------------------------------------------------------
 // Both '\\' and '/' end a path component, on every platform.

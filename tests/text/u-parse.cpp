@@ -65,54 +65,6 @@ TEST(TextParse, Int) {
     EXPECT_EQ(text_parse_int("x1"), 0);
 }
 
-// A fixed zone for the tests: local time is UTC plus two hours, whatever the machine says.
-bool fixed_local_to_filetime(const os_systemtime_t *local, uint64_t *ft) {
-    os_systemtime_t st = *local;
-    uint64_t utc;
-    if (!os_system_to_filetime(&st, &utc)) {
-        return false;
-    }
-    *ft = utc - 2ull * 3600 * 10000000;
-    return true;
-}
-
-const uint64_t SECOND = 10000000;
-// 2024-02-29 00:00:00 UTC.
-const uint64_t LEAP_DAY = 133536384000000000ull;
-
-struct time_row_t {
-    const char *in;
-    uint64_t want;
-};
-
-TEST(TextParse, Filetime) {
-    os_hooks.local_to_filetime = fixed_local_to_filetime;
-    const time_row_t rows[] = {
-        {"133536384000000000", LEAP_DAY},
-        {"2024-02-29T00:00:00Z", LEAP_DAY},
-        {"20240229T000000Z", LEAP_DAY},
-        {"2024-02-29t00:00:00z", LEAP_DAY},
-        {"2024-02-29", LEAP_DAY - 2 * 3600 * SECOND}, // local: the hook's zone
-        {"2024-02-29T02:00:00", LEAP_DAY},
-        {"2024-02-29T01:30:00+01:30", LEAP_DAY}, // an offset is subtracted
-        {"2024-02-28T22:00:00-0200", LEAP_DAY},
-        {"2024-02-29T00:00:01.5Z", LEAP_DAY + SECOND + 5000000}, // first digit: 1,000,000 ticks
-        {"2024-02-29T00:00:00.1234567Z", LEAP_DAY + 1234567},
-        {"2024-02-29T00:00:00.123456789Z", LEAP_DAY + 1234567}, // beyond seven places ignored
-        {"1601-01-01T00:00:00Z", 0},
-        {"1970-01-01T00:00:00Z", 116444736000000000ull},
-        {"2023-02-29T00:00:00Z", UINT64_MAX}, // no such day
-        {"2024-13-01", UINT64_MAX},
-        {"2024-01-01T25:00:00Z", UINT64_MAX},
-        {"", UINT64_MAX},
-        {"abc", UINT64_MAX},
-    };
-    for (const time_row_t &r : rows) {
-        EXPECT_EQ(text_parse_filetime(r.in), r.want) << r.in;
-    }
-    os_hooks_reset();
-}
-
 struct ext_row_t {
     const char *name;
     const char *ext;     // text_get_extension

@@ -466,7 +466,7 @@ static bool _fill_keys(db_query_t *q, int sort, bool folder, const mem_ref_t *it
         uint32_t *attrs = key == DB_SORT_ATTRIBUTES ? (uint32_t *) mem_alloc((n ? n : 1) * 4) : nullptr;
         sort_ctx_t c = {q, DB_SORT_ATTRIBUTES, folder};
         for (uint32_t i = 0; i < n; i++) {
-            if ((i & 0xFFFF) == 0 && q->cancel_sort)
+            if (q->cancel_sort)
                 break;
             const char *p;
             uint32_t len;
@@ -501,7 +501,7 @@ static bool _fill_keys(db_query_t *q, int sort, bool folder, const mem_ref_t *it
     sort_ctx_t c = {q, key, folder};
     db_field_t field = _sort_field(sort);
     for (uint32_t i = 0; i < n; i++) {
-        if ((i & 0xFFFF) == 0 && q->cancel_sort)
+        if (q->cancel_sort)
             return false;
         // Unknown (all ones) wraps to 0, below every known value; the rest keep their order.
         keys[i] = _value(&c, items[i], field) + 1;

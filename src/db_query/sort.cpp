@@ -468,28 +468,24 @@ static bool _fill_keys(db_query_t *q, int sort, bool folder, const mem_ref_t *it
         for (uint32_t i = 0; i < n; i++) {
             if (q->cancel_sort)
                 break;
-            const char *p;
-            uint32_t len;
             if (attrs) {
                 attrs[i] = (uint32_t) _value(&c, items[i], DB_FIELD_ATTRIBUTES);
-                p = (const char *) &attrs[i], len = 4;
-            } else {
-                uint32_t nl;
-                const char *name = db_record_name(items[i], &nl);
-                p = db_name_extension(name, nl, &len);
-                uint32_t before = d.count;
-                keys[i] = _distinct_id(&d, p, len);
-                if (d.count != before) {
-                    if (d.count > cap) {
-                        cap = d.cap;
-                        names = (const char **) mem_realloc(names, cap * sizeof(char *));
-                        name_lens = (uint32_t *) mem_realloc(name_lens, cap * sizeof(uint32_t));
-                    }
-                    names[d.count - 1] = name, name_lens[d.count - 1] = nl;
-                }
+                keys[i] = _distinct_id(&d, (const char *) &attrs[i], 4);
                 continue;
             }
-            keys[i] = _distinct_id(&d, p, len);
+            uint32_t nl, len, before = d.count;
+            const char *name = db_record_name(items[i], &nl);
+            const char *ext = db_name_extension(name, nl, &len);
+            keys[i] = _distinct_id(&d, ext, len);
+            if (d.count == before)
+                continue;
+            // The first name with each extension, for its type text.
+            if (d.count > cap) {
+                cap = d.cap;
+                names = (const char **) mem_realloc(names, cap * sizeof(char *));
+                name_lens = (uint32_t *) mem_realloc(name_lens, cap * sizeof(uint32_t));
+            }
+            names[d.count - 1] = name, name_lens[d.count - 1] = nl;
         }
         bool done = !q->cancel_sort;
         if (done)
@@ -530,6 +526,7 @@ static bool _keyed_sort_kind(db_query_t *q, int sort, bool folder, mem_ref_t *ou
     if (done) {
         for (uint32_t i = 0; i < n; i++)
             order[i] = i;
+        debug_printf("sorting cache...\n");
         os_qsort_ex(order, n, keys, _keys_compare);
         // order holds positions into the name-ordered items: keys is free to take the sorted refs.
         uint32_t *sorted = (uint32_t *) keys;

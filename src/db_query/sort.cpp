@@ -182,6 +182,37 @@ static void _finish(db_query_t *q, int sort) {
     q->cache_kind = 0;
 }
 
+// Writes the results into out in the order of the index array a (walked backwards when descending): each
+// result's parent is swapped for the sentinel, the array is walked picking out the records that hold
+// it, and the parents come back.
+static void _pick_marked(const mem_array_t *results, const mem_array_t *a, bool descending, mem_ref_t *out) {
+    uint32_t n = results->count;
+    mem_ref_t *items = (mem_ref_t *) mem_alloc((n ? n : 1) * sizeof(mem_ref_t));
+    mem_ref_t *parents = (mem_ref_t *) mem_alloc((n ? n : 1) * sizeof(mem_ref_t));
+    _flatten(results, items);
+    for (uint32_t i = 0; i < n; i++) {
+        uint32_t *field = (uint32_t *) db_ptr(items[i]);
+        parents[i] = *field;
+        *field = SENTINEL;
+    }
+    uint32_t at = 0;
+    for (uint32_t c = 0; c < a->chunk_count; c++) {
+        uint32_t cc = descending ? a->chunk_count - 1 - c : c;
+        const mem_array_chunk_t *chunk = a->table[cc];
+        const mem_ref_t *src = mem_array_chunk_items(chunk);
+        for (uint32_t i = 0; i < chunk->n; i++) {
+            mem_ref_t r = src[descending ? chunk->n - 1 - i : i];
+            if (db_record_parent(r) == SENTINEL)
+                out[at++] = r;
+        }
+    }
+    for (uint32_t i = 0; i < n; i++)
+        *(uint32_t *) db_ptr(items[i]) = parents[i];
+    if (at != n)
+        debug_fatal(__FILE__, __LINE__, "_db_sort_by_index", "results not in the index: %d of %d", at, n);
+    mem_free(items), mem_free(parents);
+}
+
 // Sorts by one walk of the index's array: each result's parent is swapped for the sentinel, the array is
 // walked in the sort's direction picking out the records that hold it, and the parents come back.
 static bool _db_sort_by_index(db_query_t *q, int sort) {
@@ -206,34 +237,10 @@ static bool _db_sort_by_index(db_query_t *q, int sort) {
             uint32_t n = results[k]->count;
             if (!n)
                 continue;
-            mem_ref_t *items = (mem_ref_t *) mem_alloc(n * sizeof(mem_ref_t));
-            mem_ref_t *parents = (mem_ref_t *) mem_alloc(n * sizeof(mem_ref_t));
             mem_ref_t *out = (mem_ref_t *) mem_alloc(n * sizeof(mem_ref_t));
-            _flatten(results[k], items);
-            for (uint32_t i = 0; i < n; i++) {
-                uint32_t *field = (uint32_t *) db_ptr(items[i]);
-                parents[i] = *field;
-                *field = SENTINEL;
-            }
-            uint32_t at = 0;
-            const mem_array_t *a = arrays[k];
-            for (uint32_t c = 0; c < a->chunk_count; c++) {
-                uint32_t cc = descending ? a->chunk_count - 1 - c : c;
-                const mem_array_chunk_t *chunk = a->table[cc];
-                const mem_ref_t *src = mem_array_chunk_items(chunk);
-                for (uint32_t i = 0; i < chunk->n; i++) {
-                    mem_ref_t r = src[descending ? chunk->n - 1 - i : i];
-                    if (db_record_parent(r) == SENTINEL)
-                        out[at++] = r;
-                }
-            }
-            for (uint32_t i = 0; i < n; i++)
-                *(uint32_t *) db_ptr(items[i]) = parents[i];
-            if (at != n)
-                debug_fatal(__FILE__, __LINE__, "_db_sort_by_index", "results not in the index: %d of %d", at,
-                            n);
+            _pick_marked(results[k], arrays[k], descending, out);
             _replace(results[k], out, n);
-            mem_free(items), mem_free(parents), mem_free(out);
+            mem_free(out);
         }
         debug_printf("SET SORT 2 %d\n", sort);
     }
@@ -274,6 +281,293 @@ static void _db_sort_compare(db_query_t *q, int sort) {
     debug_printf("finished sort, time taken %f seconds\n", (int) (debug_now_us() - start));
 }
 
+// ---- the keyed sort ----------------------------------------------------------------------------------
+// Columns without an index array: each result gets one 64-bit key whose unsigned order is the column's
+// order, read once, and the results, first put in name order by a walk of the name array, are sorted
+// stably by the key alone. The comparator then touches only the keys, and equal keys keep name order.
+
+// Distinct byte strings (extensions, attribute values), numbered in order of first appearance.
+struct sort_distinct_t {
+    uint32_t *slots; // id + 1, 0 empty
+    uint32_t mask;
+    const char **ptr;
+    uint32_t *len;
+    uint32_t count, cap;
+};
+
+static uint32_t _distinct_hash(const char *p, uint32_t n) {
+    uint32_t h = 2166136261u;
+    for (uint32_t i = 0; i < n; i++)
+        h = (h ^ (uint8_t) p[i]) * 16777619u;
+    return h;
+}
+
+static void _distinct_init(sort_distinct_t *d) {
+    memset(d, 0, sizeof *d);
+    d->mask = 1023;
+    d->slots = (uint32_t *) mem_alloc((d->mask + 1) * sizeof(uint32_t));
+    memset(d->slots, 0, (d->mask + 1) * sizeof(uint32_t));
+}
+
+static void _distinct_kill(sort_distinct_t *d) {
+    mem_free(d->slots), mem_free(d->ptr), mem_free(d->len);
+}
+
+static void _distinct_grow(sort_distinct_t *d) {
+    uint32_t mask = d->mask * 2 + 1;
+    uint32_t *slots = (uint32_t *) mem_alloc((mask + 1) * sizeof(uint32_t));
+    memset(slots, 0, (mask + 1) * sizeof(uint32_t));
+    for (uint32_t id = 0; id < d->count; id++) {
+        uint32_t h = _distinct_hash(d->ptr[id], d->len[id]) & mask;
+        while (slots[h])
+            h = (h + 1) & mask;
+        slots[h] = id + 1;
+    }
+    mem_free(d->slots);
+    d->slots = slots, d->mask = mask;
+}
+
+// The id of the bytes; the bytes must outlive the table (they are not copied).
+static uint32_t _distinct_id(sort_distinct_t *d, const char *p, uint32_t n) {
+    uint32_t h = _distinct_hash(p, n) & d->mask;
+    for (; d->slots[h]; h = (h + 1) & d->mask) {
+        uint32_t id = d->slots[h] - 1;
+        if (d->len[id] == n && !memcmp(d->ptr[id], p, n))
+            return id;
+    }
+    if (d->count == d->cap) {
+        d->cap = d->cap ? d->cap * 2 : 256;
+        d->ptr = (const char **) mem_realloc(d->ptr, d->cap * sizeof(char *));
+        d->len = (uint32_t *) mem_realloc(d->len, d->cap * sizeof(uint32_t));
+    }
+    d->ptr[d->count] = p, d->len[d->count] = n;
+    d->slots[h] = ++d->count;
+    if (d->count * 2 > d->mask)
+        _distinct_grow(d);
+    return d->count - 1;
+}
+
+struct sort_rank_ctx_t {
+    const sort_distinct_t *d;
+    const str_t *texts; // type texts by id, or null
+    int sort;
+};
+
+static int _distinct_compare(void *ctx, uint32_t a, uint32_t b) {
+    const sort_rank_ctx_t *c = (const sort_rank_ctx_t *) ctx;
+    const sort_distinct_t *d = c->d;
+    switch (c->sort) {
+    case DB_SORT_EXTENSION:
+        return utf8_compare_lower_base(d->ptr[a], d->len[a], d->ptr[b], d->len[b]);
+    case DB_SORT_TYPE:
+        return utf8_strcmp_lower(c->texts[a].ptr, c->texts[b].ptr);
+    default: {
+        char la[16], lb[16];
+        uint32_t va, vb;
+        memcpy(&va, d->ptr[a], 4), memcpy(&vb, d->ptr[b], 4);
+        int na = db_attribute_letters(va, la), nb = db_attribute_letters(vb, lb);
+        int x = memcmp(la, lb, (size_t) (na < nb ? na : nb));
+        return x ? x : na - nb;
+    }
+    }
+}
+
+// Replaces each key (a distinct id) by the rank of its string: ids that compare equal share a rank.
+static void _distinct_rank(sort_distinct_t *d, int sort, const char *const *names, const uint32_t *name_lens,
+                           uint64_t *keys, uint32_t n) {
+    str_t *texts = nullptr;
+    if (sort == DB_SORT_TYPE) {
+        texts = (str_t *) mem_alloc((d->count ? d->count : 1) * sizeof(str_t));
+        for (uint32_t id = 0; id < d->count; id++) {
+            str_init(&texts[id]);
+            // The type depends on the extension alone: any name that has it gives the text.
+            db_type_text_fixed(names[id], name_lens[id], false, &texts[id]);
+        }
+    }
+    uint32_t *order = (uint32_t *) mem_alloc((d->count ? d->count : 1) * sizeof(uint32_t));
+    uint32_t *rank = (uint32_t *) mem_alloc((d->count ? d->count : 1) * sizeof(uint32_t));
+    for (uint32_t id = 0; id < d->count; id++)
+        order[id] = id;
+    sort_rank_ctx_t c = {d, texts, sort};
+    os_merge_sort_ex(order, d->count, &c, _distinct_compare);
+    uint32_t r = 0;
+    for (uint32_t i = 0; i < d->count; i++) {
+        if (i && _distinct_compare(&c, order[i - 1], order[i]))
+            r++;
+        rank[order[i]] = r;
+    }
+    for (uint32_t i = 0; i < n; i++)
+        keys[i] = rank[keys[i]];
+    if (texts) {
+        for (uint32_t id = 0; id < d->count; id++)
+            str_kill(&texts[id]);
+        mem_free(texts);
+    }
+    mem_free(order), mem_free(rank);
+}
+
+static bool _keyed_sort_applies(int sort) {
+    switch (sort & ~1) {
+    case DB_SORT_SIZE:
+    case DB_SORT_DATE_CREATED:
+    case DB_SORT_DATE_MODIFIED:
+    case DB_SORT_DATE_ACCESSED:
+    case DB_SORT_ATTRIBUTES:
+    case DB_SORT_EXTENSION:
+    case DB_SORT_TYPE:
+        return true;
+    default:
+        return false;
+    }
+}
+
+static db_field_t _sort_field(int sort) {
+    switch (sort & ~1) {
+    case DB_SORT_SIZE:
+        return DB_FIELD_SIZE;
+    case DB_SORT_DATE_CREATED:
+        return DB_FIELD_DATE_CREATED;
+    case DB_SORT_DATE_MODIFIED:
+        return DB_FIELD_DATE_MODIFIED;
+    case DB_SORT_DATE_ACCESSED:
+        return DB_FIELD_DATE_ACCESSED;
+    default:
+        return DB_FIELD_ATTRIBUTES;
+    }
+}
+
+// The results of one kind in name order, into out (count items).
+static void _name_order(db_query_t *q, bool folder, mem_ref_t *out) {
+    mem_array_t *results = folder ? &q->folder_results : &q->file_results;
+    const mem_array_t *names = folder ? &q->db->folders : &q->db->files;
+    if ((q->sorted && q->current_sort == DB_SORT_NAME) || results->count == names->count)
+        return _flatten(results->count == names->count ? names : results, out);
+    if (q->sorted && q->current_sort == DB_SORT_NAME + 1) {
+        _flatten(results, out);
+        for (uint32_t i = 0, n = results->count; i < n / 2; i++) {
+            mem_ref_t t = out[i];
+            out[i] = out[n - 1 - i], out[n - 1 - i] = t;
+        }
+        return;
+    }
+    _pick_marked(results, names, false, out);
+}
+
+// Keys of one kind's results (in name order in items); false when cancelled. Distinct strings are ranked
+// so that the key's unsigned order is the column's order.
+static bool _fill_keys(db_query_t *q, int sort, bool folder, const mem_ref_t *items, uint64_t *keys,
+                       uint32_t n) {
+    int key = sort & ~1;
+    if (key == DB_SORT_EXTENSION || key == DB_SORT_TYPE || key == DB_SORT_ATTRIBUTES) {
+        sort_distinct_t d;
+        _distinct_init(&d);
+        const char **names = nullptr;
+        uint32_t *name_lens = nullptr, cap = 0;
+        uint32_t *attrs = key == DB_SORT_ATTRIBUTES ? (uint32_t *) mem_alloc((n ? n : 1) * 4) : nullptr;
+        sort_ctx_t c = {q, DB_SORT_ATTRIBUTES, folder};
+        for (uint32_t i = 0; i < n; i++) {
+            if (q->cancel_sort)
+                break;
+            if (attrs) {
+                attrs[i] = (uint32_t) _value(&c, items[i], DB_FIELD_ATTRIBUTES);
+                keys[i] = _distinct_id(&d, (const char *) &attrs[i], 4);
+                continue;
+            }
+            uint32_t nl, len, before = d.count;
+            const char *name = db_record_name(items[i], &nl);
+            const char *ext = db_name_extension(name, nl, &len);
+            keys[i] = _distinct_id(&d, ext, len);
+            if (d.count == before)
+                continue;
+            // The first name with each extension, for its type text.
+            if (d.count > cap) {
+                cap = d.cap;
+                names = (const char **) mem_realloc(names, cap * sizeof(char *));
+                name_lens = (uint32_t *) mem_realloc(name_lens, cap * sizeof(uint32_t));
+            }
+            names[d.count - 1] = name, name_lens[d.count - 1] = nl;
+        }
+        bool done = !q->cancel_sort;
+        if (done)
+            _distinct_rank(&d, key, names, name_lens, keys, n);
+        _distinct_kill(&d);
+        mem_free(names), mem_free(name_lens), mem_free(attrs);
+        return done;
+    }
+    sort_ctx_t c = {q, key, folder};
+    db_field_t field = _sort_field(sort);
+    for (uint32_t i = 0; i < n; i++) {
+        if (q->cancel_sort)
+            return false;
+        // Unknown (all ones) wraps to 0, below every known value; the rest keep their order.
+        keys[i] = _value(&c, items[i], field) + 1;
+    }
+    return true;
+}
+
+static int _keys_compare(void *ctx, uint32_t a, uint32_t b) {
+    const uint64_t *keys = (const uint64_t *) ctx;
+    return keys[a] < keys[b] ? -1 : keys[a] > keys[b];
+}
+
+// Sorts one kind by its keys into out; false when cancelled.
+static bool _keyed_sort_kind(db_query_t *q, int sort, bool folder, mem_ref_t *out) {
+    uint32_t n = (folder ? q->folder_results : q->file_results).count;
+    _name_order(q, folder, out);
+    int key = sort & ~1;
+    // Folders have no extension or type key, and no size unless the index holds one: name order is theirs.
+    if (folder && (key == DB_SORT_EXTENSION || key == DB_SORT_TYPE))
+        return true;
+    if (folder && key == DB_SORT_SIZE && q->db->structure.folder_offset[DB_FIELD_SIZE] < 0)
+        return true;
+    uint64_t *keys = (uint64_t *) mem_alloc((n ? n : 1) * sizeof(uint64_t));
+    uint32_t *order = (uint32_t *) mem_alloc((n ? n : 1) * sizeof(uint32_t));
+    bool done = _fill_keys(q, sort, folder, out, keys, n);
+    if (done) {
+        for (uint32_t i = 0; i < n; i++)
+            order[i] = i;
+        debug_printf("sorting cache...\n");
+        os_qsort_ex(order, n, keys, _keys_compare);
+        // order holds positions into the name-ordered items: keys is free to take the sorted refs.
+        uint32_t *sorted = (uint32_t *) keys;
+        for (uint32_t i = 0; i < n; i++)
+            sorted[i] = out[order[i]];
+        memcpy(out, sorted, n * sizeof(mem_ref_t));
+    }
+    mem_free(keys), mem_free(order);
+    return done;
+}
+
+static void _db_sort_keyed(db_query_t *q, int sort) {
+    uint32_t start = debug_now_us();
+    mem_array_t *results[2] = {&q->folder_results, &q->file_results};
+    mem_ref_t *flat[2] = {};
+    bool done = true;
+    debug_printf("caching...\n");
+    for (int k = 0; k < 2 && done; k++) {
+        uint32_t n = results[k]->count;
+        flat[k] = (mem_ref_t *) mem_alloc((n ? n : 1) * sizeof(mem_ref_t));
+        done = _keyed_sort_kind(q, sort, k == 0, flat[k]);
+        if (done && (sort & 1)) {
+            for (uint32_t i = 0; i < n / 2; i++) {
+                mem_ref_t t = flat[k][i];
+                flat[k][i] = flat[k][n - 1 - i], flat[k][n - 1 - i] = t;
+            }
+        }
+    }
+    if (!done || q->cancel_sort) {
+        debug_printf("cache canceled\n");
+        q->sorted = false;
+    } else {
+        for (int k = 0; k < 2; k++)
+            _replace(results[k], flat[k], results[k]->count);
+        debug_printf("SET SORT 4 %d\n", sort);
+        _finish(q, sort);
+    }
+    mem_free(flat[0]), mem_free(flat[1]);
+    debug_printf("finished sort, time taken %f seconds\n", (int) (debug_now_us() - start));
+}
+
 void _db_set_sort(db_query_t *q, int sort) {
     debug_printf("set sort %d %d\n", sort, q->current_sort);
     if (q->sorted) {
@@ -294,6 +588,8 @@ void _db_set_sort(db_query_t *q, int sort) {
         return;
     if (_db_sort_by_index(q, sort))
         return;
+    if (_keyed_sort_applies(sort))
+        return _db_sort_keyed(q, sort);
     _db_sort_compare(q, sort);
 }
 

@@ -184,27 +184,11 @@ static void _copy_fields(const db_t *db, const db_job_t *job, bool folder, db_re
     _fill(job, folder, r, &fd);
 }
 
-static int _ref_compare(uint32_t a, uint32_t b) {
-    return a < b ? -1 : a > b;
-}
-
-static uint32_t _find_ref(const db_ref_t *sorted, uint32_t n, db_ref_t key) {
-    uint32_t lo = 0, hi = n;
-    while (lo < hi) {
-        uint32_t mid = (lo + hi) / 2;
-        if (sorted[mid] < key)
-            lo = mid + 1;
-        else
-            hi = mid;
-    }
-    return lo < n && sorted[lo] == key ? lo : UINT32_MAX;
-}
-
 // A scanned folder or a file list: parents are real records, mapped from old to new through the old
 // folders sorted by address.
 static void _reuse_tree(db_build_ctx_t *ctx, _old_t *old) {
     db_t *db = ctx->job->db;
-    os_qsort(old->folders, old->folder_count, _ref_compare);
+    os_qsort(old->folders, old->folder_count, mem_ref_compare);
     db_ref_t *made = (db_ref_t *) mem_alloc((old->folder_count + 1) * sizeof(db_ref_t));
     uint32_t len;
     for (uint32_t i = 0; i < old->folder_count; i++) {
@@ -217,14 +201,14 @@ static void _reuse_tree(db_build_ctx_t *ctx, _old_t *old) {
     for (uint32_t i = 0; i < old->folder_count; i++) {
         db_ref_t p = db_record_parent(made[i]);
         if (p != DB_BUILD_TOP) {
-            uint32_t k = _find_ref(old->folders, old->folder_count, p);
+            uint32_t k = mem_refs_find(old->folders, old->folder_count, p);
             *(uint32_t *) db_ptr(made[i]) = k == UINT32_MAX ? 0 : made[k];
         }
     }
     for (uint32_t i = 0; i < old->file_count; i++) {
         db_ref_t o = old->files[i], p = db_record_parent(o);
         const char *name = db_record_name(o, &len);
-        uint32_t k = p ? _find_ref(old->folders, old->folder_count, p) : UINT32_MAX;
+        uint32_t k = p ? mem_refs_find(old->folders, old->folder_count, p) : UINT32_MAX;
         db_ref_t parent = !p ? DB_BUILD_TOP : k == UINT32_MAX ? 0 : made[k];
         db_ref_t r = _alloc(ctx, false, !p, parent, name, len);
         _copy_fields(db, ctx->job, false, o, r);

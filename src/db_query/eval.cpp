@@ -78,14 +78,7 @@ bool db_eval_pattern(db_eval_scratch_t *s, const db_text_match_t *m, const char 
 
 // ---- text families --------------------------------------------------------------------------------------
 
-struct text_op_t {
-    text_family_t family;
-    text_folding_t folding;
-    bool path;
-};
-
-// The plain text families 2..161: family, folding and path bit; the NOT bit is the caller's.
-static bool _text_op(uint32_t op, text_op_t *t, bool *neg) {
+bool db_text_op(uint32_t op, db_text_op_t *t, bool *neg) {
     struct range_t {
         uint32_t first, last;
         bool ascii, has_ww;
@@ -171,49 +164,25 @@ static bool _ext_plain(const db_op_ext_t *e, text_folding_t folding, const char 
 
 // ---- path roots and components ----------------------------------------------------------------------
 
-static bool _in_sorted(const mem_ref_t *refs, uint32_t n, mem_ref_t r) {
-    uint32_t lo = 0, hi = n;
-    while (lo < hi) {
-        uint32_t mid = (lo + hi) / 2;
-        if (refs[mid] < r)
-            lo = mid + 1;
-        else
-            hi = mid;
-    }
-    return lo < n && refs[lo] == r;
-}
-
-static int64_t _find_sorted(const mem_ref_t *refs, uint32_t n, mem_ref_t r) {
-    uint32_t lo = 0, hi = n;
-    while (lo < hi) {
-        uint32_t mid = (lo + hi) / 2;
-        if (refs[mid] < r)
-            lo = mid + 1;
-        else
-            hi = mid;
-    }
-    return lo < n && refs[lo] == r ? (int64_t) lo : -1;
-}
-
 // Path root families: a few pointer compares up the parent chain, no text.
 static bool _root_test(const db_op_folders_t *f, uint32_t family, db_ref_t record) {
     switch (family) {
     case FAMILY_ROOT_MIXED: {
-        int64_t at = _find_sorted(f->folders, f->count, record);
-        if (at >= 0 && f->include && f->include[at])
+        uint32_t at = mem_refs_find(f->folders, f->count, record);
+        if (at != UINT32_MAX && f->include && f->include[at])
             return true;
         for (db_ref_t p = db_record_parent(record); p; p = db_record_parent(p))
-            if (_in_sorted(f->folders, f->count, p))
+            if (mem_refs_find(f->folders, f->count, p) != UINT32_MAX)
                 return true;
         return false;
     }
     case FAMILY_ROOTS_SELF:
-        if (_in_sorted(f->folders, f->count, record))
+        if (mem_refs_find(f->folders, f->count, record) != UINT32_MAX)
             return true;
         [[fallthrough]];
     case FAMILY_ROOTS_BELOW:
         for (db_ref_t p = db_record_parent(record); p; p = db_record_parent(p))
-            if (_in_sorted(f->folders, f->count, p))
+            if (mem_refs_find(f->folders, f->count, p) != UINT32_MAX)
                 return true;
         return false;
     case FAMILY_ROOT_SELF:
@@ -470,7 +439,7 @@ static bool _eval_positive(db_query_t *q, const db_op_t *op, uint32_t code, bool
     case 284: {
         const db_op_folders_t *f = (const db_op_folders_t *) payload;
         db_ref_t parent = db_record_parent(record);
-        return parent && _in_sorted(f->folders, f->count, parent);
+        return parent && mem_refs_find(f->folders, f->count, parent) != UINT32_MAX;
     }
     case 326:
         return _range64(op, db_query_provider.value(q, record, folder, DB_QV_DATE_RECENTLY_CHANGED));
@@ -545,8 +514,8 @@ bool _db_query_eval_op(db_query_t *q, const db_op_t *op, bool folder, db_ref_t r
     if (!folder && (code == 195 || code == 367))
         return true;
     bool neg = false;
-    text_op_t t;
-    if (_text_op(code, &t, &neg)) {
+    db_text_op_t t;
+    if (db_text_op(code, &t, &neg)) {
         const db_op_text_t *pt = (const db_op_text_t *) db_op_payload(op);
         const char *text;
         size_t len;
@@ -554,21 +523,13 @@ bool _db_query_eval_op(db_query_t *q, const db_op_t *op, bool folder, db_ref_t r
         text_matcher_t m = text_matcher(t.family, t.folding);
         return (len >= pt->offset && m(text + pt->offset, len - pt->offset, pt->text, pt->len)) != neg;
     }
-    if (code >= 162 && code <= 171) {
-        text_folding_t f =
-            code >= 170 ? TEXT_FOLD_ASCII : text_folding_for(code & 1, ((code - 162) & 2) != 0);
-        neg = code >= 170 ? code == 171 : ((code - 162) & 4) != 0;
+    if ((code >= 162 && code <= 171) || (code >= 374 && code <= 383)) {
+        bool suffix = code <= 171;
+        text_folding_t f = _ten_family(code, suffix ? 162 : 374, &neg);
         uint32_t n;
         const char *name = db_record_name(record, &n);
-        return _ext_suffix((const db_op_ext_t *) db_op_payload(op), f, name, n) != neg;
-    }
-    if (code >= 374 && code <= 383) {
-        text_folding_t f =
-            code >= 382 ? TEXT_FOLD_ASCII : text_folding_for(code & 1, ((code - 374) & 2) != 0);
-        neg = code >= 382 ? code == 383 : ((code - 374) & 4) != 0;
-        uint32_t n;
-        const char *name = db_record_name(record, &n);
-        return _ext_plain((const db_op_ext_t *) db_op_payload(op), f, name, n) != neg;
+        const db_op_ext_t *e = (const db_op_ext_t *) db_op_payload(op);
+        return (suffix ? _ext_suffix(e, f, name, n) : _ext_plain(e, f, name, n)) != neg;
     }
     if (code >= 230 && code <= 279) {
         uint32_t base = 230 + (code - 230) / 10 * 10;

@@ -31,3 +31,12 @@ int db_query_result_compare(db_query_t *q, bool folder, db_ref_t a, db_ref_t b);
 // The sum of the known sizes of the files in the array. Stops early when *cancel turns true (cancel may
 // be null); the caller then knows the sum is partial.
 uint64_t db_query_files_size(const db_query_t *q, const mem_array_t *a, const volatile bool *cancel);
+
+// What a plain text op (2..161) asks: the matcher family, the folding and whether it reads the path.
+struct db_text_op_t {
+    text_family_t family;
+    text_folding_t folding;
+    bool path;
+};
+// Decodes a plain text op into t and its NOT bit into neg; false for any other op.
+bool db_text_op(uint32_t op, db_text_op_t *t, bool *neg);

@@ -78,24 +78,12 @@ static void _filter_chunk(db_search_worker_t *w, const db_scan_term_t *st, text_
 static bool _fast_contains(db_search_worker_t *w, const db_op_t *op) {
     if (op->next || op->notnext)
         return false;
-    uint32_t code = op->op;
+    db_text_op_t top;
     bool neg;
-    text_folding_t folding;
-    if (code >= 2 && code <= 33) {
-        uint32_t x = code - 2;
-        if ((x & 1) || (x & 8))
-            return false; // whole word or path
-        folding = text_folding_for((x & 2) != 0, (x & 4) != 0);
-        neg = (x & 16) != 0;
-    } else if (code >= 34 && code <= 41) {
-        uint32_t x = code - 34;
-        if ((x & 1) || (x & 2))
-            return false;
-        folding = TEXT_FOLD_ASCII;
-        neg = (x & 4) != 0;
-    } else {
+    // Name contains only: whole word and path ops take the general evaluator.
+    if (!db_text_op(op->op, &top, &neg) || top.family != TEXT_MATCH_CONTAINS || top.path)
         return false;
-    }
+    text_folding_t folding = top.folding;
     const db_op_text_t *t = (const db_op_text_t *) db_op_payload(op);
     if (t->offset)
         return false;

@@ -755,16 +755,7 @@ static int _ref_order(const void *a, const void *b) {
 }
 
 bool db_op_frn_test(const db_op_frn_t *f, mem_ref_t record) {
-    uint32_t lo = 0, hi = f->hits;
-    while (lo < hi) {
-        uint32_t mid = (lo + hi) / 2;
-        if (f->records[mid] < record) {
-            lo = mid + 1;
-        } else {
-            hi = mid;
-        }
-    }
-    return lo < f->hits && f->records[lo] == record;
+    return mem_refs_find(f->records, f->hits, record) != UINT32_MAX;
 }
 
 static bool _frn(db_search_t *s, db_term_t *t) {

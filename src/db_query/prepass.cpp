@@ -184,10 +184,6 @@ static int _dupe_key_compare(void *ctx, uint32_t a, uint32_t b) {
     return va < vb ? -1 : va > vb;
 }
 
-static int _ref_compare(uint32_t a, uint32_t b) {
-    return a < b ? -1 : a > b;
-}
-
 // The records of the kind whose key another record shares, sorted by reference.
 static void _dupes(db_query_t *q, const db_op_t *op, bool folder) {
     db_prepass_t *p = _add(q, op);
@@ -217,22 +213,14 @@ static void _dupes(db_query_t *q, const db_op_t *op, bool folder) {
             p->set[p->set_count++] = all[i];
     }
     mem_free(all);
-    os_qsort(p->set, p->set_count, _ref_compare);
+    os_qsort(p->set, p->set_count, mem_ref_compare);
 }
 
 bool db_prepass_dupe_test(db_query_t *q, const db_op_t *op, bool folder, db_ref_t record) {
     for (const db_prepass_t *p = q->prepasses; p; p = p->next) {
         if (p->op != op)
             continue;
-        uint32_t lo = 0, hi = p->set_count;
-        while (lo < hi) {
-            uint32_t mid = (lo + hi) / 2;
-            if (p->set[mid] < record)
-                lo = mid + 1;
-            else
-                hi = mid;
-        }
-        return lo < p->set_count && p->set[lo] == record;
+        return mem_refs_find(p->set, p->set_count, record) != UINT32_MAX;
     }
     // Outside a scan: any other record of the kind with an equal key.
     dupe_ctx_t c = {q, (uint32_t) ((op->op & ~1u) - 174) / 2, folder};

@@ -48,3 +48,21 @@ inline void *mem_ptr(mem_ref_t r) {
 inline mem_ref_t mem_ref(const void *p) {
     return p ? (mem_ref_t) ((size_t) ((const char *) p - mem_arena_base) >> 2) : 0;
 }
+
+// The order of references by value, the one sets of references are sorted in (fits os_qsort).
+inline int mem_ref_compare(uint32_t a, uint32_t b) {
+    return a < b ? -1 : a > b;
+}
+
+// The position of r in refs[0..n), sorted by mem_ref_compare; UINT32_MAX when r isn't there.
+inline uint32_t mem_refs_find(const mem_ref_t *refs, uint32_t n, mem_ref_t r) {
+    uint32_t lo = 0, hi = n;
+    while (lo < hi) {
+        uint32_t mid = (lo + hi) / 2;
+        if (refs[mid] < r)
+            lo = mid + 1;
+        else
+            hi = mid;
+    }
+    return lo < n && refs[lo] == r ? lo : UINT32_MAX;
+}

@@ -2,6 +2,7 @@
 // change of direction is an in-place reversal, and a column with an index array is sorted by one walk
 // of that array that picks out the marked results without a single compare. Only the rest is compared,
 // by the platform's stable multi-threaded merge sort.
+#include <algorithm>
 #include <cstring>
 
 #include "db_query/exec_internal.h"
@@ -182,6 +183,23 @@ static void _finish(db_query_t *q, int sort) {
     q->cache_kind = 0;
 }
 
+// Ends a sort that built each kind's new order in flat: the orders replace the results, or on a cancel
+// the arrays keep their content and their last order, and sorted 0 says it isn't the one asked for.
+// Frees flat.
+static void _publish(db_query_t *q, int sort, mem_ref_t *flat[2], bool canceled, uint32_t start) {
+    mem_array_t *results[2] = {&q->folder_results, &q->file_results};
+    if (canceled) {
+        q->sorted = false;
+    } else {
+        for (int k = 0; k < 2; k++)
+            _replace(results[k], flat[k], results[k]->count);
+        debug_printf("SET SORT 4 %d\n", sort);
+        _finish(q, sort);
+    }
+    mem_free(flat[0]), mem_free(flat[1]);
+    debug_printf("finished sort, time taken %f seconds\n", (int) (debug_now_us() - start));
+}
+
 // Writes the results into out in the order of the index array a (walked backwards when descending): each
 // result's parent is swapped for the sentinel, the array is walked picking out the records that hold
 // it, and the parents come back.
@@ -260,25 +278,10 @@ static void _db_sort_compare(db_query_t *q, int sort) {
         _flatten(results[k], flat[k]);
         sort_ctx_t c = {q, sort & ~1, k == 0};
         os_qsort_ex(flat[k], n, &c, _ascending_compare);
-        if (sort & 1) {
-            for (uint32_t i = 0; i < n / 2; i++) {
-                mem_ref_t t = flat[k][i];
-                flat[k][i] = flat[k][n - 1 - i];
-                flat[k][n - 1 - i] = t;
-            }
-        }
+        if (sort & 1)
+            std::reverse(flat[k], flat[k] + n);
     }
-    if (q->cancel_sort) {
-        // The arrays keep their content and their last order; sorted 0 says it isn't the one asked for.
-        q->sorted = false;
-    } else {
-        for (int k = 0; k < 2; k++)
-            _replace(results[k], flat[k], results[k]->count);
-        debug_printf("SET SORT 4 %d\n", sort);
-        _finish(q, sort);
-    }
-    mem_free(flat[0]), mem_free(flat[1]);
-    debug_printf("finished sort, time taken %f seconds\n", (int) (debug_now_us() - start));
+    _publish(q, sort, flat, q->cancel_sort, start);
 }
 
 // ---- the keyed sort ----------------------------------------------------------------------------------
@@ -444,10 +447,7 @@ static void _name_order(db_query_t *q, bool folder, mem_ref_t *out) {
         return _flatten(results->count == names->count ? names : results, out);
     if (q->sorted && q->current_sort == DB_SORT_NAME + 1) {
         _flatten(results, out);
-        for (uint32_t i = 0, n = results->count; i < n / 2; i++) {
-            mem_ref_t t = out[i];
-            out[i] = out[n - 1 - i], out[n - 1 - i] = t;
-        }
+        std::reverse(out, out + results->count);
         return;
     }
     _pick_marked(results, names, false, out);
@@ -548,24 +548,13 @@ static void _db_sort_keyed(db_query_t *q, int sort) {
         uint32_t n = results[k]->count;
         flat[k] = (mem_ref_t *) mem_alloc((n ? n : 1) * sizeof(mem_ref_t));
         done = _keyed_sort_kind(q, sort, k == 0, flat[k]);
-        if (done && (sort & 1)) {
-            for (uint32_t i = 0; i < n / 2; i++) {
-                mem_ref_t t = flat[k][i];
-                flat[k][i] = flat[k][n - 1 - i], flat[k][n - 1 - i] = t;
-            }
-        }
+        if (done && (sort & 1))
+            std::reverse(flat[k], flat[k] + n);
     }
-    if (!done || q->cancel_sort) {
+    bool canceled = !done || q->cancel_sort;
+    if (canceled)
         debug_printf("cache canceled\n");
-        q->sorted = false;
-    } else {
-        for (int k = 0; k < 2; k++)
-            _replace(results[k], flat[k], results[k]->count);
-        debug_printf("SET SORT 4 %d\n", sort);
-        _finish(q, sort);
-    }
-    mem_free(flat[0]), mem_free(flat[1]);
-    debug_printf("finished sort, time taken %f seconds\n", (int) (debug_now_us() - start));
+    _publish(q, sort, flat, canceled, start);
 }
 
 void _db_set_sort(db_query_t *q, int sort) {

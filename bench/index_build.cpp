@@ -23,6 +23,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "bench.h"
 #include "config/config.h"
 #include "db/db.h"
 #include "db/dbfile.h"
@@ -255,20 +256,6 @@ bool expected_counts(const std::string &paths, uint64_t *folders, uint64_t *file
 
 // ---- the steps -----------------------------------------------------------------------------------------
 
-// Points the settings at one list, as a user's settings file would, and nothing else: no volumes, no
-// folders, the default structure.
-void configure_list(const std::string &swl) {
-    str_t item;
-    str_init(&item);
-    config_list_cat_item(&item, swl.c_str(), true, true);
-    std::string text = "[Sablewatch]\nfilelists=" + std::string(item.ptr, (size_t) item.len) +
-                       "\nfilelist_monitor_changes=0\n";
-    str_kill(&item);
-    ini_t *ini = ini_parse(text.c_str(), "Sablewatch");
-    config_load_ini(ini, false, false);
-    ini_free(ini);
-}
-
 uint64_t record_count(const db_t *db) {
     return (uint64_t) db->folders.count + db->files.count;
 }
@@ -449,16 +436,6 @@ bool parse_args(int argc, char **argv, options_t *o) {
     return true;
 }
 
-// This source file's folder, where corpus.sh puts its data; SW_SOURCE_DIR wins when set (ctest sets it).
-std::string bench_folder() {
-    const char *root = getenv("SW_SOURCE_DIR");
-    if (root && *root)
-        return std::string(root) + "/bench";
-    std::string here = __FILE__;
-    size_t cut = here.find_last_of("/\\");
-    return cut == std::string::npos ? std::string("bench") : here.substr(0, cut);
-}
-
 void start_up(const options_t &o) {
     debug_init();
     os_init();
@@ -552,7 +529,7 @@ int main(int argc, char **argv) {
            (unsigned long long) file_bytes(r.swl),
            o.smoke ? ", smoke run: no targets, they hold for the corpus" : "");
     fflush(stdout);
-    configure_list(r.swl);
+    bench_configure_list(r.swl);
 
     db_t *db = db_create(nullptr);
     step_t b = build(db);

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "bench.h"
 #include "config/config.h"
 #include "db/db.h"
 #include "db_create/db_create.h"
@@ -27,15 +28,6 @@ struct options_t {
     bool smoke = false;
     bool peer = true;
 };
-
-static std::string bench_folder() {
-    const char *root = getenv("SW_SOURCE_DIR");
-    if (root && *root)
-        return std::string(root) + "/bench";
-    std::string here = __FILE__;
-    size_t cut = here.find_last_of("/\\");
-    return cut == std::string::npos ? std::string("bench") : here.substr(0, cut);
-}
 
 static double now_ms() {
     return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now().time_since_epoch())
@@ -115,18 +107,6 @@ static bool peer_time(const std::string &db_path, const std::string &args, int r
     return true;
 }
 
-static void configure_list(const std::string &swl) {
-    str_t item;
-    str_init(&item);
-    config_list_cat_item(&item, swl.c_str(), true, true);
-    std::string text = "[Sablewatch]\nfilelists=" + std::string(item.ptr, (size_t) item.len) +
-                       "\nfilelist_monitor_changes=0\n";
-    str_kill(&item);
-    ini_t *ini = ini_parse(text.c_str(), "Sablewatch");
-    config_load_ini(ini, false, false);
-    ini_free(ini);
-}
-
 // A generated list of 20,000 paths for a smoke run.
 static void smoke_lists(std::string *swl, std::string *paths) {
     *swl = "/tmp/bench_search_smoke.swl", *paths = "/tmp/bench_search_smoke.paths";
@@ -171,7 +151,7 @@ int main(int argc, char **argv) {
         o.corpus = bench_folder() + "/data/debian12.swl";
     if (o.paths.empty())
         o.paths = bench_folder() + "/data/debian12.paths";
-    configure_list(o.corpus);
+    bench_configure_list(o.corpus);
     db_t *db = db_create(nullptr);
     double t0 = now_ms();
     db_rebuild(db, true);

@@ -36,21 +36,6 @@ void write_text(const std::string &path, const std::string &text) {
     os_file_close(f);
 }
 
-std::vector<std::string> all_paths(db_t *d) {
-    std::vector<std::string> out;
-    str_t s;
-    str_init(&s);
-    for (mem_array_t *a : {&d->folders, &d->files}) {
-        for (uint32_t i = 0; i < a->count; i++) {
-            db_get_full_path(&s, mem_array_get(a, i));
-            out.emplace_back(s.ptr, (size_t) s.len);
-        }
-    }
-    str_kill(&s);
-    std::sort(out.begin(), out.end());
-    return out;
-}
-
 std::vector<char> read_all(const std::string &path) {
     std::vector<char> out;
     FILE *f = fopen(path.c_str(), "rb");
@@ -112,7 +97,7 @@ TEST(ProgramIndex, ReindexUpdateExitLeavesTheIndexFileAndALaterStartKeepsIt) {
                                      tree + S + "sub",
                                      tree + S + "sub" + S + "deep.txt",
                                      tree + S + "top.bin"};
-    std::vector<std::string> got = all_paths(loaded);
+    std::vector<std::string> got = program_index_paths(loaded);
     // The list's implied folders above "listed" are records too; keep only what lies below the test folder.
     got.erase(std::remove_if(got.begin(), got.end(),
                              [&](const std::string &p) {

@@ -13,21 +13,6 @@
 
 namespace {
 
-std::vector<std::string> all_paths(db_t *d) {
-    std::vector<std::string> out;
-    str_t s;
-    str_init(&s);
-    for (mem_array_t *a : {&d->folders, &d->files}) {
-        for (uint32_t i = 0; i < a->count; i++) {
-            db_get_full_path(&s, mem_array_get(a, i));
-            out.emplace_back(s.ptr, (size_t) s.len);
-        }
-    }
-    str_kill(&s);
-    std::sort(out.begin(), out.end());
-    return out;
-}
-
 TEST(Shutdown, EndFromOutsideSavesTheIndexWithItsLastChanges) {
     ASSERT_TRUE(os_file_exists(program_path().c_str())) << "build the sablewatch target first";
     std::string S = OS_SEP_STR;
@@ -66,7 +51,7 @@ TEST(Shutdown, EndFromOutsideSavesTheIndexWithItsLastChanges) {
     ASSERT_TRUE(os_file_exists(db_file.c_str())) << program_log(dir);
     db_t *loaded = db_create(nullptr);
     ASSERT_TRUE(db_file_load(loaded, db_file.c_str(), false, nullptr));
-    std::vector<std::string> got = all_paths(loaded);
+    std::vector<std::string> got = program_index_paths(loaded);
     db_destroy(loaded);
     EXPECT_NE(std::find(got.begin(), got.end(), tree + S + "late.txt"), got.end()) << program_log(dir);
     EXPECT_NE(std::find(got.begin(), got.end(), tree + S + "early.txt"), got.end());

@@ -5,11 +5,13 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <vector>
 
+#include "db/db.h"
 #include "main/main.h"
 #include "mem/mem.h"
 #include "os/os.h"
@@ -149,4 +151,20 @@ struct program_temp_folder_t {
 // The log a program started with "-debug-log" writes into the temporary folder dir.
 inline std::string program_log(const std::string &dir) {
     return program_read(dir + OS_SEP_STR + "Sablewatch Debug Log.txt");
+}
+
+// Every record's full path in an index, sorted: what a saved index holds, to compare with the disk.
+inline std::vector<std::string> program_index_paths(db_t *d) {
+    std::vector<std::string> out;
+    str_t s;
+    str_init(&s);
+    for (mem_array_t *a : {&d->folders, &d->files}) {
+        for (uint32_t i = 0; i < a->count; i++) {
+            db_get_full_path(&s, mem_array_get(a, i));
+            out.emplace_back(s.ptr, (size_t) s.len);
+        }
+    }
+    str_kill(&s);
+    std::sort(out.begin(), out.end());
+    return out;
 }

@@ -171,7 +171,7 @@ static bool _sources_stale(db_t *db) {
         if (fs->type == DB_FS_FILE_LIST)
             readable = _can_read(fs, scan) && os_get_target_info(scan, &info);
         else if (fs->type == DB_FS_FOLDER)
-            readable = _can_read(fs, scan);
+            readable = fs->out_of_date && _can_read(fs, scan); // only an unread folder asks
         else {
             const db_volume_reader_t *r = fs->type == DB_FS_NTFS ? db_ntfs_reader : db_refs_reader;
             // Later: the volume reader's own test (it opens and gives its journal) goes here.

@@ -33,7 +33,9 @@ bool ntfs_read_boot_sector(os_file_t volume, ntfs_boot_info_t *info) {
             spc = 256 - spc < 32 ? 1u << (256 - spc) : 0;
         uint64_t bpc = (uint64_t) spc * bps;
         int8_t per_record = (int8_t) buf[64];
-        uint64_t bpr = per_record > 0 ? (uint64_t) per_record * bpc : -per_record < 32 ? 1ull << -per_record : 0;
+        uint64_t bpr = per_record > 0     ? (uint64_t) per_record * bpc
+                       : -per_record < 32 ? 1ull << -per_record
+                                          : 0;
         if (bpc == 0 || bpc > 0xFFFFFFFFull)
             debug_printf("invalid bytes_per_cluster %u\n", (unsigned) bpc);
         else if (bps == 0)

@@ -33,7 +33,8 @@ static bool _read_record(os_file_t volume, uint64_t recno, uint8_t *out, uint32_
                 ntfs_run_t run;
                 while (!found && ntfs_mapping_pair_next(&pos, end, &lcn, &run) == 1) {
                     uint64_t bytes = run.count * bpc;
-                    if (want < vcn_byte + bytes && want + rs <= vcn_byte + bytes && !run.sparse && run.lcn >= 0) {
+                    if (want < vcn_byte + bytes && want + rs <= vcn_byte + bytes && !run.sparse &&
+                        run.lcn >= 0) {
                         off = (uint64_t) run.lcn * bpc + (want - vcn_byte);
                         found = true;
                     }
@@ -69,8 +70,8 @@ struct _fd_walk_t {
     os_file_info_t *out;
     bool is_dir;
     bool got_standard, got_data;
-    uint64_t here;       // the record in hand
-    uint64_t data_frn;   // where the attribute list says the data lives, 0 when here
+    uint64_t here;     // the record in hand
+    uint64_t data_frn; // where the attribute list says the data lives, 0 when here
     os_file_t volume;
     uint32_t record_size;
     bool list_followed;
@@ -141,7 +142,8 @@ static bool _fd_visit(void *ctx, const ntfs_attr_t *a) {
             ntfs_boot_info_t info;
             if (ntfs_mapping_pair_next(&pos, a->p + a->len, &lcn, &run) == 1 && !run.sparse && run.lcn >= 0 &&
                 ntfs_read_boot_sector(w->volume, &info)) {
-                debug_printf("mapping pair cluster offset: %I64d, cluster count: %I64u\n", run.lcn, run.count);
+                debug_printf("mapping pair cluster offset: %I64d, cluster count: %I64u\n", run.lcn,
+                             run.count);
                 uint64_t size = ntfs_u64(a->p + 48);
                 uint32_t n = size < w->record_size ? (uint32_t) size : w->record_size;
                 uint64_t pos_bytes = (uint64_t) run.lcn * info.bytes_per_cluster;
@@ -207,7 +209,8 @@ bool ntfs_get_fd(os_file_t volume, uint64_t frn_low, uint64_t frn_high, os_file_
             frn = w.data_frn;
             continue;
         }
-        debug_printf("couldnt get fd from %016I64x %x\n", frn_low, (unsigned) (w.got_standard | w.got_data << 1));
+        debug_printf("couldnt get fd from %016I64x %x\n", frn_low,
+                     (unsigned) (w.got_standard | w.got_data << 1));
         break;
     }
     if (debug_verbose)

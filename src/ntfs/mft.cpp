@@ -129,7 +129,8 @@ static ntfs_pending_record_t *_pending_at(ntfs_mft_reader_t *r, uint32_t i) {
 
 static ntfs_pending_record_t *_pending_new(ntfs_mft_reader_t *r) {
     if (r->pending_count == r->pending_blocks * PENDING_PER_BLOCK) {
-        r->pending = (ntfs_pending_record_t **) mem_realloc(r->pending, (r->pending_blocks + 1) * sizeof(void *));
+        r->pending =
+            (ntfs_pending_record_t **) mem_realloc(r->pending, (r->pending_blocks + 1) * sizeof(void *));
         r->pending[r->pending_blocks++] =
             (ntfs_pending_record_t *) mem_alloc(PENDING_PER_BLOCK * sizeof(ntfs_pending_record_t));
     }
@@ -312,7 +313,8 @@ static void _record(ntfs_mft_reader_t *r, uint8_t *rec) {
 
 // ---- the reader ----------------------------------------------------------------------------------------
 
-ntfs_mft_reader_t *ntfs_reader_create(uint32_t record_size, uint32_t flags, void *user, ntfs_callback_t callback) {
+ntfs_mft_reader_t *ntfs_reader_create(uint32_t record_size, uint32_t flags, void *user,
+                                      ntfs_callback_t callback) {
     ntfs_mft_reader_t *r = (ntfs_mft_reader_t *) mem_alloc(sizeof(ntfs_mft_reader_t));
     memset(r, 0, sizeof(*r));
     r->record_size = record_size;

@@ -28,13 +28,13 @@ struct ntfs_boot_info_t {
 
 // One name of one file, valid during the callback only.
 struct ntfs_file_record_t {
-    uint64_t frn;        // record number in the low 48 bits, the record's sequence number in the high 16
-    uint64_t parent_frn; // as stored in the name attribute, sequence included
-    uint64_t size;       // data size of the unnamed stream; 0 without one
+    uint64_t frn;           // record number in the low 48 bits, the record's sequence number in the high 16
+    uint64_t parent_frn;    // as stored in the name attribute, sequence included
+    uint64_t size;          // data size of the unnamed stream; 0 without one
     uint64_t date_modified; // FILETIME; all bits set when $STANDARD_INFORMATION was not seen
     uint64_t date_created;
     uint64_t date_accessed;
-    uint32_t attributes; // Windows attribute bits; 0x10 forced on for folders and off for all else
+    uint32_t attributes;  // Windows attribute bits; 0x10 forced on for folders and off for all else
     uint32_t name_length; // UTF-16 units
     const uint16_t *name; // not terminated; 2-byte aligned
 };
@@ -66,13 +66,15 @@ void ntfs_enum_mft(os_file_t volume, const ntfs_boot_info_t *info, uint32_t flag
 // standard information and the data size (or the folder bit) were found.
 bool ntfs_get_fd(os_file_t volume, uint64_t frn_low, uint64_t frn_high, os_file_info_t *out);
 
-// ---- the pass in pieces, for the pass itself, the tests and the fuzz targets -------------------------------
+// ---- the pass in pieces, for the pass itself, the tests and the fuzz targets
+// -------------------------------
 
 struct ntfs_mft_reader_t;
 
 // A reader for records of record_size bytes (at least 42, at most 1 MiB), numbered from 0. Owns all its
 // memory until ntfs_reader_finish.
-ntfs_mft_reader_t *ntfs_reader_create(uint32_t record_size, uint32_t flags, void *user, ntfs_callback_t callback);
+ntfs_mft_reader_t *ntfs_reader_create(uint32_t record_size, uint32_t flags, void *user,
+                                      ntfs_callback_t callback);
 // Takes count whole records from buf, in order, numbering them on from the last. The fix-up is applied in
 // place, so buf is changed.
 void ntfs_reader_records(ntfs_mft_reader_t *reader, uint8_t *buf, uint32_t count);

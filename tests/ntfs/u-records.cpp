@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "debug/debug.h"
+#include "mem/mem.h"
 #include "ntfs/ntfs.h"
 #include "text/text.h"
 
@@ -286,8 +287,27 @@ int64_t read_volume(os_file_t, uint64_t offset, void *buf, size_t n) {
 
 class VolumeTest : public RecordTest {
   protected:
-    void SetUp() override { os_hooks.file_read_at = read_volume; }
-    void TearDown() override { os_hooks_reset(); }
+    // A real file's handle, so that the platform's geometry question gets a file's answer (512); the
+    // reads themselves come from g_volume through the hook.
+    os_file_t vol = OS_FILE_INVALID;
+    std::string scratch;
+
+    void SetUp() override {
+        str_t tmp;
+        str_init(&tmp);
+        os_temp_folder(&tmp);
+        scratch = std::string(tmp.ptr, (size_t) tmp.len) + OS_SEP_STR + "sw-ntfs-volume-test-" +
+                  std::to_string(os_thread_id());
+        str_kill(&tmp);
+        vol = os_file_open(scratch.c_str(), OS_OPEN_READ | OS_OPEN_WRITE | OS_OPEN_CREATE);
+        ASSERT_NE(vol, OS_FILE_INVALID);
+        os_hooks.file_read_at = read_volume;
+    }
+    void TearDown() override {
+        os_hooks_reset();
+        os_file_close(vol);
+        os_file_delete(scratch.c_str());
+    }
 
     static void boot(uint16_t bps, uint8_t spc, uint8_t per_record, uint64_t mft_lcn) {
         g_volume.assign(1 << 20, 0);
@@ -319,7 +339,7 @@ TEST_F(VolumeTest, BootSectorSizes) {
     for (const row_t &r : rows) {
         boot(r.bps, r.spc, r.per_record, 4);
         ntfs_boot_info_t info{};
-        ASSERT_EQ(ntfs_read_boot_sector((os_file_t) 99, &info), r.ok) << r.bps << " " << (int) r.spc;
+        ASSERT_EQ(ntfs_read_boot_sector(vol, &info), r.ok) << r.bps << " " << (int) r.spc;
         if (!r.ok)
             continue;
         EXPECT_EQ(info.bytes_per_cluster, r.cluster);
@@ -330,7 +350,7 @@ TEST_F(VolumeTest, BootSectorSizes) {
     boot(512, 8, 0xF6, 4);
     memcpy(&g_volume[3], "NTFS   X", 8);
     ntfs_boot_info_t info;
-    EXPECT_FALSE(ntfs_read_boot_sector((os_file_t) 99, &info));
+    EXPECT_FALSE(ntfs_read_boot_sector(vol, &info));
 }
 
 // $MFT in two pieces, the second listed only in an extension record of $MFT itself. With a short first
@@ -353,15 +373,14 @@ TEST_F(VolumeTest, MftRunsListedInAnExtensionRecord) {
         auto ext = record_t(1, 1, 1ull << 48).runs(first_clusters, 0, p2).done();
         memcpy(&g_volume[rec_at(17)], ext.data(), 1024);
         for (uint32_t n = 18; n < total; n++) {
-            std::u16string name =
-                u"f" + std::u16string(1, (char16_t) ('A' + n % 26)) + (char16_t) ('0' + n / 26);
+            std::u16string name = {u'f', (char16_t) ('A' + n % 26), (char16_t) ('0' + n / 26)};
             auto r = record_t().name(5, name).done();
             memcpy(&g_volume[rec_at(n)], r.data(), 1024);
         }
         ntfs_boot_info_t info;
-        ASSERT_TRUE(ntfs_read_boot_sector((os_file_t) 99, &info));
+        ASSERT_TRUE(ntfs_read_boot_sector(vol, &info));
         std::vector<got_t> got;
-        ntfs_enum_mft((os_file_t) 99, &info, NTFS_WANT_ALL, &got, collect);
+        ntfs_enum_mft(vol, &info, NTFS_WANT_ALL, &got, collect);
         ASSERT_EQ(got.size(), total - 18) << first_clusters;
         for (size_t i = 0; i < got.size(); i++)
             EXPECT_EQ(got[i].frn & 0xFFFFFFFFFFFFull, 18 + i) << first_clusters;
@@ -379,9 +398,9 @@ TEST_F(VolumeTest, ReadFailureDeliversWhatWasRead) {
     }
     g_volume.resize(16 * 4096 + 100 * 1024);
     ntfs_boot_info_t info;
-    ASSERT_TRUE(ntfs_read_boot_sector((os_file_t) 99, &info));
+    ASSERT_TRUE(ntfs_read_boot_sector(vol, &info));
     std::vector<got_t> got;
-    ntfs_enum_mft((os_file_t) 99, &info, NTFS_WANT_ALL, &got, collect);
+    ntfs_enum_mft(vol, &info, NTFS_WANT_ALL, &got, collect);
     EXPECT_EQ(got.size(), 64u - 16u);
 }
 

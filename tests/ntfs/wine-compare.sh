@@ -13,5 +13,5 @@ bash "$here/make-image.sh" "$work/vol.img" 4096 512
 SW_NTFS_VOLUME="$work/vol.img" SW_NTFS_DUMP="$work/linux.txt" "$linux" --gtest_filter=SameImage.*
 mkdir -p "$WINEPREFIX/dosdevices"
 ln -sfn "$work/vol.img" "$WINEPREFIX/dosdevices/x::"
-SW_NTFS_VOLUME='\\.\X:' SW_NTFS_EXPECT="$(winepath -w "$work/linux.txt")" \
+SW_NTFS_VOLUME='\\.\X:' SW_NTFS_VOLUME_ALT='X:' SW_NTFS_EXPECT="$(winepath -w "$work/linux.txt")" \
   wine "$win" --gtest_filter=SameImage.*

@@ -12,11 +12,19 @@ static bool _is_device_path(const wchar_t *p) {
 }
 
 os_file_t os_open_volume(const char *path, int access, bool overlapped) {
+    // A bare drive ("C:" or "C:\\") names the drive's current folder to CreateFileW; its volume is
+    // "\\.\C:".
+    char drive[] = "\\\\.\\C:";
+    size_t plen = strlen(path);
+    if ((plen == 2 || (plen == 3 && (path[2] == '\\' || path[2] == '/'))) && path[1] == ':') {
+        drive[4] = path[0];
+        path = drive;
+    }
     os_wide_t w;
     os_wide_init(&w, path);
     size_t n = wcslen(w.ptr);
     if (n > 1 && (w.ptr[n - 1] == L'\\' || w.ptr[n - 1] == L'/'))
-        w.ptr[n - 1] = 0;
+        w.ptr[--n] = 0;
     debug_printf("open volume %S\n", (const uint16_t *) w.ptr);
     DWORD rights = GENERIC_READ | ((access & OS_VOLUME_WRITE) ? GENERIC_WRITE : 0);
     HANDLE h = CreateFileW(w.ptr, rights, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,

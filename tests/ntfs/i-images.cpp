@@ -161,6 +161,34 @@ TEST_P(ImageTest, TheHardCasesAreInTheImageAndRead) {
     }
 }
 
+// One file's details by reference give what the pass gave for it: through the $MFT run map on an image.
+TEST_P(ImageTest, GetFdAgreesWithThePass) {
+    std::string img = image_path(GetParam());
+    ASSERT_FALSE(img.empty());
+    std::vector<got_t> got = read_image(img);
+    os_file_t h = os_open_volume(img.c_str(), OS_VOLUME_READ, false);
+    ASSERT_NE(h, OS_FILE_INVALID);
+    size_t checked = 0;
+    for (size_t i = 0; i < got.size(); i += got.size() / 97 + 1) {
+        const got_t &g = got[i];
+        os_file_info_t fd;
+        EXPECT_TRUE(ntfs_get_fd(h, g.frn, 0, &fd)) << g.name;
+        EXPECT_EQ(fd.date_modified, g.modified) << g.name;
+        EXPECT_EQ(fd.date_created, g.created) << g.name;
+        EXPECT_EQ(fd.attributes, g.attributes) << g.name;
+        if (!(g.attributes & OS_ATTR_DIRECTORY)) {
+            EXPECT_EQ(fd.size, g.size) << g.name;
+        }
+        checked++;
+    }
+    // A record that isn't in use gives nothing known.
+    os_file_info_t fd;
+    EXPECT_FALSE(ntfs_get_fd(h, 0xFFFFFF, 0, &fd));
+    EXPECT_EQ(fd.date_modified, UINT64_MAX);
+    os_file_close(h);
+    EXPECT_GT(checked, 50u);
+}
+
 INSTANTIATE_TEST_SUITE_P(Matrix, ImageTest, ::testing::ValuesIn(image_matrix()),
                          [](const ::testing::TestParamInfo<image_spec_t> &i) {
                              std::string n = i.param.name;

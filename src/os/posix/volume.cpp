@@ -52,6 +52,7 @@ uint32_t os_volume_sector_size(os_file_t volume) {
         debug_printf("sector size %d\n", size);
         return (uint32_t) size;
     }
+    debug_printf("sector size %d\n", 512);
     return 512;
 }
 

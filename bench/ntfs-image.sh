@@ -5,7 +5,7 @@
 #
 #   ntfs-image.sh IMAGE COUNT
 set -euo pipefail
-img=$1 count=$2
+img=$(realpath -m "$1") count=$2
 for tool in mkntfs ntfs-3g; do
   command -v "$tool" >/dev/null || { echo "ntfs-image: $tool is missing" >&2; exit 2; }
 done

@@ -55,7 +55,7 @@ static bool _read_record(os_file_t volume, uint64_t recno, uint8_t *out, uint32_
 // be had, or the record returned is another one.
 static bool _fetch(os_file_t volume, uint64_t frn, uint8_t *buf, uint32_t *size) {
     uint64_t got = 0;
-    if (os_volume_ntfs_file_record(volume, frn, buf, *size, &got)) {
+    if (os_volume_ntfs_file_record(volume, frn, buf, size, &got)) {
         if ((got & NTFS_FRN_MASK) != (frn & NTFS_FRN_MASK)) {
             if (debug_verbose)
                 debug_printf("FRN not in use %I64x\n", frn);

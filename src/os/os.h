@@ -191,11 +191,11 @@ uint32_t os_error_access_denied();
 uint32_t os_volume_sector_size(os_file_t volume);
 
 // The NTFS file record of one file, asked of the file system (FSCTL_GET_NTFS_FILE_RECORD). out gets up to
-// size bytes of the record and *got_frn the reference of the record returned, which is the nearest in-use
-// record at or below the one asked for. False when the platform or the handle can't answer (always on
-// Linux, and for image files), with os_last_error() telling why; the caller then reads the record from
-// the volume itself.
-bool os_volume_ntfs_file_record(os_file_t volume, uint64_t frn, void *out, uint32_t size, uint64_t *got_frn);
+// *size bytes of the record, *size becomes the number of bytes given, and *got_frn the reference of the
+// record returned, which is the nearest in-use record at or below the one asked for. False when the platform
+// or the handle can't answer (always on Linux, and for image files), with os_last_error() telling why; the
+// caller then reads the record from the volume itself.
+bool os_volume_ntfs_file_record(os_file_t volume, uint64_t frn, void *out, uint32_t *size, uint64_t *got_frn);
 
 // ---- virtual memory ------------------------------------------------------------------------------------
 

@@ -56,7 +56,8 @@ uint32_t os_volume_sector_size(os_file_t volume) {
     return 512;
 }
 
-bool os_volume_ntfs_file_record(os_file_t volume, uint64_t frn, void *out, uint32_t size, uint64_t *got_frn) {
+bool os_volume_ntfs_file_record(os_file_t volume, uint64_t frn, void *out, uint32_t *size,
+                                uint64_t *got_frn) {
     (void) volume, (void) frn, (void) out, (void) size, (void) got_frn;
     errno = ENOSYS;
     return false;

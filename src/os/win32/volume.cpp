@@ -69,18 +69,20 @@ uint32_t os_volume_sector_size(os_file_t volume) {
     return 0;
 }
 
-bool os_volume_ntfs_file_record(os_file_t volume, uint64_t frn, void *out, uint32_t size, uint64_t *got_frn) {
+bool os_volume_ntfs_file_record(os_file_t volume, uint64_t frn, void *out, uint32_t *size,
+                                uint64_t *got_frn) {
     NTFS_FILE_RECORD_INPUT_BUFFER in;
     in.FileReferenceNumber.QuadPart = (LONGLONG) (frn & 0xFFFFFFFFFFFFull);
-    size_t want = offsetof(NTFS_FILE_RECORD_OUTPUT_BUFFER, FileRecordBuffer) + size;
+    size_t want = offsetof(NTFS_FILE_RECORD_OUTPUT_BUFFER, FileRecordBuffer) + *size;
     NTFS_FILE_RECORD_OUTPUT_BUFFER *o = (NTFS_FILE_RECORD_OUTPUT_BUFFER *) mem_alloc(want);
     DWORD got = 0;
     bool ok = DeviceIoControl((HANDLE) volume, FSCTL_GET_NTFS_FILE_RECORD, &in, sizeof(in), o, (DWORD) want,
                               &got, nullptr) != 0;
     if (ok) {
         *got_frn = (uint64_t) o->FileReferenceNumber.QuadPart;
-        uint32_t n = o->FileRecordLength < size ? o->FileRecordLength : size;
+        uint32_t n = o->FileRecordLength < *size ? o->FileRecordLength : *size;
         memcpy(out, o->FileRecordBuffer, n);
+        *size = n;
     }
     DWORD e = GetLastError();
     mem_free(o);

@@ -85,10 +85,16 @@ TEST_F(NtfsIndexTest, UnchangedSourceIsReusedAndAForcedRebuildReadsAgain) {
     db_ntfs_source_add(img.c_str(), "vol");
     rebuild();
     std::set<std::string> files = file_set(), folders = folder_set();
+    std::string log = at("rebuild.log");
+    ASSERT_TRUE(debug_open_log_path(log.c_str()));
     rebuild(false);
+    debug_close_log();
     EXPECT_EQ(opens, 1);
     EXPECT_EQ(file_set(), files);
     EXPECT_EQ(folder_set(), folders);
+    std::ifstream in(log);
+    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    EXPECT_NE(text.find("using existing NTFS index vol"), std::string::npos);
     rebuild(true);
     EXPECT_EQ(opens, 2);
     EXPECT_EQ(file_set(), files);

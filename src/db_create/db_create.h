@@ -188,6 +188,14 @@ struct db_volume_reader_t {
     void (*close)(void *volume);
 };
 extern const db_volume_reader_t *db_ntfs_reader;
+// The NTFS reader of the build (src/db_create/ntfs.cpp): opens the source's guid (or path when there is
+// none) as a volume, reads its boot sector, and reads its file table through db_build_volume_entry. The
+// default db_ntfs_reader.
+extern const db_volume_reader_t db_ntfs_volume_reader;
+// Adds a volume to the settings' NTFS list, as the user would: volume is what is opened (a volume device,
+// and on Linux a block device or an image file), name the root folder's name in the index ("C:", or ""
+// for "/"). Included, not monitored, no root, no include-only. The next rebuild reads it.
+void db_ntfs_source_add(const char *volume, const char *name);
 extern const db_volume_reader_t *db_refs_reader;
 
 // The folder scan the rebuild reads folder sources with: for each item below path, proc(ctx, parent,

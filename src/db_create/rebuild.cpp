@@ -9,7 +9,7 @@
 #include "main/main.h"
 #include "mem/mem.h"
 
-const db_volume_reader_t *db_ntfs_reader = nullptr;
+const db_volume_reader_t *db_ntfs_reader = &db_ntfs_volume_reader;
 const db_volume_reader_t *db_refs_reader = nullptr;
 
 void _db_rebuild_thread_proc(db_t *db, void *arg) {

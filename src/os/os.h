@@ -167,6 +167,36 @@ void os_current_folder(str_t *out);
 // True for an absolute path on this platform.
 bool os_path_is_absolute(const char *path);
 
+// ---- volumes -------------------------------------------------------------------------------------------
+
+// A volume is read as a file handle (os_file_t): an open volume device ("\\.\C:" on Windows), a block
+// device, or a plain file that holds an image of a volume. Reads go through os_file_read_at, so the
+// fault-injection hook covers them; callers read whole sectors at sector-aligned offsets, which a raw
+// device demands and an image file doesn't mind.
+
+enum { OS_VOLUME_READ = 1, OS_VOLUME_WRITE = 2 };
+
+// Opens a volume: strips one trailing slash or backslash, logs "open volume %S", opens with sharing for
+// read and write, open-existing (overlapped when asked, Windows only). On Windows a path beginning
+// "\\?\volume{" or "\\.\" is then asked whether it is mounted; a failure other than "invalid function"
+// (which Wine and image files give) logs "volume %s is locked or not mounted.", closes the handle and
+// fails. Returns OS_FILE_INVALID on failure, with os_last_error() telling why; close with os_file_close.
+os_file_t os_open_volume(const char *path, int access, bool overlapped);
+// The error code os_last_error() gives when access to a volume is refused (ERROR_ACCESS_DENIED, EACCES).
+uint32_t os_error_access_denied();
+
+// The device's sector size: from the drive geometry, logged "sector size %d". A handle that has no
+// geometry (an image file, or Wine's answer of invalid parameter or function) gives 512, the size the
+// program falls back on. Any other failure logs "failed to read drive geometry %u" and gives 0.
+uint32_t os_volume_sector_size(os_file_t volume);
+
+// The NTFS file record of one file, asked of the file system (FSCTL_GET_NTFS_FILE_RECORD). out gets up to
+// *size bytes of the record, *size becomes the number of bytes given, and *got_frn the reference of the
+// record returned, which is the nearest in-use record at or below the one asked for. False when the platform
+// or the handle can't answer (always on Linux, and for image files), with os_last_error() telling why; the
+// caller then reads the record from the volume itself.
+bool os_volume_ntfs_file_record(os_file_t volume, uint64_t frn, void *out, uint32_t *size, uint64_t *got_frn);
+
 // ---- virtual memory ------------------------------------------------------------------------------------
 
 // Reserves address space without committing it. Returns null on failure.

@@ -28,6 +28,8 @@ export WINEDEBUG=-all WINEPREFIX=${WINEPREFIX:-$HOME/.wine-sablewatch}
 # elsewhere: a service that inherited a test's output pipe would keep ctest waiting for ever.
 wineserver -p >/dev/null 2>&1 || true
 xvfb-run -a bash -c 'wine cmd /c exit >/dev/null 2>&1 </dev/null; ctest --preset win64 -j 1'
+step "win64: the NTFS reader under Wine against the Linux build on one image"
+xvfb-run -a bash tests/ntfs/wine-compare.sh build/linux-debug/test_ntfs build/win64/test_ntfs.exe
 wineserver -k >/dev/null 2>&1 || true
 
 step "fuzz: build and smoke run (${fuzz_seconds}s each)"

@@ -22,11 +22,14 @@
 #include <unordered_set>
 #include <vector>
 
+#include <sys/resource.h>
+
 #include "bench.h"
 #include "config/config.h"
 #include "db/db.h"
 #include "db_create/db_create.h"
 #include "debug/debug.h"
+#include "folder/folder.h"
 #include "main/main.h"
 #include "mem/arena.h"
 #include "mem/mem.h"
@@ -48,17 +51,30 @@ struct options_t {
     std::string log;
 };
 
+double median_of(std::vector<double> v) {
+    if (v.empty())
+        return -1;
+    std::sort(v.begin(), v.end());
+    return v.size() % 2 ? v[v.size() / 2] : (v[v.size() / 2 - 1] + v[v.size() / 2]) / 2;
+}
+
+// Wall times and processor times (user and system, all threads) of the runs of one program. On a shared
+// machine the wall time says what a user waits; the processor time says what the work costs whatever else
+// runs, which is the fairer comparison when the load changes during a run.
 struct times_t {
-    std::vector<double> s;
+    std::vector<double> s, cpu;
     double best() const { return s.empty() ? -1 : *std::min_element(s.begin(), s.end()); }
-    double median() const {
-        if (s.empty())
-            return -1;
-        std::vector<double> v = s;
-        std::sort(v.begin(), v.end());
-        return v.size() % 2 ? v[v.size() / 2] : (v[v.size() / 2 - 1] + v[v.size() / 2]) / 2;
-    }
+    double median() const { return median_of(s); }
+    double cpu_median() const { return median_of(cpu); }
 };
+
+double cpu_seconds(int who) {
+    struct rusage u;
+    if (getrusage(who, &u) != 0)
+        return -1;
+    return (double) u.ru_utime.tv_sec + (double) u.ru_utime.tv_usec / 1e6 + (double) u.ru_stime.tv_sec +
+           (double) u.ru_stime.tv_usec / 1e6;
+}
 
 double seconds_since(std::chrono::steady_clock::time_point t0) {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
@@ -73,15 +89,17 @@ void reset_peak() {
     }
 }
 
-double peak_mib() {
+// A field of /proc/self/status ("VmHWM", "VmRSS") in MiB.
+double status_mib(const char *key) {
     FILE *f = fopen("/proc/self/status", "r");
     if (!f)
         return -1;
     char line[256];
+    size_t klen = strlen(key);
     double kib = -1;
     while (fgets(line, sizeof(line), f)) {
-        if (strncmp(line, "VmHWM:", 6) == 0) {
-            kib = strtod(line + 6, nullptr);
+        if (strncmp(line, key, klen) == 0 && line[klen] == ':') {
+            kib = strtod(line + klen + 1, nullptr);
             break;
         }
     }
@@ -96,7 +114,8 @@ double arena_mib() {
 // A build of the configured folder source into a fresh index, which stays with the caller.
 struct build_t {
     double seconds = -1;
-    double peak_mib = -1;  // resident high-water mark during the build
+    double cpu = -1;
+    double peak_mib = -1;  // resident high-water mark during the build, less what was resident before it
     double index_mib = -1; // what the finished index holds of the record arena
     db_t *db = nullptr;
 };
@@ -104,25 +123,56 @@ struct build_t {
 build_t build() {
     build_t b;
     double arena0 = arena_mib();
+    double before = status_mib("VmRSS");
     reset_peak();
     b.db = db_create(nullptr);
     auto t0 = std::chrono::steady_clock::now();
+    double c0 = cpu_seconds(RUSAGE_SELF);
     db_rebuild(b.db, true);
     db_wait(b.db, "bench_folder_scan");
     b.seconds = seconds_since(t0);
+    b.cpu = cpu_seconds(RUSAGE_SELF) - c0;
     // The job's end is posted to the main thread; here the benchmark is the main thread.
     event_dispatch();
-    b.peak_mib = peak_mib();
+    double peak = status_mib("VmHWM");
+    b.peak_mib = peak < 0 || before < 0 ? -1 : peak - before;
     b.index_mib = arena_mib() - arena0;
     return b;
 }
 
-// A shell command's wall time, or -1 when it fails.
-double run_timed(const std::string &cmd) {
+// The scan alone, as the rebuild runs it but with nothing made of the items: what the walk costs, to set
+// beside find's walk.
+uintptr_t count_proc(void *ctx, uintptr_t, bool, bool, const char *, uint32_t, const os_file_info_t *) {
+    ++*(uint64_t *) ctx;
+    return 1;
+}
+
+void scan_only(const options_t &o, uint64_t *items, times_t *t) {
+    scan_options_t so = {};
+    so.threads = (uint32_t) o.threads;
+    *items = 0;
     auto t0 = std::chrono::steady_clock::now();
+    double c0 = cpu_seconds(RUSAGE_SELF);
+    if (folder_scan_each(o.root.c_str(), &so, nullptr, count_proc, items)) {
+        t->s.push_back(seconds_since(t0));
+        t->cpu.push_back(cpu_seconds(RUSAGE_SELF) - c0);
+    }
+}
+
+// Runs a shell command, adding its wall and processor times (the shell's and all it waited for) to t
+// when t is not null. False when it fails.
+bool run_timed(const std::string &cmd, times_t *t) {
+    auto t0 = std::chrono::steady_clock::now();
+    double c0 = cpu_seconds(RUSAGE_CHILDREN);
     int rc = std::system(cmd.c_str());
-    double s = seconds_since(t0);
-    return rc == 0 ? s : -1;
+    double s = seconds_since(t0), c = cpu_seconds(RUSAGE_CHILDREN) - c0;
+    if (rc != 0)
+        return false;
+    if (t) {
+        t->s.push_back(s);
+        t->cpu.push_back(c);
+    }
+    return true;
 }
 
 std::string quoted(const std::string &s) {
@@ -311,41 +361,40 @@ int main(int argc, char **argv) {
         compare_with_find(first.db, o.root);
     db_destroy(first.db);
 
-    times_t ours, find, updatedb;
+    times_t ours, scan, find, updatedb;
     for (int i = 0; i < o.runs; i++) {
         build_t b = build();
         ours.s.push_back(b.seconds);
+        ours.cpu.push_back(b.cpu);
         db_destroy(b.db);
     }
+    uint64_t scanned = 0;
+    for (int i = 0; i < o.runs; i++)
+        scan_only(o, &scanned, &scan);
     std::string why_no_updatedb;
     if (o.peer) {
         std::string find_cmd = "find " + quoted(o.root) + " -xdev -printf '%p %s %T@ %C@\\n' > /dev/null";
-        run_timed(find_cmd);
-        for (int i = 0; i < o.runs; i++) {
-            double s = run_timed(find_cmd);
-            if (s >= 0)
-                find.s.push_back(s);
-        }
+        run_timed(find_cmd, nullptr);
+        for (int i = 0; i < o.runs; i++)
+            run_timed(find_cmd, &find);
         // A full build each time: updatedb re-uses an earlier database's folders, so the old one goes
         // first, as the index's rebuild reads everything too. Its file-system prunes stay (they keep it out
         // of /proc and /sys, as -xdev keeps find and the scan); its path prunes are emptied.
         std::string db_file = temp_name("updatedb");
         std::string up_cmd = "rm -f " + quoted(db_file) + " && updatedb -U " + quoted(o.root) + " -o " +
                              quoted(db_file) + " --prunepaths '' --prunenames '' -l no 2>/dev/null";
-        if (run_timed(up_cmd) < 0) {
+        if (!run_timed(up_cmd, nullptr)) {
             why_no_updatedb = "updatedb failed or is missing (apt-get install plocate)";
         } else {
-            for (int i = 0; i < o.runs; i++) {
-                double s = run_timed(up_cmd);
-                if (s >= 0)
-                    updatedb.s.push_back(s);
-            }
+            for (int i = 0; i < o.runs; i++)
+                run_timed(up_cmd, &updatedb);
         }
         os_file_delete(db_file.c_str());
     }
 
-    printf("records: %llu (%llu folders, %llu files)\n", (unsigned long long) (folders + files),
-           (unsigned long long) folders, (unsigned long long) files);
+    printf("records: %llu (%llu folders, %llu files); the scan alone delivers %llu items\n",
+           (unsigned long long) (folders + files), (unsigned long long) folders, (unsigned long long) files,
+           (unsigned long long) scanned);
     printf("| %-34s | %10s | %10s | %7s | %-16s |\n", "figure", "ours", "peer", "ratio", "target");
     printf("|%s|%s|%s|%s|%s|\n", std::string(36, '-').c_str(), std::string(12, '-').c_str(),
            std::string(12, '-').c_str(), std::string(9, '-').c_str(), std::string(18, '-').c_str());
@@ -354,7 +403,12 @@ int main(int argc, char **argv) {
     row("build s best (vs updatedb)", ours.best(), updatedb.best(), "%.3f", -1, true);
     row("build s median (vs updatedb)", ours.median(), updatedb.median(), "%.3f", -1, true);
     row("build s median (target)", ours.median(), -1, "%.3f", target_build_s, false);
-    row("peak memory MiB (vs index MiB)", first.peak_mib, first.index_mib, "%.1f", -1, false);
+    row("build CPU s median (vs find)", ours.cpu_median(), find.cpu_median(), "%.3f", -1, true);
+    row("build CPU s median (vs updatedb)", ours.cpu_median(), updatedb.cpu_median(), "%.3f", -1, true);
+    row("scan alone s best (vs find)", scan.best(), find.best(), "%.3f", -1, true);
+    row("scan alone s median (vs find)", scan.median(), find.median(), "%.3f", -1, true);
+    row("scan alone CPU s median (vs find)", scan.cpu_median(), find.cpu_median(), "%.3f", -1, true);
+    row("build peak memory MiB (vs index)", first.peak_mib, first.index_mib, "%.1f", -1, false);
     row("peak memory / index memory", first.index_mib > 0 ? first.peak_mib / first.index_mib : -1, -1, "%.2f",
         target_peak_vs_index, false);
     if (!o.peer)

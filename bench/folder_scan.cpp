@@ -63,6 +63,7 @@ double median_of(std::vector<double> v) {
 // runs, which is the fairer comparison when the load changes during a run.
 struct times_t {
     std::vector<double> s, cpu;
+    double peak_mib = -1; // the highest resident growth of a run, where measured
     double best() const { return s.empty() ? -1 : *std::min_element(s.begin(), s.end()); }
     double median() const { return median_of(s); }
     double cpu_median() const { return median_of(cpu); }
@@ -151,11 +152,16 @@ void scan_only(const options_t &o, uint64_t *items, times_t *t) {
     scan_options_t so = {};
     so.threads = (uint32_t) o.threads;
     *items = 0;
+    double before = status_mib("VmRSS");
+    reset_peak();
     auto t0 = std::chrono::steady_clock::now();
     double c0 = cpu_seconds(RUSAGE_SELF);
     if (folder_scan_each(o.root.c_str(), &so, nullptr, count_proc, items)) {
         t->s.push_back(seconds_since(t0));
         t->cpu.push_back(cpu_seconds(RUSAGE_SELF) - c0);
+        double peak = status_mib("VmHWM");
+        if (peak >= 0 && before >= 0)
+            t->peak_mib = std::max(t->peak_mib, peak - before);
     }
 }
 
@@ -409,6 +415,7 @@ int main(int argc, char **argv) {
     row("scan alone s median (vs find)", scan.median(), find.median(), "%.3f", -1, true);
     row("scan alone CPU s median (vs find)", scan.cpu_median(), find.cpu_median(), "%.3f", -1, true);
     row("build peak memory MiB (vs index)", first.peak_mib, first.index_mib, "%.1f", -1, false);
+    row("scan alone peak memory MiB", scan.peak_mib, -1, "%.1f", -1, false);
     row("peak memory / index memory", first.index_mib > 0 ? first.peak_mib / first.index_mib : -1, -1, "%.2f",
         target_peak_vs_index, false);
     if (!o.peer)

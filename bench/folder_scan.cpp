@@ -19,7 +19,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
-#include <unordered_set>
+#include <unordered_map>
 #include <vector>
 
 #include <sys/resource.h>
@@ -206,38 +206,64 @@ std::string temp_name(const char *what) {
 
 // ---- the check against find ----------------------------------------------------------------------------
 
-// The index's paths, each with the root's path in front as find writes them ("/usr" under "/").
-std::unordered_set<std::string> index_paths(const db_t *db) {
-    std::unordered_set<std::string> out;
+// The index's records by path, each path with the root's path in front as find writes them ("/usr" under
+// "/"); the flag says whether the record is a file.
+struct record_t {
+    db_ref_t ref;
+    bool file;
+};
+
+std::unordered_map<std::string, record_t> index_paths(const db_t *db) {
+    std::unordered_map<std::string, record_t> out;
     str_t p;
     str_init(&p);
     const mem_array_t *arrays[] = {&db->folders, &db->files};
-    for (const mem_array_t *a : arrays) {
-        for (uint32_t i = 0; i < a->count; i++) {
-            db_get_full_path(&p, (db_ref_t) mem_array_get(a, i));
-            out.emplace(p.ptr, (size_t) p.len);
+    for (int k = 0; k < 2; k++) {
+        for (uint32_t i = 0; i < arrays[k]->count; i++) {
+            db_ref_t r = (db_ref_t) mem_array_get(arrays[k], i);
+            db_get_full_path(&p, r);
+            out.emplace(std::string(p.ptr, (size_t) p.len), record_t{r, k == 1});
         }
     }
     str_kill(&p);
     return out;
 }
 
-// find's paths below root (root itself left out, as the index names it by the source), zero-separated.
-bool find_paths(const std::string &root, std::unordered_set<std::string> *out) {
+// What find says of an entry: its size and modification time (FILETIME).
+struct found_t {
+    uint64_t size;
+    uint64_t mtime;
+};
+
+// "%s %T@" as FILETIME ticks: seconds and up to seven digits of fraction.
+uint64_t filetime_of(const std::string &t) {
+    size_t dot = t.find('.');
+    uint64_t sec = strtoull(t.substr(0, dot).c_str(), nullptr, 10);
+    std::string frac = dot == std::string::npos ? "" : t.substr(dot + 1);
+    frac = (frac + "0000000").substr(0, 7);
+    return (sec + 11644473600ull) * 10000000ull + strtoull(frac.c_str(), nullptr, 10);
+}
+
+// find's entries below root (root itself left out, as the index names it by the source), as
+// "size mtime path" records separated by zeros.
+bool find_paths(const std::string &root, std::unordered_map<std::string, found_t> *out) {
     std::string list = temp_name("find");
-    std::string cmd = "find " + quoted(root) + " -xdev -mindepth 1 -printf '%p\\0' > " + quoted(list);
+    std::string cmd = "find " + quoted(root) + " -xdev -mindepth 1 -printf '%s %T@ %p\\0' > " + quoted(list);
     bool ok = std::system(cmd.c_str()) == 0;
     FILE *f = fopen(list.c_str(), "rb");
     if (f) {
         std::string cur;
         int c;
         while ((c = fgetc(f)) != EOF) {
-            if (c == 0) {
-                out->insert(cur);
-                cur.clear();
-            } else {
+            if (c != 0) {
                 cur += (char) c;
+                continue;
             }
+            size_t s1 = cur.find(' '), s2 = cur.find(' ', s1 + 1);
+            if (s1 != std::string::npos && s2 != std::string::npos)
+                (*out)[cur.substr(s2 + 1)] = {strtoull(cur.c_str(), nullptr, 10),
+                                              filetime_of(cur.substr(s1 + 1, s2 - s1 - 1))};
+            cur.clear();
         }
         fclose(f);
     }
@@ -245,27 +271,46 @@ bool find_paths(const std::string &root, std::unordered_set<std::string> *out) {
     return ok;
 }
 
-// Both ways: what find lists that the index lacks, and the reverse; a few of each are shown. The tree
-// is live (other programs write to it between the two listings), so a handful may differ for that reason.
+// Both ways: what find lists that the index lacks, and the reverse; a few of each are shown. Then a
+// sample of the files both hold (one in 97) must have the size and modification time that find gives.
+// The tree is live (other programs write to it between the two listings), so a handful may differ for
+// that reason.
 void compare_with_find(const db_t *db, const std::string &root) {
-    std::unordered_set<std::string> ours = index_paths(db);
+    std::unordered_map<std::string, record_t> ours = index_paths(db);
     // The root record carries the source's path; find doesn't list the root with -mindepth 1.
     ours.erase(root == "/" ? std::string() : root);
-    std::unordered_set<std::string> theirs;
+    std::unordered_map<std::string, found_t> theirs;
     if (!find_paths(root, &theirs))
         printf("check: find reported errors (unreadable folders are listed by neither)\n");
-    size_t missing = 0, extra = 0;
-    for (const std::string &p : theirs) {
-        if (!ours.count(p) && ++missing <= 5)
-            printf("check: find lists %s, the index doesn't\n", p.c_str());
+    size_t missing = 0, extra = 0, sampled = 0, differ = 0, n = 0;
+    for (const auto &t : theirs) {
+        auto o = ours.find(t.first);
+        if (o == ours.end()) {
+            if (++missing <= 5)
+                printf("check: find lists %s, the index doesn't\n", t.first.c_str());
+            continue;
+        }
+        if (!o->second.file || ++n % 97)
+            continue;
+        sampled++;
+        uint64_t size = db_file_get(db, o->second.ref, DB_FIELD_SIZE);
+        uint64_t mtime = db_file_get(db, o->second.ref, DB_FIELD_DATE_MODIFIED);
+        if (size != t.second.size || mtime != t.second.mtime) {
+            if (++differ <= 5)
+                printf("check: %s: index %llu bytes at %llu, find %llu bytes at %llu\n", t.first.c_str(),
+                       (unsigned long long) size, (unsigned long long) mtime,
+                       (unsigned long long) t.second.size, (unsigned long long) t.second.mtime);
+        }
     }
-    for (const std::string &p : ours) {
-        if (!theirs.count(p) && ++extra <= 5)
-            printf("check: the index holds %s, find doesn't list it\n", p.c_str());
+    for (const auto &o : ours) {
+        if (!theirs.count(o.first) && ++extra <= 5)
+            printf("check: the index holds %s, find doesn't list it\n", o.first.c_str());
     }
     printf("check: index %zu entries below the root, find %zu; %zu only in find, %zu only in the index%s\n",
            ours.size(), theirs.size(), missing, extra,
            missing + extra == 0 ? ": the same set" : " (entries made or removed between the two listings?)");
+    printf("check: %zu sampled files, %zu with another size or modification time than find's\n", sampled,
+           differ);
 }
 
 // ---- the table -----------------------------------------------------------------------------------------

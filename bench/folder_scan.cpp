@@ -148,23 +148,6 @@ uintptr_t count_proc(void *ctx, uintptr_t, bool, bool, const char *, uint32_t, c
     return 1;
 }
 
-void scan_only(const options_t &o, uint64_t *items, times_t *t) {
-    scan_options_t so = {};
-    so.threads = (uint32_t) o.threads;
-    *items = 0;
-    double before = status_mib("VmRSS");
-    reset_peak();
-    auto t0 = std::chrono::steady_clock::now();
-    double c0 = cpu_seconds(RUSAGE_SELF);
-    if (folder_scan_each(o.root.c_str(), &so, nullptr, count_proc, items)) {
-        t->s.push_back(seconds_since(t0));
-        t->cpu.push_back(cpu_seconds(RUSAGE_SELF) - c0);
-        double peak = status_mib("VmHWM");
-        if (peak >= 0 && before >= 0)
-            t->peak_mib = std::max(t->peak_mib, peak - before);
-    }
-}
-
 // Runs a shell command, adding its wall and processor times (the shell's and all it waited for) to t
 // when t is not null. False when it fails.
 bool run_timed(const std::string &cmd, times_t *t) {
@@ -202,6 +185,47 @@ std::string temp_name(const char *what) {
     std::string out = std::string(tmp.ptr, (size_t) tmp.len) + name;
     str_kill(&tmp);
     return out;
+}
+
+// One scan in this process, printed as one line for the parent: ok, wall s, processor s, resident growth
+// MiB, items.
+int scan_child(const char *root, uint32_t threads) {
+    scan_options_t so = {};
+    so.threads = threads;
+    uint64_t items = 0;
+    double before = status_mib("VmRSS");
+    reset_peak();
+    auto t0 = std::chrono::steady_clock::now();
+    double c0 = cpu_seconds(RUSAGE_SELF);
+    bool ok = folder_scan_each(root, &so, nullptr, count_proc, &items);
+    double s = seconds_since(t0), c = cpu_seconds(RUSAGE_SELF) - c0;
+    double peak = status_mib("VmHWM");
+    printf("scan %d %.6f %.6f %.3f %llu\n", ok ? 1 : 0, s, c, peak < 0 || before < 0 ? -1 : peak - before,
+           (unsigned long long) items);
+    return ok ? 0 : 1;
+}
+
+// The scan alone, each run in a process of its own, so that its peak memory isn't hidden under memory
+// that the builds freed and the process kept.
+void scan_only(const char *self, const options_t &o, uint64_t *items, times_t *t) {
+    std::string out = temp_name("scan");
+    std::string cmd = quoted(self) + " --scan-child " + quoted(o.root) + " " + std::to_string(o.threads) +
+                      " > " + quoted(out);
+    int rc = std::system(cmd.c_str());
+    FILE *f = fopen(out.c_str(), "r");
+    if (f) {
+        int ok = 0;
+        double s, c, peak;
+        unsigned long long n;
+        if (fscanf(f, "scan %d %lf %lf %lf %llu", &ok, &s, &c, &peak, &n) == 5 && ok == 1 && rc == 0) {
+            t->s.push_back(s);
+            t->cpu.push_back(c);
+            t->peak_mib = std::max(t->peak_mib, peak);
+            *items = n;
+        }
+        fclose(f);
+    }
+    os_file_delete(out.c_str());
 }
 
 // ---- the check against find ----------------------------------------------------------------------------
@@ -379,6 +403,11 @@ void configure(const options_t &o) {
 
 int main(int argc, char **argv) {
     options_t o;
+    if (argc == 4 && strcmp(argv[1], "--scan-child") == 0) {
+        debug_init();
+        os_init();
+        return scan_child(argv[2], (uint32_t) atoi(argv[3]));
+    }
     if (!parse_args(argc, argv, &o))
         return 2;
     debug_init();
@@ -421,7 +450,7 @@ int main(int argc, char **argv) {
     }
     uint64_t scanned = 0;
     for (int i = 0; i < o.runs; i++)
-        scan_only(o, &scanned, &scan);
+        scan_only(argv[0], o, &scanned, &scan);
     std::string why_no_updatedb;
     if (o.peer) {
         std::string find_cmd = "find " + quoted(o.root) + " -xdev -printf '%p %s %T@ %C@\\n' > /dev/null";

@@ -9,8 +9,9 @@
 //   before anything it holds, and each folder's contents are listed together.
 // - Details follow the platform layer (os_dir.h): FILETIME dates, Windows attribute bits, folder size 0.
 //   Symbolic links are items with attribute 0x400 and are never entered. A link that the platform marks
-//   as a folder (a Windows junction or folder link) is a folder item, for the excludes as in the result,
-//   with link set: listed, not entered.
+//   as a folder (a Windows junction, folder link or mounted folder, a Linux mount point) is a folder
+//   item, for the excludes as in the result, with link set: listed, not entered. So a scan stays on the
+//   file system it starts on.
 // - An excluded folder is neither listed nor entered; an excluded file is not listed.
 // - A scan touches no shared state: several may run on several threads with separate results.
 // - The listing runs on several threads, but what a scan delivers, in what order, and every call of the

@@ -8,9 +8,11 @@
 //   for listing. So the items, their order and every call of the exclude test are the same whatever the
 //   number of threads, and the exclude test runs on one thread only.
 // - Workers list. They take queued folders from the front of the queue, which is also the order in which
-//   the delivering thread needs them, and leave each folder's entries in a block of their own. A block is
-//   freed as soon as it is delivered, so what is held at any time is the folders seen so far and the few
-//   listings that are ahead of delivery, not the tree.
+//   the delivering thread needs them, and leave each folder's entries in a block. The blocks are a few per
+//   thread, made by the delivering thread at the start and handed back to be used again as soon as their
+//   folder is delivered. So what is held at any time is the folders seen so far and a few listings, never
+//   the tree; a worker with no free block waits, which keeps it from running far ahead of delivery; and
+//   no memory is left behind in a worker thread's own heap.
 // - The delivering thread lists too: the folder it waits for, when no one has taken it yet, and otherwise
 //   the next one in the queue. With one thread it lists everything itself, in order, with no lock taken
 //   by anyone else.
@@ -64,13 +66,19 @@ struct _entry_t {
     char name[2];
 };
 
-// A folder's entries in the platform's order: one heap block per folder, grown by doubling.
+// A folder's entries in the platform's order, in a block grown by doubling.
 struct _listing_t {
-    uint32_t used; // bytes of the block in use, this header included
+    _listing_t *next_free; // in the free list
+    uint32_t used;         // bytes of the block in use, this header included
     uint32_t capacity;
 };
 
-#define SCAN_LISTING_FIRST 4096
+// Each thread's share of blocks, and their size. A block that a large folder grew goes back to the
+// first size when it is handed back, so that one such folder doesn't keep its size in every block.
+// Workers that ran out of blocks are woken only when half of them are free again, so that they list in
+// batches rather than being woken for every folder delivered.
+#define SCAN_BLOCKS_PER_THREAD 16
+#define SCAN_BLOCK_SIZE        16384
 
 static uint32_t _entry_size(uint32_t name_len) {
     return (uint32_t) ((offsetof(_entry_t, name) + name_len + 1 + 7) & ~(size_t) 7);
@@ -102,7 +110,7 @@ static _listing_t *_listing_add(_listing_t *l, const os_dir_entry_t *e) {
 struct _node_t {
     _node_t *parent;
     _node_t *next;       // the queue, which is also the order of delivery
-    _listing_t *listing; // once listed: the entries, or null when the folder couldn't be read
+    _listing_t *listing; // once listed: the entries, none when the folder couldn't be read
     uintptr_t tag;       // what the caller made of the folder
     uint8_t state;       // under the lock
     uint32_t name_len;
@@ -134,16 +142,15 @@ static void _node_path(const _node_t *node, str_t *out) {
     }
 }
 
-// The folder's entries; null when it can't be read. path is scratch space.
-static _listing_t *_list(const _node_t *node, str_t *path) {
+// Lists the folder into the block l, which may move as it grows; returns where it is. A folder that can't
+// be read gives a block with no entries. path is scratch space.
+static _listing_t *_list(const _node_t *node, str_t *path, _listing_t *l) {
+    l->used = sizeof(_listing_t);
     _node_path(node, path);
     os_dir_t *dir = os_dir_open(path->ptr);
     if (!dir) {
-        return nullptr;
+        return l;
     }
-    _listing_t *l = (_listing_t *) mem_alloc(SCAN_LISTING_FIRST);
-    l->used = sizeof(_listing_t);
-    l->capacity = SCAN_LISTING_FIRST;
     os_dir_entry_t e;
     while (os_dir_next(dir, &e)) {
         l = _listing_add(l, &e);
@@ -159,18 +166,50 @@ struct _scan_t {
     scan_proc_t proc;
     void *ctx;
     mem_stack_t nodes; // delivering thread only
-    // Under lock: the front of the queue not yet taken (nodes before it are claimed or listed), the
-    // folder the delivering thread waits for, and the end.
+    _listing_t *own;   // the delivering thread's block for the folder it needs next, never shared
+    // Under lock: the front of the queue not yet taken (nodes before it are claimed or listed), the free
+    // blocks, the folder the delivering thread waits for, and the end.
     os_lock_t lock;
     _node_t *front;
+    _listing_t *free_blocks;
+    uint32_t free_count;
+    uint32_t block_count; // of the shared blocks
     _node_t *waiting_for;
     bool done;
-    os_event_t *work;  // set while the queue may hold work, or at the end
+    os_event_t *work;  // set while there may be work and a block to do it with, or at the end
     os_event_t *ready; // set when the folder waited for is listed
 };
 
-// The next folder no one has taken, claimed; null when there is none. Under the lock.
-static _node_t *_claim_next(_scan_t *s) {
+static _listing_t *_block_new() {
+    _listing_t *l = (_listing_t *) mem_alloc(SCAN_BLOCK_SIZE);
+    l->next_free = nullptr;
+    l->used = sizeof(_listing_t);
+    l->capacity = SCAN_BLOCK_SIZE;
+    return l;
+}
+
+// A free block, or null when all are in use. Under the lock.
+static _listing_t *_block_take(_scan_t *s) {
+    _listing_t *l = s->free_blocks;
+    if (l) {
+        s->free_blocks = l->next_free;
+        s->free_count--;
+    }
+    return l;
+}
+
+// Whether a waiting worker is worth waking: there are folders to list and blocks to list them into.
+// Under the lock.
+static bool _worth_waking(const _scan_t *s) {
+    return s->front && s->free_count * 2 >= s->block_count;
+}
+
+// The next folder no one has taken, claimed, with a free block to list it into; null when there is no
+// such folder or no free block. Under the lock.
+static _node_t *_claim_next(_scan_t *s, _listing_t **block) {
+    if (!s->free_blocks) {
+        return nullptr;
+    }
     while (s->front && s->front->state != SCAN_QUEUED) {
         s->front = s->front->next;
     }
@@ -178,6 +217,7 @@ static _node_t *_claim_next(_scan_t *s) {
     if (n) {
         n->state = SCAN_CLAIMED;
         s->front = n->next;
+        *block = _block_take(s);
     }
     return n;
 }
@@ -203,10 +243,12 @@ static void _worker_proc(void *arg) {
     str_init(&path);
     for (;;) {
         os_lock_enter(&s->lock);
-        _node_t *n = _claim_next(s);
+        _listing_t *block = nullptr;
+        _node_t *n = _claim_next(s, &block);
         if (!n) {
             bool done = s->done;
-            // Reset under the lock: a folder queued after this sets the event again, so none is missed.
+            // Reset under the lock: a folder queued or a block handed back after this sets the event
+            // again, so none is missed.
             if (!done) {
                 os_event_reset(s->work);
             }
@@ -218,13 +260,14 @@ static void _worker_proc(void *arg) {
             continue;
         }
         os_lock_leave(&s->lock);
-        _publish(s, n, _list(n, &path));
+        _publish(s, n, _list(n, &path, block));
     }
     str_kill(&path);
 }
 
-// Makes sure the folder is listed: by itself when no one has taken it, else helping with the queue while
-// a worker lists it. With no workers the lock is still taken, uncontended.
+// Makes sure the folder is listed: by itself, into its own block, when no one has taken it, else helping
+// with the queue while a worker lists it. Its own block is what guarantees progress when every shared
+// block waits for delivery. With no workers the lock is still taken, uncontended.
 static void _await(_scan_t *s, _node_t *n, str_t *path) {
     for (;;) {
         os_lock_enter(&s->lock);
@@ -232,16 +275,22 @@ static void _await(_scan_t *s, _node_t *n, str_t *path) {
             os_lock_leave(&s->lock);
             return;
         }
+        _listing_t *block = nullptr;
         _node_t *take = nullptr;
         if (n->state == SCAN_QUEUED) {
             n->state = SCAN_CLAIMED;
             take = n;
+            block = s->own;
         } else {
-            take = _claim_next(s);
+            take = _claim_next(s, &block);
         }
         if (take) {
             os_lock_leave(&s->lock);
-            _publish(s, take, _list(take, path));
+            _listing_t *l = _list(take, path, block);
+            if (block == s->own) {
+                s->own = l;
+            }
+            _publish(s, take, l);
             continue;
         }
         s->waiting_for = n;
@@ -261,14 +310,33 @@ static bool _excluded(const scan_options_t *o, const str_t *path, size_t name_at
                                     (size_t) path->len - name_at, fd, folder);
 }
 
+// A delivered folder's block goes back: the delivering thread's own to it, any other to the free list, in
+// its first size.
+static void _block_return(_scan_t *s, _listing_t *l) {
+    bool own = l == s->own;
+    if (l->capacity > SCAN_BLOCK_SIZE) {
+        l = (_listing_t *) mem_realloc(l, SCAN_BLOCK_SIZE);
+        l->capacity = SCAN_BLOCK_SIZE;
+    }
+    if (own) {
+        s->own = l;
+        return;
+    }
+    os_lock_enter(&s->lock);
+    l->next_free = s->free_blocks;
+    s->free_blocks = l;
+    s->free_count++;
+    if (_worth_waking(s)) {
+        os_event_set(s->work);
+    }
+    os_lock_leave(&s->lock);
+}
+
 // Hands a listed folder's items to the caller and queues its folders. Returns the last node queued, which
 // is where the next folders go. path is scratch space.
 static _node_t *_deliver(_scan_t *s, _node_t *folder, _node_t *last, str_t *path) {
     _listing_t *l = folder->listing;
     folder->listing = nullptr;
-    if (!l) {
-        return last;
-    }
     _node_path(folder, path);
     if (path->ptr[path->len - 1] != OS_SEP) {
         str_cat_char(path, OS_SEP);
@@ -309,7 +377,7 @@ static _node_t *_deliver(_scan_t *s, _node_t *folder, _node_t *last, str_t *path
         }
         tail = n;
     }
-    mem_free(l);
+    _block_return(s, l);
     if (!first) {
         return last;
     }
@@ -319,7 +387,9 @@ static _node_t *_deliver(_scan_t *s, _node_t *folder, _node_t *last, str_t *path
     if (!s->front) {
         s->front = first;
     }
-    os_event_set(s->work);
+    if (_worth_waking(s)) {
+        os_event_set(s->work);
+    }
     os_lock_leave(&s->lock);
     return tail;
 }
@@ -333,7 +403,16 @@ static uint32_t _thread_count(const scan_options_t *o) {
 }
 
 static void _run(_scan_t *s, _node_t *root) {
-    uint32_t workers = _thread_count(s->options) - 1;
+    uint32_t threads = _thread_count(s->options), workers = threads - 1;
+    s->own = _block_new();
+    // Made here, on the delivering thread, so that they come from its heap and go back to it.
+    for (uint32_t i = 0; workers && i < threads * SCAN_BLOCKS_PER_THREAD; i++) {
+        _listing_t *l = _block_new();
+        l->next_free = s->free_blocks;
+        s->free_blocks = l;
+        s->free_count++;
+        s->block_count++;
+    }
     _worker_t *w = workers ? (_worker_t *) mem_alloc(workers * sizeof(_worker_t)) : nullptr;
     for (uint32_t i = 0; i < workers; i++) {
         w[i].scan = s;
@@ -355,6 +434,10 @@ static void _run(_scan_t *s, _node_t *root) {
         os_thread_destroy(w[i].thread);
     }
     mem_free(w);
+    while (s->free_blocks) {
+        mem_free(_block_take(s));
+    }
+    mem_free(s->own);
 }
 
 bool folder_scan_each(const char *path, const scan_options_t *options, os_file_info_t *top_info,

@@ -8,11 +8,11 @@
 //   for listing. So the items, their order and every call of the exclude test are the same whatever the
 //   number of threads, and the exclude test runs on one thread only.
 // - Workers list. They take queued folders from the front of the queue, which is also the order in which
-//   the delivering thread needs them, and leave each folder's entries in a block. The blocks are a few per
-//   thread, made by the delivering thread at the start and handed back to be used again as soon as their
-//   folder is delivered. So what is held at any time is the folders seen so far and a few listings, never
-//   the tree; a worker with no free block waits, which keeps it from running far ahead of delivery; and
-//   no memory is left behind in a worker thread's own heap.
+//   the delivering thread needs them, and leave each folder's entries in a block. The blocks are a fixed
+//   number per thread, made by the delivering thread at the start and handed back to be used again as
+//   soon as their folder is delivered. So what is held at any time is the folders seen so far and a few
+//   listings, never the tree; a worker with no free block waits, which keeps it from running far ahead of
+//   delivery; and no memory is left behind in a worker thread's own heap.
 // - The delivering thread lists too: the folder it waits for, when no one has taken it yet, and otherwise
 //   the next one in the queue. With one thread it lists everything itself, in order, with no lock taken
 //   by anyone else.

@@ -9,10 +9,16 @@
 //   before anything it holds, and each folder's contents are listed together.
 // - Details follow the platform layer (os_dir.h): FILETIME dates, Windows attribute bits, folder size 0.
 //   Symbolic links are items with attribute 0x400 and are never entered. A link that the platform marks
-//   as a folder (a Windows junction or folder link) is a folder item, for the excludes as in the result,
-//   with link set: listed, not entered.
+//   as a folder (a Windows junction, folder link or mounted folder, a Linux mount point) is a folder
+//   item, for the excludes as in the result, with link set: listed, not entered. So a scan stays on the
+//   file system it starts on.
 // - An excluded folder is neither listed nor entered; an excluded file is not listed.
 // - A scan touches no shared state: several may run on several threads with separate results.
+// - The listing runs on several threads, but what a scan delivers, in what order, and every call of the
+//   exclude test, happen on the calling thread and are the same whatever the number of threads: folders
+//   breadth first, each folder's contents in the platform's order.
+// - Memory: what a streaming scan holds is one small record per folder seen and the listings of the few
+//   folders listed ahead of delivery; it never holds the tree's files.
 #pragma once
 
 #include <cstddef>
@@ -50,9 +56,19 @@ typedef bool (*scan_exclude_proc_t)(void *ctx, const char *path, size_t path_len
 struct scan_options_t {
     bool exclude_hidden;         // leave out items with attribute 0x02
     bool exclude_system;         // leave out items with attribute 0x04
-    scan_exclude_proc_t exclude; // may be null
+    scan_exclude_proc_t exclude; // may be null; called on the scanning thread only
     void *exclude_ctx;
+    uint32_t threads; // threads that list folders, the caller's included; 0: the setting max_threads, or
+                      // one per processor when that is 0
 };
+
+#define SCAN_MAX_THREADS 64
+
+// Takes one item of a streaming scan: parent is what proc returned for the folder holding it, 0 for the
+// top folder; folder says whether it is a folder item and link whether it is a folder link (listed, not
+// entered). name and fd are the scan's until proc returns. The return value is the item's tag.
+typedef uintptr_t (*scan_proc_t)(void *ctx, uintptr_t parent, bool folder, bool link, const char *name,
+                                 uint32_t len, const os_file_info_t *fd);
 
 void scan_result_init(scan_result_t *r);
 void scan_result_kill(scan_result_t *r);
@@ -62,6 +78,14 @@ void scan_result_kill(scan_result_t *r);
 // can't be read is kept as an item with nothing in it. Logs "scanning %s...", "failed to open directory
 // %d" and "scan completed in %f seconds".
 bool folder_scan(const char *path, const scan_options_t *options, scan_result_t *r);
+
+// The same scan streamed: each item passes through proc, on the calling thread, in the order in which
+// folder_scan lists it (folders breadth first, each folder's contents together), and nothing of it is
+// kept afterwards. top_info, when not null, gets the top folder's details (folder size 0) before the
+// first item. Returns false, having delivered nothing, when the top folder can't be read. Logs as
+// folder_scan.
+bool folder_scan_each(const char *path, const scan_options_t *options, os_file_info_t *top_info,
+                      scan_proc_t proc, void *ctx);
 
 // The full path of an item: the root's name, then each name with the platform's separator.
 void scan_item_path(const scan_item_t *item, str_t *out);

@@ -6,9 +6,11 @@
 // - An entry's details use the Windows forms on both platforms: FILETIME dates, the attribute word of
 //   os.h. On Linux: a directory 0x10; a name beginning with '.' hidden 0x02; no owner write bit read-only
 //   0x01; a symbolic link the reparse point 0x400 and nothing else of its type; every other file archive
-//   0x20. A birth time the file system does not keep is all ones.
-// - Symbolic links are described, never followed: is_link is set for them (and on Windows for folder
-//   junctions and folder links), and a scan must not enter such an entry.
+//   0x20; a folder on which another file system is mounted 0x10 with 0x400, like a Windows mounted
+//   folder. A birth time the file system does not keep is all ones.
+// - Symbolic links are described, never followed: is_link is set for them (on Windows also for folder
+//   junctions, folder links and mounted folders, on Linux for mount points), and a scan must not enter
+//   such an entry. So a scan stays on the file system it starts on.
 // - A folder's size is 0. The entry's name stays valid until the next os_dir_next or os_dir_close.
 // - One thread uses an os_dir_t at a time; separate ones may run on separate threads.
 #pragma once

@@ -37,6 +37,7 @@ void os_thread_leave(int token);
 
 #ifndef _WIN32
 // Details of name in the folder dirfd (AT_FDCWD: name is a path), never following a final link, with the
-// attribute word built from the mode and the name; *mode gets the raw mode. False when it can't be read.
-bool os_posix_stat_at(int dirfd, const char *name, os_file_info_t *info, uint32_t *mode);
+// attribute word built from the mode and the name; *mode gets the raw mode and *dev, when dev is not null,
+// the device that holds the entry. False when it can't be read.
+bool os_posix_stat_at(int dirfd, const char *name, os_file_info_t *info, uint32_t *mode, uint64_t *dev);
 #endif

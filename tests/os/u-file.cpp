@@ -4,7 +4,10 @@
 #include <cstring>
 #include <gtest/gtest.h>
 
+#include "os/os_dir.h"
+
 #ifndef _WIN32
+#include <sys/stat.h>
 #include <unistd.h>
 #endif
 
@@ -259,6 +262,34 @@ TEST(OsFile, SymbolicLinkIsNotFollowed) {
     ASSERT_EQ(symlink("/nonexistent/sablewatch", dangling.c_str()), 0);
     EXPECT_TRUE(os_get_file_info(dangling.c_str(), &info));
     EXPECT_TRUE(os_file_exists(dangling.c_str()));
+}
+// Each folder in "/" that lies on another device than "/" itself (/proc, /sys, /dev on most systems) is
+// a mount point: listed as a folder link, so that no scan enters it; those on the same device are folders.
+TEST(OsDir, MountPointsAreFolderLinks) {
+    struct stat top;
+    ASSERT_EQ(stat("/", &top), 0);
+    os_dir_t *d = os_dir_open("/");
+    ASSERT_NE(d, nullptr);
+    int mounts = 0, folders = 0;
+    os_dir_entry_t e;
+    while (os_dir_next(d, &e)) {
+        struct stat st;
+        std::string path = std::string("/") + e.name;
+        if (lstat(path.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
+            continue;
+        bool mount = st.st_dev != top.st_dev;
+        (mount ? mounts : folders)++;
+        EXPECT_EQ(e.is_folder, !mount) << path;
+        EXPECT_EQ(e.is_link, mount) << path;
+        EXPECT_EQ(e.info.attributes & (OS_ATTR_DIRECTORY | OS_ATTR_REPARSE_POINT),
+                  (uint32_t) (mount ? OS_ATTR_DIRECTORY | OS_ATTR_REPARSE_POINT : OS_ATTR_DIRECTORY))
+            << path;
+        EXPECT_EQ(e.info.size, 0u) << path;
+    }
+    os_dir_close(d);
+    EXPECT_GT(folders, 0);
+    if (mounts == 0)
+        GTEST_SKIP() << "no file system is mounted on a folder of /";
 }
 #endif
 

@@ -1,6 +1,8 @@
 // Folder enumeration on Linux: getdents64 on a descriptor opened with O_DIRECTORY, then statx relative
 // to that descriptor without following links, so an entry costs one system call beside its share of the
-// batched listing and no path is ever built.
+// batched listing and no path is ever built. A folder on which another file system is mounted is what a
+// mounted folder is on Windows: a folder link, listed and never entered, so that a scan of "/" stays on
+// its own file system and doesn't wander into /proc or a network mount.
 #include "mem/mem.h"
 #include "os/os_dir.h"
 #include "os/os_internal.h"
@@ -25,8 +27,9 @@ struct _os_dirent64 {
 
 struct os_dir_t {
     int fd;
-    int pos;   // next record in buffer
-    int avail; // bytes of buffer holding records
+    uint64_t dev; // the device of the folder; an entry on another one is a mount point
+    int pos;      // next record in buffer
+    int avail;    // bytes of buffer holding records
     bool done;
     alignas(8) char buffer[OS_DIR_BUFFER]; // getdents64 records hold 64-bit fields
 };
@@ -39,8 +42,16 @@ os_dir_t *os_dir_open(const char *path) {
     if (fd < 0) {
         return nullptr;
     }
+    struct stat st;
+    if (fstat(fd, &st) != 0) {
+        int error = errno;
+        close(fd);
+        errno = error;
+        return nullptr;
+    }
     os_dir_t *d = (os_dir_t *) mem_alloc(sizeof(os_dir_t));
     d->fd = fd;
+    d->dev = (uint64_t) st.st_dev;
     d->pos = 0;
     d->avail = 0;
     d->done = false;
@@ -57,9 +68,10 @@ void os_dir_close(os_dir_t *dir) {
 
 // Fills the entry's details from statx, or from fstatat where statx is refused. False when the entry is
 // gone.
-static bool _os_dir_stat(int fd, const char *name, os_dir_entry_t *e) {
+static bool _os_dir_stat(const os_dir_t *dir, const char *name, os_dir_entry_t *e) {
     uint32_t mode;
-    if (!os_posix_stat_at(fd, name, &e->info, &mode)) {
+    uint64_t dev = dir->dev;
+    if (!os_posix_stat_at(dir->fd, name, &e->info, &mode, &dev)) {
         return false;
     }
     os_file_info_t *info = &e->info;
@@ -67,6 +79,11 @@ static bool _os_dir_stat(int fd, const char *name, os_dir_entry_t *e) {
     e->is_link = S_ISLNK(mode);
     if (e->is_folder) {
         info->size = 0;
+        if (dev != dir->dev) {
+            e->is_folder = false;
+            e->is_link = true;
+            info->attributes |= OS_ATTR_REPARSE_POINT;
+        }
     }
     return true;
 }
@@ -94,7 +111,7 @@ bool os_dir_next(os_dir_t *dir, os_dir_entry_t *entry) {
         if (name[0] == '.' && (name[1] == 0 || (name[1] == '.' && name[2] == 0))) {
             continue;
         }
-        if (!_os_dir_stat(dir->fd, name, entry)) {
+        if (!_os_dir_stat(dir, name, entry)) {
             continue;
         }
         entry->name = name;

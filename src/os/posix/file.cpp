@@ -10,6 +10,7 @@
 #include <string.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <sys/types.h>
 #include <unistd.h>
 
@@ -238,12 +239,17 @@ static void _os_file_info_unknown(os_file_info_t *info) {
     info->attributes = 0;
 }
 
-// link_flag: AT_SYMLINK_NOFOLLOW to describe a final link itself, 0 to describe what it points at.
-static bool _os_stat_at(int dirfd, const char *name, os_file_info_t *info, uint32_t *mode, int link_flag) {
+// link_flag: AT_SYMLINK_NOFOLLOW to describe a final link itself, 0 to describe what it points at. dev,
+// when not null, gets the device that holds the entry.
+static bool _os_stat_at(int dirfd, const char *name, os_file_info_t *info, uint32_t *mode, int link_flag,
+                        uint64_t *dev) {
     _os_file_info_unknown(info);
     struct statx sx;
     if (statx(dirfd, name, link_flag | AT_NO_AUTOMOUNT, STATX_BASIC_STATS | STATX_BTIME, &sx) == 0) {
         *mode = sx.stx_mode;
+        if (dev) {
+            *dev = (uint64_t) makedev(sx.stx_dev_major, sx.stx_dev_minor);
+        }
         info->size = sx.stx_size;
         info->date_modified = _os_filetime(sx.stx_mtime.tv_sec, sx.stx_mtime.tv_nsec);
         info->date_accessed = _os_filetime(sx.stx_atime.tv_sec, sx.stx_atime.tv_nsec);
@@ -257,6 +263,9 @@ static bool _os_stat_at(int dirfd, const char *name, os_file_info_t *info, uint3
             return false;
         }
         *mode = st.st_mode;
+        if (dev) {
+            *dev = (uint64_t) st.st_dev;
+        }
         info->size = (uint64_t) st.st_size;
         info->date_modified = _os_filetime(st.st_mtim.tv_sec, st.st_mtim.tv_nsec);
         info->date_accessed = _os_filetime(st.st_atim.tv_sec, st.st_atim.tv_nsec);
@@ -265,13 +274,13 @@ static bool _os_stat_at(int dirfd, const char *name, os_file_info_t *info, uint3
     return true;
 }
 
-bool os_posix_stat_at(int dirfd, const char *name, os_file_info_t *info, uint32_t *mode) {
-    return _os_stat_at(dirfd, name, info, mode, AT_SYMLINK_NOFOLLOW);
+bool os_posix_stat_at(int dirfd, const char *name, os_file_info_t *info, uint32_t *mode, uint64_t *dev) {
+    return _os_stat_at(dirfd, name, info, mode, AT_SYMLINK_NOFOLLOW, dev);
 }
 
 static bool _os_file_info(const char *path, os_file_info_t *info, int link_flag) {
     uint32_t mode;
-    if (!_os_stat_at(AT_FDCWD, path, info, &mode, link_flag)) {
+    if (!_os_stat_at(AT_FDCWD, path, info, &mode, link_flag, nullptr)) {
         return false;
     }
     if (info->attributes & OS_ATTR_DIRECTORY) {

@@ -101,7 +101,9 @@ struct db_query_pending_sort_t {
 };
 
 // A remembered row that survives a new search or sort: index is the result index, -1 when the record
-// has left the results, -2 when it must be looked up again. The caller owns it.
+// has left the results, -2 when it must be looked up again. The caller owns it and zeroes it before its
+// first db_itemref_set; while set it is linked on its query's list (next, prev) and in the query's tree
+// ordered by record (tree_left, tree_right), through which a change of one record finds its refs.
 struct db_itemref_t {
     db_itemref_t *next, *prev;
     db_itemref_t *tree_left, *tree_right;
@@ -159,6 +161,11 @@ struct db_query_t {
     uint32_t count_base; // results of the pass that ran before the one in progress
     bool files_first_for_count;
     uint32_t workers_used; // the most workers one pass of the last search ran, for the log and tests
+
+    // The remembered items by (record, address): the root of their tree.
+    db_itemref_t *itemrefs_root;
+    // Records shown as cut to the clipboard, sorted by reference.
+    mem_array_t ghosts;
 };
 
 // ---- lifecycle ---------------------------------------------------------------------------------------
@@ -308,3 +315,39 @@ void db_deselect_all(db_query_t *query);
 void db_invert_all_selection(db_query_t *query);
 // Sum of the known sizes of the selected files, or all ones when not known.
 uint64_t db_query_get_total_selection_size(db_query_t *query);
+
+// Records shown as "ghosts" (cut to the clipboard): the selected records replace the set.
+void db_ghost_selection(db_query_t *query);
+int db_is_ghost_result(db_query_t *query, int index);
+void db_clear_ghosts(db_query_t *query);
+int db_is_root_selection(db_query_t *query, int n);
+
+// ---- more of a row -------------------------------------------------------------------------------------
+
+// The text behind the last '.' of a file's name into out; empty for a folder or a name without one.
+// Returns 1 when the row exists.
+int db_get_result_extension(db_query_t *query, int index, str_t *out);
+// The name of the file list that holds the row's record into out; empty when it is on no file list.
+int db_get_result_file_list_filename(db_query_t *query, int index, str_t *out);
+// The run history and recent change values of a row, 0 when it has no entry.
+uint32_t db_get_result_run_count(db_query_t *query, int index);
+uint64_t db_get_result_date_run(db_query_t *query, int index);
+uint64_t db_get_result_date_recently_changed(db_query_t *query, int index);
+// The row of the record at full_path (folders first, then files), or -1.
+int db_get_result_index_from_filename(db_query_t *query, const char *full_path);
+// Type-ahead: from row start, the first row whose name is not below text (name order: a binary search;
+// other sorts: the first whose name begins with text), wrapping to the top once. -1 when none.
+int db_find_nearest_string_match_result(db_query_t *query, const char *text, int length, int start);
+
+// ---- remembered items ------------------------------------------------------------------------------------
+
+// Remembers the row index (its record and index); links ref on the query when it isn't yet.
+void db_itemref_set(db_query_t *query, db_itemref_t *ref, int index);
+// The ref's row now, looked up again when the results changed; -1 when its record left the results.
+int db_itemref_get(db_query_t *query, db_itemref_t *ref);
+// Unlinks ref (the caller frees it).
+void db_itemref_destroy(db_query_t *query, db_itemref_t *ref);
+// Every ref's cached index becomes index (-1 gone, -2 look up again).
+void db_itemrefs_reset(db_query_t *query, int32_t index);
+// The live update removed record: its refs must look it up again (and will find it gone).
+void db_itemrefs_record_changed(db_query_t *query, db_ref_t record);

@@ -219,3 +219,54 @@ uint64_t db_query_get_total_selection_size(db_query_t *q) {
         return UINT64_MAX;
     return q->total_selection_size;
 }
+
+int db_is_root_selection(db_query_t *q, int n) {
+    db_ref_t r;
+    bool folder;
+    if (!_usable(q, "db_is_root_selection") || !_selected_at(q, n, &r, &folder))
+        return 0;
+    return db_record_parent(r) == 0;
+}
+
+// ---- ghosts
+// ------------------------------------------------------------------------------------------------
+
+static int _ref_compare(mem_ref_t element, const void *key) {
+    mem_ref_t k = *(const mem_ref_t *) key;
+    return element < k ? -1 : element > k;
+}
+
+void db_ghost_selection(db_query_t *q) {
+    if (!_usable(q, "db_ghost_selection"))
+        return;
+    uint32_t n = q->folder_selection.count + q->file_selection.count;
+    mem_ref_t *items = (mem_ref_t *) mem_alloc((n ? n : 1) * sizeof(mem_ref_t));
+    uint32_t at = 0;
+    const mem_array_t *both[2] = {&q->folder_selection, &q->file_selection};
+    for (const mem_array_t *sel : both) {
+        int c = 0, p = -1;
+        for (mem_ref_t r = mem_array_next(sel, &c, &p); r; r = mem_array_next(sel, &c, &p))
+            items[at++] = r;
+    }
+    os_qsort(items, n, [](uint32_t a, uint32_t b) { return a < b ? -1 : (int) (a > b); });
+    mem_array_kill(&q->ghosts);
+    memset(&q->ghosts, 0, sizeof q->ghosts);
+    if (n)
+        mem_array_from_flat(&q->ghosts, items, n);
+    mem_free(items);
+}
+
+int db_is_ghost_result(db_query_t *q, int index) {
+    db_ref_t r;
+    bool folder;
+    if (!_usable(q, "db_is_ghost_result") || !q->ghosts.count || !_db_result_at(q, index, &r, &folder))
+        return 0;
+    return mem_array_find(&q->ghosts, _ref_compare, &r) != 0;
+}
+
+void db_clear_ghosts(db_query_t *q) {
+    if (!_usable(q, "db_clear_ghosts"))
+        return;
+    mem_array_kill(&q->ghosts);
+    memset(&q->ghosts, 0, sizeof q->ghosts);
+}

@@ -647,6 +647,7 @@ void db_sort(db_query_t *q, int sort, int keep_selection_hint, int track_hint) {
     db_wait(q->db, "db_sort");
     event_remove(_db_query_results_event, q);
     q->cancel_sort = false;
+    db_itemrefs_reset(q, -2);
     q->requested_sort = sort;
     q->sort_hint_1 = keep_selection_hint;
     q->sort_hint_2 = track_hint;

@@ -351,3 +351,20 @@ void db_itemref_destroy(db_query_t *query, db_itemref_t *ref);
 void db_itemrefs_reset(db_query_t *query, int32_t index);
 // The live update removed record: its refs must look it up again (and will find it gone).
 void db_itemrefs_record_changed(db_query_t *query, db_ref_t record);
+
+// ---- highlighting
+// ------------------------------------------------------------------------------------------
+
+// A row's text and, for each of its bytes, 1 where the search matched it (every byte of a code point
+// alike), for the list to draw bold.
+struct db_highlight_t {
+    str_t text;
+    str_t mask; // text.len bytes of 0 or 1
+};
+void db_highlight_init(db_highlight_t *h);
+void db_highlight_kill(db_highlight_t *h);
+// The highlighted name (mode 0), path, that is the folder that holds the row (mode 1), or both (mode 2)
+// of a row; an output not asked for (or null) is left alone. Negated terms mark nothing; a term marks only
+// when the record satisfies it. Returns false, with the asked outputs empty, for a row out of range.
+bool _db_get_highlighted_result(db_query_t *query, int index, db_highlight_t *name_out,
+                                db_highlight_t *path_out, int mode);

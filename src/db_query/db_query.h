@@ -166,6 +166,8 @@ struct db_query_t {
     db_itemref_t *itemrefs_root;
     // Records shown as cut to the clipboard, sorted by reference.
     mem_array_t ghosts;
+    // The head list kind of the entries in head_selection (the head list may have changed kind since).
+    int head_selection_kind;
 };
 
 // ---- lifecycle ---------------------------------------------------------------------------------------
@@ -368,3 +370,33 @@ void db_highlight_kill(db_highlight_t *h);
 // when the record satisfies it. Returns false, with the asked outputs empty, for a row out of range.
 bool _db_get_highlighted_result(db_query_t *query, int index, db_highlight_t *name_out,
                                 db_highlight_t *path_out, int mode);
+
+// ---- the head list
+// ----------------------------------------------------------------------------------------- In a sort by run
+// count (18, 19), date run (24, 25) or date recently changed (20, 21) the results that have a run history or
+// recent change entry are shown as those entries, in the head list: in the order of the entries' side list,
+// ahead of the other results in a descending sort and behind them in an ascending one (the ascending list is
+// the descending one reversed). The entries belong to the code that keeps that history; it lends them through
+// db_query_history.
+
+// Head list kinds (head_list_kind): none, run history entries, recent change entries.
+enum { DB_HEAD_NONE = 0, DB_HEAD_RUN_HISTORY = 1, DB_HEAD_RECENT_CHANGES = 2 };
+
+struct db_query_history_t {
+    // The side list that orders sort's column: references to entries in the index's pool, in ascending
+    // order of the column. Null when there is none (no history kept yet): the head list stays empty.
+    const mem_array_t *(*side_list)(db_t *db, int sort);
+    // Where an entry of each head list kind (index kind - 1) holds its record (4 bytes) and its is-folder
+    // byte, from the entry's start.
+    uint32_t record_offset[2];
+    uint32_t folder_offset[2];
+};
+extern db_query_history_t db_query_history;
+// Puts back the history that has no entries.
+void db_query_history_reset();
+// The head list kind that sort shows (DB_HEAD_*).
+int db_head_kind_of_sort(int sort);
+// The record of a head entry of the query's kind, and whether it is a folder.
+db_ref_t db_head_record(const db_query_t *query, mem_ref_t entry, bool *is_folder);
+// The same for an entry of the given head list kind.
+db_ref_t db_head_entry_record(int kind, mem_ref_t entry, bool *is_folder);

@@ -10,22 +10,33 @@
 bool db_query_index_ready(const db_t *db);
 
 // The three arrays in result order: head, folders, files with folders_first; files, folders, head without.
+// Kinds as cache_kind has them: 1 folder, 2 file, 3 run history entry, 4 recent change entry.
 static void _layout(db_query_t *q, mem_array_t *order[3], int kinds[3]) {
+    int head = q->head_list_kind == DB_HEAD_RECENT_CHANGES ? 4 : 3;
     if (q->folders_first) {
         order[0] = &q->head_results, order[1] = &q->folder_results, order[2] = &q->file_results;
-        kinds[0] = 3, kinds[1] = 1, kinds[2] = 2;
+        kinds[0] = head, kinds[1] = 1, kinds[2] = 2;
     } else {
         order[0] = &q->file_results, order[1] = &q->folder_results, order[2] = &q->head_results;
-        kinds[0] = 2, kinds[1] = 1, kinds[2] = 3;
+        kinds[0] = 2, kinds[1] = 1, kinds[2] = head;
     }
+}
+
+// An array element of a kind to its record: head entries hold theirs.
+static void _resolve(const db_query_t *q, int kind, mem_ref_t element, db_ref_t *record, bool *is_folder) {
+    if (kind >= 3) {
+        *record = db_head_record(q, element, is_folder);
+        return;
+    }
+    *record = element;
+    *is_folder = kind == 1;
 }
 
 bool _db_result_at(db_query_t *q, int index, db_ref_t *record, bool *is_folder) {
     if (index < 0)
         return false;
     if (q->cache_kind && index == q->cache_index) {
-        *record = q->cache_record;
-        *is_folder = q->cache_kind == 1;
+        _resolve(q, q->cache_kind, q->cache_record, record, is_folder);
         return true;
     }
     mem_array_t *order[3];
@@ -48,9 +59,7 @@ bool _db_result_at(db_query_t *q, int index, db_ref_t *record, bool *is_folder) 
         mem_ref_t r = mem_array_chunk_items(a->table[chunk])[pos];
         q->cache_kind = kinds[k], q->cache_index = index, q->cache_record = r;
         q->cache_chunk = chunk, q->cache_pos = pos, q->cache_first = first;
-        *record = r;
-        // Head entries are not yet kept: the head list stays empty until run history exists.
-        *is_folder = kinds[k] == 1;
+        _resolve(q, kinds[k], r, record, is_folder);
         return true;
     }
     return false;
@@ -71,7 +80,17 @@ int _db_result_index_of(db_query_t *q, db_ref_t record, bool is_folder) {
     mem_array_t *order[3];
     int kinds[3];
     _layout(q, order, kinds);
+    // A record with a history entry stands in the head list, which is short: walked.
     int32_t first = 0;
+    for (int k = 0; k < 3; k++) {
+        for (uint32_t i = 0; kinds[k] >= 3 && i < order[k]->count; i++) {
+            bool f;
+            if (db_head_record(q, mem_array_get(order[k], i), &f) == record && f == is_folder)
+                return first + (int32_t) i;
+        }
+        first += (int32_t) order[k]->count;
+    }
+    first = 0;
     for (int k = 0; k < 3; k++) {
         if (kinds[k] != (is_folder ? 1 : 2)) {
             first += (int32_t) order[k]->count;
@@ -330,7 +349,7 @@ static int _nearest_sorted(db_query_t *q, const char *text, size_t len, int from
     for (int k = 0; k < 3; k++) {
         const mem_array_t *a = order[k];
         int end = first + (int) a->count;
-        if (kinds[k] != 3 && a->count && end > from && first < to) {
+        if (kinds[k] < 3 && a->count && end > from && first < to) {
             int chunk, pos;
             mem_array_find_near(a, &chunk, &pos, _not_below, &key);
             int lb = (int) a->count;

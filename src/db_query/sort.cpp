@@ -176,9 +176,15 @@ static void _replace(mem_array_t *a, const mem_ref_t *items, uint32_t n) {
         mem_array_from_flat(a, items, n);
 }
 
+// Folders lead an ascending list; but a history column's ascending list is its descending one reversed
+// (the most recent or most run last), so there folders lead the descending form.
+static bool _folders_first(int sort) {
+    return db_head_kind_of_sort(sort) ? (sort & 1) != 0 : (sort & 1) == 0;
+}
+
 static void _finish(db_query_t *q, int sort) {
     q->current_sort = sort;
-    q->folders_first = (sort & 1) == 0;
+    q->folders_first = _folders_first(sort);
     q->sorted = true;
     q->cache_kind = 0;
 }
@@ -557,6 +563,88 @@ static void _db_sort_keyed(db_query_t *q, int sort) {
     _publish(q, sort, flat, canceled, start);
 }
 
+// ---- the head list
+// ------------------------------------------------------------------------------------------
+
+// Every head entry's record goes back to its kind's array (at the end: the sorts that follow don't read
+// the order they start from), and the head list is empty.
+static void _head_merge(db_query_t *q) {
+    int c = 0, p = -1;
+    for (mem_ref_t e = mem_array_next(&q->head_results, &c, &p); e;
+         e = mem_array_next(&q->head_results, &c, &p)) {
+        bool folder;
+        db_ref_t r = db_head_record(q, e, &folder);
+        mem_array_push(folder ? &q->folder_results : &q->file_results, r);
+    }
+    _replace(&q->head_results, nullptr, 0);
+    q->head_list_kind = DB_HEAD_NONE;
+    q->cache_kind = 0;
+}
+
+// Appends to out the records of a that hold the sentinel, in a's order.
+static uint32_t _walk_marked(const mem_array_t *a, mem_ref_t *out) {
+    uint32_t at = 0;
+    int c = 0, p = -1;
+    for (mem_ref_t r = mem_array_next(a, &c, &p); r; r = mem_array_next(a, &c, &p))
+        if (db_record_parent(r) == SENTINEL)
+            out[at++] = r;
+    return at;
+}
+
+// A history column, always by walks and never by a compare. The descending form is built: the entries
+// of the side list whose records are results, latest or most run first, then the other folders and files
+// in name order; the ascending form is that reversed. A record whose entry is taken gets a null parent
+// until the end, so that the walk of its kind's array passes it over.
+static void _db_sort_history(db_query_t *q, int sort) {
+    uint32_t start = debug_now_us();
+    _head_merge(q);
+    q->head_list_kind = db_head_kind_of_sort(sort);
+    mem_array_t *results[2] = {&q->folder_results, &q->file_results};
+    uint32_t n[2] = {results[0]->count, results[1]->count};
+    mem_ref_t *items = (mem_ref_t *) mem_alloc((n[0] + n[1] + 1) * sizeof(mem_ref_t));
+    mem_ref_t *parents = (mem_ref_t *) mem_alloc((n[0] + n[1] + 1) * sizeof(mem_ref_t));
+    _flatten(results[0], items);
+    _flatten(results[1], items + n[0]);
+    for (uint32_t i = 0; i < n[0] + n[1]; i++) {
+        uint32_t *field = (uint32_t *) db_ptr(items[i]);
+        parents[i] = *field;
+        *field = SENTINEL;
+    }
+    const mem_array_t *side = db_query_history.side_list(q->db, sort);
+    uint32_t side_count = side ? side->count : 0;
+    mem_ref_t *head = (mem_ref_t *) mem_alloc((side_count + 1) * sizeof(mem_ref_t));
+    uint32_t h = 0;
+    for (uint32_t i = side_count; i-- > 0;) {
+        mem_ref_t e = mem_array_get(side, i);
+        bool folder;
+        db_ref_t r = db_head_record(q, e, &folder);
+        if (db_record_parent(r) == SENTINEL) {
+            *(uint32_t *) db_ptr(r) = 0;
+            head[h++] = e;
+        }
+    }
+    mem_ref_t *body[2];
+    uint32_t got[2];
+    for (int k = 0; k < 2; k++) {
+        body[k] = (mem_ref_t *) mem_alloc((n[k] + 1) * sizeof(mem_ref_t));
+        got[k] = _walk_marked(k == 0 ? &q->db->folders : &q->db->files, body[k]);
+    }
+    for (uint32_t i = 0; i < n[0] + n[1]; i++)
+        *(uint32_t *) db_ptr(items[i]) = parents[i];
+    if ((sort & 1) == 0) {
+        std::reverse(head, head + h);
+        std::reverse(body[0], body[0] + got[0]);
+        std::reverse(body[1], body[1] + got[1]);
+    }
+    _replace(&q->head_results, head, h);
+    _replace(results[0], body[0], got[0]);
+    _replace(results[1], body[1], got[1]);
+    mem_free(items), mem_free(parents), mem_free(head), mem_free(body[0]), mem_free(body[1]);
+    debug_printf("SET SORT 2 %d\n", sort);
+    _finish(q, sort);
+    debug_printf("finished sort, time taken %f seconds\n", (int) (debug_now_us() - start));
+}
+
 void _db_set_sort(db_query_t *q, int sort) {
     debug_printf("set sort %d %d\n", sort, q->current_sort);
     if (q->sorted) {
@@ -575,6 +663,13 @@ void _db_set_sort(db_query_t *q, int sort) {
     }
     if (q->cancel_sort)
         return;
+    if (db_head_kind_of_sort(sort))
+        return _db_sort_history(q, sort);
+    if (q->head_results.count) {
+        _head_merge(q);
+        q->sorted = false;
+    }
+    q->head_list_kind = DB_HEAD_NONE;
     if (_db_sort_by_index(q, sort))
         return;
     if (_keyed_sort_applies(sort))
@@ -584,39 +679,54 @@ void _db_set_sort(db_query_t *q, int sort) {
 
 // ---- selection after a change of results ----------------------------------------------------------------
 
+// Every selected record, head entries by their record, is marked with the sentinel; then the result
+// arrays are walked and each marked element joins the new selection of its array, in result order. So a
+// record that moved between the head list and its kind's array stays selected, and one that left the
+// results leaves the selection, without a single compare.
 void _db_update_selection(db_query_t *q) {
-    mem_array_t *sel[2] = {&q->folder_selection, &q->file_selection};
-    mem_array_t *res[2] = {&q->folder_results, &q->file_results};
-    if (!sel[0]->count && !sel[1]->count)
+    mem_array_t *sel[3] = {&q->head_selection, &q->folder_selection, &q->file_selection};
+    mem_array_t *res[3] = {&q->head_results, &q->folder_results, &q->file_results};
+    uint32_t n = sel[0]->count + sel[1]->count + sel[2]->count;
+    if (!n)
         return;
     uint32_t start = debug_now_us();
-    for (int k = 0; k < 2; k++) {
-        uint32_t n = sel[k]->count;
-        if (!n)
-            continue;
-        mem_ref_t *items = (mem_ref_t *) mem_alloc(n * sizeof(mem_ref_t));
-        mem_ref_t *parents = (mem_ref_t *) mem_alloc(n * sizeof(mem_ref_t));
-        mem_ref_t *out = (mem_ref_t *) mem_alloc(n * sizeof(mem_ref_t));
-        _flatten(sel[k], items);
-        for (uint32_t i = 0; i < n; i++) {
-            uint32_t *field = (uint32_t *) db_ptr(items[i]);
-            parents[i] = *field;
-            *field = SENTINEL;
+    mem_ref_t *items = (mem_ref_t *) mem_alloc(n * sizeof(mem_ref_t));
+    mem_ref_t *parents = (mem_ref_t *) mem_alloc(n * sizeof(mem_ref_t));
+    uint32_t at = 0;
+    for (int k = 0; k < 3; k++) {
+        int c = 0, p = -1;
+        for (mem_ref_t e = mem_array_next(sel[k], &c, &p); e; e = mem_array_next(sel[k], &c, &p)) {
+            bool folder;
+            items[at++] = k ? e : db_head_entry_record(q->head_selection_kind, e, &folder);
         }
-        uint32_t at = 0;
-        const mem_array_t *a = res[k];
-        for (uint32_t c = 0; c < a->chunk_count; c++) {
-            const mem_array_chunk_t *chunk = a->table[c];
-            const mem_ref_t *src = mem_array_chunk_items(chunk);
-            for (uint32_t i = 0; i < chunk->n; i++)
-                if (db_record_parent(src[i]) == SENTINEL)
-                    out[at++] = src[i];
-        }
-        for (uint32_t i = 0; i < n; i++)
-            *(uint32_t *) db_ptr(items[i]) = parents[i];
-        _replace(sel[k], out, at);
-        mem_free(items), mem_free(parents), mem_free(out);
     }
+    // A record is marked once, however often it is listed, so that its saved parent is the real one.
+    uint32_t marked = 0;
+    for (uint32_t i = 0; i < n; i++) {
+        uint32_t *field = (uint32_t *) db_ptr(items[i]);
+        if (*field == SENTINEL)
+            continue;
+        items[marked] = items[i];
+        parents[marked++] = *field;
+        *field = SENTINEL;
+    }
+    for (int k = 0; k < 3; k++) {
+        mem_ref_t *out = (mem_ref_t *) mem_alloc((res[k]->count + 1) * sizeof(mem_ref_t));
+        uint32_t got = 0;
+        int c = 0, p = -1;
+        for (mem_ref_t e = mem_array_next(res[k], &c, &p); e; e = mem_array_next(res[k], &c, &p)) {
+            bool folder;
+            db_ref_t r = k ? e : db_head_record(q, e, &folder);
+            if (db_record_parent(r) == SENTINEL)
+                out[got++] = e;
+        }
+        _replace(sel[k], out, got);
+        mem_free(out);
+    }
+    for (uint32_t i = 0; i < marked; i++)
+        *(uint32_t *) db_ptr(items[i]) = parents[i];
+    q->head_selection_kind = q->head_list_kind;
+    mem_free(items), mem_free(parents);
     q->selection_anchor = 0;
     debug_printf("update selection %f seconds\n", (int) (debug_now_us() - start));
 }

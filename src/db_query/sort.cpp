@@ -209,11 +209,9 @@ static void _publish(db_query_t *q, int sort, mem_ref_t *flat[2], bool canceled,
 // Writes the results into out in the order of the index array a (walked backwards when descending): each
 // result's parent is swapped for the sentinel, the array is walked picking out the records that hold
 // it, and the parents come back.
-static void _pick_marked(const mem_array_t *results, const mem_array_t *a, bool descending, mem_ref_t *out) {
-    uint32_t n = results->count;
-    mem_ref_t *items = (mem_ref_t *) mem_alloc((n ? n : 1) * sizeof(mem_ref_t));
+static void _pick_marked_items(const mem_ref_t *items, uint32_t n, const mem_array_t *a, bool descending,
+                               mem_ref_t *out) {
     mem_ref_t *parents = (mem_ref_t *) mem_alloc((n ? n : 1) * sizeof(mem_ref_t));
-    _flatten(results, items);
     for (uint32_t i = 0; i < n; i++) {
         uint32_t *field = (uint32_t *) db_ptr(items[i]);
         parents[i] = *field;
@@ -234,7 +232,15 @@ static void _pick_marked(const mem_array_t *results, const mem_array_t *a, bool 
         *(uint32_t *) db_ptr(items[i]) = parents[i];
     if (at != n)
         debug_fatal(__FILE__, __LINE__, "_db_sort_by_index", "results not in the index: %d of %d", at, n);
-    mem_free(items), mem_free(parents);
+    mem_free(parents);
+}
+
+static void _pick_marked(const mem_array_t *results, const mem_array_t *a, bool descending, mem_ref_t *out) {
+    uint32_t n = results->count;
+    mem_ref_t *items = (mem_ref_t *) mem_alloc((n ? n : 1) * sizeof(mem_ref_t));
+    _flatten(results, items);
+    _pick_marked_items(items, n, a, descending, out);
+    mem_free(items);
 }
 
 // Sorts by one walk of the index's array: each result's parent is swapped for the sentinel, the array is
@@ -459,6 +465,76 @@ static void _name_order(db_query_t *q, bool folder, mem_ref_t *out) {
     _pick_marked(results, names, false, out);
 }
 
+// ---- values read from disk
+// ---------------------------------------------------------------------------------- A column that the index
+// doesn't store is read through the provider, which stands for the disk: the records are read in path order,
+// so that a disk is read folder by folder rather than in name order across the whole tree.
+
+// True when field of the kind comes from the provider (a folder's size never does: it is unknown).
+static bool _read_from_disk(const db_query_t *q, bool folder, db_field_t field) {
+    const db_structure_t *st = &q->db->structure;
+    if ((folder ? st->folder_offset : st->file_offset)[field] >= 0)
+        return false;
+    return !(folder && field == DB_FIELD_SIZE);
+}
+
+static int _path_compare(void *, uint32_t a, uint32_t b) {
+    return db_path_name_compare(a, b);
+}
+
+static int _ref_order(void *ctx, uint32_t a, uint32_t b) {
+    const mem_ref_t *refs = (const mem_ref_t *) ctx;
+    return refs[a] < refs[b] ? -1 : refs[a] > refs[b];
+}
+
+// The keys (value + 1, so that unknown is lowest) of items, read in path order; false on a cancel,
+// tested per record.
+static bool _read_in_path_order(db_query_t *q, bool folder, db_field_t field, const mem_ref_t *items,
+                                uint64_t *keys, uint32_t n) {
+    debug_printf("find uncached items...\n");
+    mem_ref_t *by_path = (mem_ref_t *) mem_alloc((n ? n : 1) * sizeof(mem_ref_t));
+    uint64_t *values = (uint64_t *) mem_alloc((n ? n : 1) * sizeof(uint64_t));
+    uint32_t *order = (uint32_t *) mem_alloc((n ? n : 1) * sizeof(uint32_t));
+    debug_printf("sorting by path...\n");
+    const mem_array_t *pa =
+        (q->db->structure.word & DB_STRUCTURE_FAST_PATH) ? db_array(q->db, DB_ORDER_PATH, folder) : nullptr;
+    if (pa) {
+        _pick_marked_items(items, n, pa, false, by_path);
+    } else {
+        memcpy(by_path, items, n * sizeof(mem_ref_t));
+        os_qsort_ex(by_path, n, nullptr, _path_compare);
+    }
+    debug_printf("caching...\n");
+    sort_ctx_t c = {q, DB_SORT_SIZE, folder};
+    bool done = true;
+    for (uint32_t i = 0; i < n && done; i++) {
+        done = !q->cancel_sort;
+        // A record of a file list has nothing on disk to read.
+        const db_fs_t *fs = done ? db_record_fs(q->db, by_path[i]) : nullptr;
+        if (done)
+            values[i] = fs && fs->type == DB_FS_FILE_LIST ? DB_UNKNOWN : _value(&c, by_path[i], field);
+    }
+    if (done) {
+        // Back to the items' order: the path-ordered records sorted by reference, searched for each item.
+        for (uint32_t i = 0; i < n; i++)
+            order[i] = i;
+        os_qsort_ex(order, n, by_path, _ref_order);
+        for (uint32_t i = 0; i < n; i++) {
+            uint32_t lo = 0, hi = n;
+            while (lo + 1 < hi) {
+                uint32_t mid = (lo + hi) / 2;
+                if (by_path[order[mid]] <= items[i])
+                    lo = mid;
+                else
+                    hi = mid;
+            }
+            keys[i] = values[order[lo]] + 1;
+        }
+    }
+    mem_free(by_path), mem_free(values), mem_free(order);
+    return done;
+}
+
 // Keys of one kind's results (in name order in items); false when cancelled. Distinct strings are ranked
 // so that the key's unsigned order is the column's order.
 static bool _fill_keys(db_query_t *q, int sort, bool folder, const mem_ref_t *items, uint64_t *keys,
@@ -471,11 +547,16 @@ static bool _fill_keys(db_query_t *q, int sort, bool folder, const mem_ref_t *it
         uint32_t *name_lens = nullptr, cap = 0;
         uint32_t *attrs = key == DB_SORT_ATTRIBUTES ? (uint32_t *) mem_alloc((n ? n : 1) * 4) : nullptr;
         sort_ctx_t c = {q, DB_SORT_ATTRIBUTES, folder};
+        // Attributes from disk are read in path order first; keys holds them until they are ranked.
+        bool from_disk = attrs && _read_from_disk(q, folder, DB_FIELD_ATTRIBUTES);
+        if (from_disk)
+            _read_in_path_order(q, folder, DB_FIELD_ATTRIBUTES, items, keys, n);
         for (uint32_t i = 0; i < n; i++) {
             if (q->cancel_sort)
                 break;
             if (attrs) {
-                attrs[i] = (uint32_t) _value(&c, items[i], DB_FIELD_ATTRIBUTES);
+                attrs[i] = from_disk ? (uint32_t) (keys[i] - 1)
+                                     : (uint32_t) _value(&c, items[i], DB_FIELD_ATTRIBUTES);
                 keys[i] = _distinct_id(&d, (const char *) &attrs[i], 4);
                 continue;
             }
@@ -502,6 +583,8 @@ static bool _fill_keys(db_query_t *q, int sort, bool folder, const mem_ref_t *it
     }
     sort_ctx_t c = {q, key, folder};
     db_field_t field = _sort_field(sort);
+    if (_read_from_disk(q, folder, field))
+        return _read_in_path_order(q, folder, field, items, keys, n);
     for (uint32_t i = 0; i < n; i++) {
         if (q->cancel_sort)
             return false;

@@ -223,3 +223,47 @@ TEST(ExecSort, ProvidedValuesAreSortedAndACancelKeepsTheOldOrder) {
     db_destroy_query(q);
     idx.destroy();
 }
+
+// Values from disk are read in path order, each record once, so that a disk is walked folder by folder;
+// with or without the index's path array the order read is the same, and so is the sort.
+static std::vector<db_ref_t> asked;
+static uint64_t recording_value(db_query_t *, db_ref_t r, bool, db_query_value_t what) {
+    if (what != DB_QV_DATE_CREATED && what != DB_QV_ATTRIBUTES)
+        return what == DB_QV_ATTRIBUTES ? 0 : DB_UNKNOWN;
+    asked.push_back(r);
+    return what == DB_QV_ATTRIBUTES ? (r * 2654435761u) % 5 : (r * 2654435761u) % 11 * 100;
+}
+
+TEST(ExecSort, ValuesFromDiskAreReadInPathOrder) {
+    db_query_provider.value = recording_value;
+    std::vector<std::vector<std::string>> sorted_by;
+    for (uint32_t structure : {0x0001u, 0x2001u}) {
+        ref_index_t idx;
+        idx.build(2500, 61, true, structure);
+        db_query_t *q = db_query_create(idx.db, false, nullptr, nullptr);
+        for (int sort : {(int) DB_SORT_DATE_CREATED, DB_SORT_ATTRIBUTES + 1}) {
+            SCOPED_TRACE(std::to_string(structure) + " sort " + std::to_string(sort));
+            exec_run(q, "!abc", DB_SORT_NAME);
+            size_t n = exec_results(q).size();
+            asked.clear();
+            sort_now(idx, q, sort);
+            // Folders, then files, each kind in path order, every result once.
+            ASSERT_EQ(asked.size(), n);
+            EXPECT_EQ(std::set<db_ref_t>(asked.begin(), asked.end()).size(), n);
+            for (size_t i = 1; i < asked.size(); i++) {
+                bool fa = idx.recs[idx.at[asked[i - 1]]].folder, fb = idx.recs[idx.at[asked[i]]].folder;
+                if (fa == fb) {
+                    ASSERT_LT(db_path_name_compare(asked[i - 1], asked[i]), 0) << i;
+                } else {
+                    ASSERT_TRUE(fa && !fb) << i;
+                }
+            }
+            sorted_by.push_back(paths(idx, q));
+        }
+        db_destroy_query(q);
+        idx.destroy();
+    }
+    EXPECT_TRUE(sorted_by[0] == sorted_by[2]);
+    EXPECT_TRUE(sorted_by[1] == sorted_by[3]);
+    db_query_provider_reset();
+}

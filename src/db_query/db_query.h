@@ -70,8 +70,9 @@ struct db_prepass_t {
     uint32_t *counts;   // child counts, one per position of the scanned array
     mem_ref_t *set;     // duplicates: the records that have an equal key, sorted by reference
     uint32_t set_count; //
-    // filelist: entries, as (offset, length) pairs into text, split into name and path entries, each
-    // sorted by utf8_compare_lower for a binary search.
+    // filelist: entries folded the term's way (folding), each zero-terminated in text; names and paths
+    // are offsets of the name and the path entries, each sorted bytewise for a binary search.
+    uint8_t folding;
     char *text;
     uint32_t *names;
     uint32_t name_count;

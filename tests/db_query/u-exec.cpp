@@ -221,6 +221,23 @@ static std::vector<exec_case_t> exec_table() {
     t.push_back({"share", SEARCH_PATH, [](const ref_record_t &r) { return ref_contains(r.path, "share"); }});
     t.push_back(
         {"nopath:share", SEARCH_PATH, [](const ref_record_t &r) { return ref_contains(r.name, "share"); }});
+    // filelist: names, compared the way the term's case and diacritics flags say.
+    for (uint32_t bits :
+         {0u, (uint32_t) SEARCH_CASE, (uint32_t) SEARCH_DIACRITICS, SEARCH_CASE | SEARCH_DIACRITICS}) {
+        static const char *const list[] = {"readme.txt", "README", "r\xC3\xA9sum\xC3\xA9.md", "ABC.so",
+                                           "Lib"};
+        bool c = bits & SEARCH_CASE, d = bits & SEARCH_DIACRITICS;
+        t.push_back({"filelist:\"readme.txt|README|r\xC3\xA9sum\xC3\xA9.md|ABC.so|Lib\"", bits,
+                     [c, d](const ref_record_t &r) {
+                         for (const char *e : list)
+                             if (ref_fold(r.name, c, d) == ref_fold(e, c, d))
+                                 return true;
+                         return false;
+                     }});
+    }
+    t.push_back({"!filelist:\"readme.txt|lib\"", 0, [](const ref_record_t &r) {
+                     return ref_lb(r.name) != "readme.txt" && ref_lb(r.name) != "lib";
+                 }});
     return t;
 }
 
@@ -268,6 +285,40 @@ TEST_F(ExecTest, TableAgreesWithTheReferenceInNameOrder) {
 
 // Under every sort the set is the reference's and each array is in the sort's order, folders ahead of
 // files exactly when the sort ascends.
+// filelist: with full-path entries: some records' paths as written, in upper case, and with their
+// diacritics stripped, under each pair of the case and diacritics flags.
+TEST_F(ExecTest, FileListPathsFollowTheTermsFlags) {
+    std::mt19937 rng(12);
+    std::vector<std::string> entries;
+    for (int k = 0; k < 12; k++) {
+        const ref_record_t &r = idx.recs[1 + rng() % (idx.recs.size() - 1)];
+        std::string e = r.path;
+        if (k % 3 == 1)
+            for (char &ch : e)
+                ch = (char) toupper((unsigned char) ch);
+        if (k % 3 == 2)
+            e = ref_fold(e, true, false);
+        entries.push_back(e);
+    }
+    std::string list;
+    for (const std::string &e : entries)
+        list += (list.empty() ? "" : "|") + e;
+    for (uint32_t bits :
+         {0u, (uint32_t) SEARCH_CASE, (uint32_t) SEARCH_DIACRITICS, SEARCH_CASE | SEARCH_DIACRITICS}) {
+        SCOPED_TRACE(bits);
+        bool c = bits & SEARCH_CASE, d = bits & SEARCH_DIACRITICS;
+        exec_run(q, ("filelist:\"" + list + "\"").c_str(), 0, bits);
+        std::vector<db_ref_t> want = expected([&](const ref_record_t &r) {
+            for (const std::string &e : entries)
+                if (ref_fold(r.path, c, d) == ref_fold(e, c, d))
+                    return true;
+            return false;
+        });
+        EXPECT_GE(want.size(), bits == 0 ? 12u : 4u);
+        EXPECT_TRUE(exec_results(q) == want);
+    }
+}
+
 TEST_F(ExecTest, EverySortKeepsTheSetAndOrdersIt) {
     const char *searches[] = {"", "readme", "ext:so;a", "empty:", "!abc size:<2000"};
     auto table = exec_table();

@@ -401,3 +401,18 @@ int db_head_kind_of_sort(int sort);
 db_ref_t db_head_record(const db_query_t *query, mem_ref_t entry, bool *is_folder);
 // The same for an entry of the given head list kind.
 db_ref_t db_head_entry_record(int kind, mem_ref_t entry, bool *is_folder);
+
+// ---- live results
+// -------------------------------------------------------------------------------------------- Called by the
+// index's update code while it holds the index (no job of a query runs).
+
+// The record was just put in the index: when the query's chain takes it (count: sees the results so far)
+// and the results are sorted, it goes to its place in the current order. True when it was inserted.
+bool db_query_record_added(db_query_t *query, db_ref_t record, bool is_folder, db_eval_scratch_t *scratch);
+// The record is about to leave the index (or to change a name or column, after which it is added
+// again): it leaves the results, the selection and the ghosts; its remembered items look their row up
+// again. True when it was a result.
+bool db_query_record_removed(db_query_t *query, db_ref_t record, bool is_folder);
+// The same for every query of the index.
+void db_queries_record_added(db_t *db, db_ref_t record, bool is_folder);
+void db_queries_record_removed(db_t *db, db_ref_t record, bool is_folder);

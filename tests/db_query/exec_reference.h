@@ -240,6 +240,25 @@ struct ref_index_t {
         }
     }
 
+    // What the index's update does with one record: into (or out of) every sorted array of its kind.
+    void place(db_ref_t r, bool folder) {
+        add(r, folder);
+        for (int o = 0; o < DB_ORDER_FRN; o++) {
+            mem_array_t *a = db_array(db, (db_order_t) o, folder);
+            db_key_t key = {db, r, (uint8_t) o, folder, false};
+            if (a)
+                mem_array_insert_sorted(a, db_key_compare, &key, r);
+        }
+    }
+    void unplace(db_ref_t r, bool folder) {
+        for (int o = 0; o < DB_ORDER_FRN; o++) {
+            mem_array_t *a = db_array(db, (db_order_t) o, folder);
+            db_key_t key = {db, r, (uint8_t) o, folder, false};
+            if (a)
+                mem_array_find_remove(a, db_key_compare, &key);
+        }
+    }
+
     void destroy() {
         if (db)
             db_destroy(db);

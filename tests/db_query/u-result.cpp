@@ -342,3 +342,91 @@ TEST_F(ResultTest, TypeAheadFindsTheNearestRowAndWraps) {
     EXPECT_EQ(db_find_nearest_string_match_result(q, "s", 1, folders), 0);
     EXPECT_EQ(db_find_nearest_string_match_result(q, "t", 1, folders), -1);
 }
+
+// ---- live results
+// ------------------------------------------------------------------------------------------
+
+// Records added and removed one at a time, as the index's update does, keep each query's results equal
+// to a fresh search's under its own sort; the selection, the ghosts and the remembered rows let a removed
+// record go; a count: limit stays full.
+TEST(LiveResults, AddedAndRemovedRecordsKeepEachQueryAsAFreshSearch) {
+    ref_index_t idx;
+    idx.build(1500, 19);
+    event_log_t log;
+    const int sorts[] = {DB_SORT_NAME, DB_SORT_SIZE + 1, DB_SORT_PATH, DB_SORT_DATE_MODIFIED + 1};
+    std::vector<db_query_t *> live;
+    for (int sort : sorts) {
+        live.push_back(db_query_create(idx.db, false, log_event, &log));
+        exec_run(live.back(), "readme", sort);
+    }
+    db_query_t *limited = db_query_create(idx.db, false, nullptr, nullptr);
+    exec_run(limited, "count:5 readme", 0);
+    db_query_t *fresh = db_query_create(idx.db, false, nullptr, nullptr);
+    auto check = [&](const char *when) {
+        for (size_t k = 0; k < live.size(); k++) {
+            exec_run(fresh, "readme", sorts[k]);
+            EXPECT_TRUE(exec_results(live[k]) == exec_results(fresh)) << when << " sort " << sorts[k];
+        }
+        EXPECT_EQ(db_get_result_count(limited), 5);
+    };
+    std::mt19937 rng(19);
+    std::vector<db_ref_t> folders;
+    for (auto &r : idx.recs)
+        if (r.folder)
+            folders.push_back(r.ref);
+    db_fs_t *fs = idx.db->fs_first;
+    std::vector<std::pair<db_ref_t, bool>> added;
+    for (int i = 0; i < 60; i++) {
+        bool folder = i % 4 == 0;
+        std::string name = (i % 3 ? "ReadMe_new" : "other") + std::to_string(i) + (folder ? "" : ".txt");
+        db_ref_t parent = folders[rng() % folders.size()];
+        db_ref_t r = folder ? db_folder_new(idx.db, fs, parent, name.data(), (uint32_t) name.size())
+                            : db_file_new(idx.db, fs, parent, name.data(), (uint32_t) name.size());
+        (folder ? db_folder_set : db_file_set)(idx.db, r, DB_FIELD_SIZE, rng() % 3000);
+        (folder ? db_folder_set : db_file_set)(idx.db, r, DB_FIELD_DATE_MODIFIED,
+                                               130000000000000000ull + rng() % 999);
+        idx.place(r, folder);
+        db_queries_record_added(idx.db, r, folder);
+        added.push_back({r, folder});
+    }
+    log.codes.clear();
+    event_dispatch();
+    EXPECT_EQ(log.count(DB_QUERY_RESULTS), (int) live.size());
+    check("after adding");
+    // A selected, remembered, ghosted record goes: it leaves all three; the other selected row stays.
+    db_query_t *q = live[0];
+    int row = -1;
+    for (int i = 0; i < db_get_result_count(q) && row < 0; i++) {
+        db_ref_t r;
+        bool f;
+        _db_result_at(q, i, &r, &f);
+        if (r == added[1].first)
+            row = i;
+    }
+    ASSERT_GE(row, 0);
+    db_select_result(q, row);
+    db_select_result(q, row == 0 ? 1 : 0);
+    db_ghost_selection(q);
+    db_itemref_t ref = {};
+    db_itemref_set(q, &ref, row);
+    for (auto &[r, folder] : added) {
+        if (r == added[1].first || rng() % 2) {
+            db_queries_record_removed(idx.db, r, folder);
+            idx.unplace(r, folder);
+        }
+    }
+    check("after removing");
+    EXPECT_EQ(db_get_selection_count(q), 1);
+    EXPECT_EQ(db_itemref_get(q, &ref), -1);
+    int ghosts = 0;
+    for (int i = 0; i < db_get_result_count(q); i++)
+        ghosts += db_is_ghost_result(q, i);
+    EXPECT_EQ(ghosts, 1);
+    db_itemref_destroy(q, &ref);
+    for (db_query_t *x : live)
+        db_destroy_query(x);
+    db_destroy_query(limited);
+    db_destroy_query(fresh);
+    event_dispatch();
+    idx.destroy();
+}

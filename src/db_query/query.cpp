@@ -28,6 +28,13 @@ static void _idle_event(void *ctx) {
     }
 }
 
+// Run history arrived (or is on its way) while the owner may already show rows: they are drawn again.
+static void _rows_event(void *ctx) {
+    db_query_t *q = (db_query_t *) ctx;
+    if (q->callback)
+        q->callback(q->callback_context, DB_QUERY_ROWS, q);
+}
+
 static void _status_event(void *ctx) {
     db_query_t *q = (db_query_t *) ctx;
     if (q->callback)
@@ -57,6 +64,8 @@ db_query_t *db_query_create(db_t *db, bool show_cancel_dialog, db_query_proc_t p
     else
         db->queries_first = q;
     db->queries_last = q;
+    if (db->load_run_history_pending)
+        event_post(_rows_event, q);
     return q;
 }
 
@@ -95,6 +104,7 @@ void db_destroy_query(db_query_t *q) {
     event_remove(_db_query_results_event, q);
     event_remove(_idle_event, q);
     event_remove(_status_event, q);
+    event_remove(_rows_event, q);
     db_prepass_free_all(q);
     db_search_kill(&q->search);
     _free_results(q);

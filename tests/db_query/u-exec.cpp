@@ -634,6 +634,44 @@ TEST(ExecEntry, PendingSearchRunsWhenTheIndexBecomesReady) {
     idx.destroy();
 }
 
+// A sort asked for while the index loads waits and runs from the ready event; the owner hears the job's
+// end, the results and the ready code, in that order of kinds; a new query of an index whose run history
+// is on its way is told to draw its rows again.
+TEST(ExecEntry, PendingSortRunsWhenTheIndexBecomesReady) {
+    ref_index_t idx;
+    idx.build(600, 13);
+    std::vector<int> codes;
+    auto proc = [](void *user, int code, db_query_t *) { ((std::vector<int> *) user)->push_back(code); };
+    db_query_t *q = db_query_create(idx.db, false, proc, &codes);
+    exec_run(q, "readme", 0);
+    std::vector<db_ref_t> by_name = exec_results(q);
+    idx.db->is_loaded = false;
+    db_sort(q, DB_SORT_NAME + 1, 0, 0);
+    EXPECT_TRUE(q->pending_sort.active);
+    EXPECT_EQ(q->current_sort, DB_SORT_NAME);
+    idx.db->is_loaded = true;
+    codes.clear();
+    db_queries_idle(idx.db);
+    EXPECT_FALSE(q->pending_sort.active);
+    db_wait(idx.db, "test");
+    _db_ready_proc(idx.db);
+    event_dispatch();
+    std::reverse(by_name.begin(), by_name.end());
+    EXPECT_TRUE(exec_results(q) == by_name);
+    auto first = [&](int code) { return std::find(codes.begin(), codes.end(), code) - codes.begin(); };
+    ASSERT_LT(first(DB_QUERY_JOB_ENDED), (long) codes.size());
+    EXPECT_LT(first(DB_QUERY_JOB_ENDED), first(DB_QUERY_RESULTS));
+    EXPECT_LT(first(DB_QUERY_RESULTS), first(DB_QUERY_READY));
+    idx.db->load_run_history_pending = true;
+    std::vector<int> other;
+    db_query_t *q2 = db_query_create(idx.db, false, proc, &other);
+    event_dispatch();
+    EXPECT_EQ(std::count(other.begin(), other.end(), DB_QUERY_ROWS), 1);
+    db_destroy_query(q2);
+    db_destroy_query(q);
+    idx.destroy();
+}
+
 // The table's rows combined: each row's NOT, and pairs of rows ANDed and ORed inside groups, so that the
 // decision graph (De Morgan under NOT, the kind-only constants) is checked against plain logic.
 TEST_F(ExecTest, CombinationsAgreeWithTheReference) {

@@ -259,6 +259,15 @@ static void _op_spans(const db_op_t *op, const char *full, size_t flen, size_t n
     }
 }
 
+// True for the ops that mark text: plain text, regular expressions, ext:.
+static bool _marks_text(const db_op_t *op) {
+    db_text_op_t t;
+    bool neg;
+    uint32_t code = op->op;
+    return db_text_op(code, &t, &neg) || (code >= 226 && code <= 227) || (code >= 162 && code <= 171) ||
+           (code >= 374 && code <= 383);
+}
+
 // ---- the row ---------------------------------------------------------------------------------------------
 
 static void _set(db_highlight_t *h, const char *text, size_t len, const uint8_t *mask) {
@@ -289,8 +298,9 @@ bool _db_get_highlighted_result(db_query_t *q, int index, db_highlight_t *name_o
     memset(mask, 0, flen + 1);
     db_eval_scratch_t s;
     db_eval_scratch_init(&s);
+    // Only the ops that can mark anything are asked: the others (dupe:, child: ...) may walk the index.
     for (const db_op_t *op = folder ? q->search.folder_ops : q->search.file_ops; op; op = op->list_next)
-        if (_db_query_eval_op(q, op, folder, r, &s, -1))
+        if (_marks_text(op) && _db_query_eval_op(q, op, folder, r, &s, -1))
             _op_spans(op, full.ptr, flen, name_len, mask);
     db_eval_scratch_kill(&s);
     // The path is the parent's full path: the full path less the separator and the name (a root has none).

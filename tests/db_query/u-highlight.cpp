@@ -50,6 +50,8 @@ TEST(Highlight, EachTermKindMarksWhereItMatched) {
         {"!notes", 0, "Docs/readme.txt", 0, "readme.txt"},
         {"zzz | read", 0, "Docs/readme.txt", 0, "[read]me.txt"},
         {"read txt", 0, "Docs/readme.txt", 0, "[read]me.[txt]"},
+        // A function beside a term marks nothing of its own.
+        {"dupe: read", 0, "Docs/readme.txt", 0, "[read]me.txt"},
         // Anchored forms.
         {"readme", SEARCH_WHOLEWORD, "Docs/a readme b.md", 0, "a [readme] b.md"},
         {"startwith:rea", 0, "Docs/readme.txt", 0, "[rea]dme.txt"},

@@ -318,6 +318,9 @@ void db_deselect_all(db_query_t *query);
 void db_invert_all_selection(db_query_t *query);
 // Sum of the known sizes of the selected files, or all ones when not known.
 uint64_t db_query_get_total_selection_size(db_query_t *query);
+// Sums the selection's total size again (and resets the anchor): after any change of the whole
+// selection. A single row in or out only moves the total by its own size.
+void _db_update_selection_totals(db_query_t *query);
 
 // Records shown as "ghosts" (cut to the clipboard): the selected records replace the set.
 void db_ghost_selection(db_query_t *query);

@@ -90,10 +90,8 @@ bool db_query_record_removed(db_query_t *q, db_ref_t record, bool folder) {
         _take_head(&q->head_selection, q->head_selection_kind, record);
     mem_array_find_remove(&q->ghosts, _ref_compare, &record);
     db_itemrefs_record_changed(q, record);
-    if (in_selection) {
-        // Summed again over what is left.
-        q->total_selection_size = db_query_files_size(q, &q->file_selection, nullptr);
-    }
+    if (in_selection)
+        _db_update_selection_totals(q);
     if (in_results && q->total_result_valid && !folder) {
         uint64_t size = db_file_get(q->db, record, DB_FIELD_SIZE);
         q->total_result_size -= size == DB_UNKNOWN ? 0 : size;

@@ -30,7 +30,7 @@ static mem_array_t *_selection(db_query_t *q, bool folder) {
     return folder ? &q->folder_selection : &q->file_selection;
 }
 
-static void _totals(db_query_t *q) {
+void _db_update_selection_totals(db_query_t *q) {
     uint64_t total = db_query_files_size(q, &q->file_selection, nullptr);
     int c = 0, p = -1;
     for (mem_ref_t e = mem_array_next(&q->head_selection, &c, &p); e;
@@ -42,6 +42,16 @@ static void _totals(db_query_t *q) {
     }
     q->total_selection_size = total;
     q->total_selection_valid = (q->db->structure.word & DB_STRUCTURE_SIZE) != 0;
+    q->selection_anchor = 0;
+}
+
+// One record in or out of the selection: its known size moves the total, with no walk of the rest.
+static void _step_total(db_query_t *q, bool folder, db_ref_t r, bool in) {
+    if (!q->total_selection_valid)
+        return _db_update_selection_totals(q);
+    uint64_t size = folder ? DB_UNKNOWN : db_file_get(q->db, r, DB_FIELD_SIZE);
+    if (size != DB_UNKNOWN)
+        q->total_selection_size += in ? size : (uint64_t) 0 - size;
     q->selection_anchor = 0;
 }
 
@@ -166,7 +176,7 @@ int db_select_result(db_query_t *q, int index) {
     if (_find(q, folder, r, &chunk, &pos))
         return 0;
     mem_array_insert_at(_selection(q, folder), chunk, pos, r);
-    _totals(q);
+    _step_total(q, folder, r, true);
     return 1;
 }
 
@@ -186,7 +196,7 @@ int db_deselect_result(db_query_t *q, int index) {
     if (!_find(q, folder, r, &chunk, &pos))
         return 0;
     mem_array_remove_at(_selection(q, folder), chunk, pos);
-    _totals(q);
+    _step_total(q, folder, r, false);
     return 1;
 }
 
@@ -248,7 +258,7 @@ static void _range(db_query_t *q, int first, int count, int how) {
             return how == 0 ? (selected || in) : how == 1 ? (selected && !in) : (selected != in);
         });
     }
-    _totals(q);
+    _db_update_selection_totals(q);
 }
 
 // One head row in or out of the head selection, by the same merge walk (head lists are short).

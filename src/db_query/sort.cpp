@@ -810,7 +810,7 @@ void _db_update_selection(db_query_t *q) {
         *(uint32_t *) db_ptr(items[i]) = parents[i];
     q->head_selection_kind = q->head_list_kind;
     mem_free(items), mem_free(parents);
-    q->selection_anchor = 0;
+    _db_update_selection_totals(q);
     debug_printf("update selection %f seconds\n", (int) (debug_now_us() - start));
 }
 

@@ -430,3 +430,44 @@ TEST(LiveResults, AddedAndRemovedRecordsKeepEachQueryAsAFreshSearch) {
     event_dispatch();
     idx.destroy();
 }
+
+// The selection's total size follows single rows in and out, and is summed again when a new result set
+// takes selected records away.
+TEST_F(ResultTest, SelectionTotalFollowsRowsAndNewResults) {
+    exec_run(q, "readme", 0);
+    auto size_of = [&](int row) {
+        db_ref_t r;
+        bool folder;
+        _db_result_at(q, row, &r, &folder);
+        const ref_record_t &x = idx.recs[idx.at[r]];
+        return x.folder || x.size == DB_UNKNOWN ? 0 : x.size;
+    };
+    auto sum_selected = [&]() {
+        uint64_t total = 0;
+        for (int i = 0; i < db_get_result_count(q); i++)
+            if (db_is_result_selected(q, i))
+                total += size_of(i);
+        return total;
+    };
+    int n = db_get_result_count(q);
+    for (int row : {n - 1, n - 3, n - 5, n - 7, 0})
+        db_select_result(q, row);
+    EXPECT_EQ(db_query_get_total_selection_size(q), sum_selected());
+    db_deselect_result(q, n - 3);
+    db_invert_result_selection(q, n - 9);
+    EXPECT_EQ(db_query_get_total_selection_size(q), sum_selected());
+    // Keep only the names of two selected files: the others leave the selection and its total.
+    db_ref_t a, b;
+    bool fa, fb;
+    _db_result_at(q, n - 1, &a, &fa);
+    _db_result_at(q, n - 5, &b, &fb);
+    std::string two =
+        "exact:\"" + idx.recs[idx.at[a]].name + "\" | exact:\"" + idx.recs[idx.at[b]].name + "\"";
+    uint64_t want = size_of(n - 1) + size_of(n - 5);
+    exec_run(q, two.c_str(), 0);
+    EXPECT_GE(db_get_selection_count(q), 2);
+    EXPECT_EQ(db_query_get_total_selection_size(q), sum_selected());
+    if (db_get_selection_count(q) == 2) {
+        EXPECT_EQ(db_query_get_total_selection_size(q), want);
+    }
+}

@@ -15,6 +15,11 @@
 #include "mem/mem.h"
 #include "os/os_shell.h"
 
+// Tells the queries that the status text changed; posted by db_set_status.
+static void _db_status_proc(void *ctx) {
+    db_queries_status((db_t *) ctx);
+}
+
 db_t *db_create(const char *remote_name) {
     db_t *db = (db_t *) mem_alloc(sizeof(db_t));
     memset(db, 0, sizeof(*db));
@@ -66,6 +71,7 @@ void db_destroy(db_t *db) {
     db_filelists_monitor_stop(db);
     event_remove(_db_ready_proc, db);
     event_remove(_db_load_complete_proc, db);
+    event_remove(_db_status_proc, db);
     db_arrays_kill(db);
     db_pool_kill(&db->pool);
     db_fs_kill_all(db);
@@ -93,7 +99,8 @@ void db_wait(db_t *db, const char *who) {
     // here and then offers the cancel dialog; neither queries nor the dialog exist yet.
     os_thread_destroy(db->job_thread);
     db->job_thread = nullptr;
-    // Later: every query is sent code 8 (job ended) here.
+    // Whoever shows a job's progress learns here that it is over, whichever call ended the wait.
+    db_queries_job_ended(db);
     debug_printf("DB_WAIT: %s waited %f seconds\n", who, (int) (debug_now_us() - start));
 }
 
@@ -139,7 +146,9 @@ void db_set_status(db_t *db, const char *format, ...) {
         db->status_text = text;
     }
     mem_free(old);
-    // Later: every query is sent code 2 (status changed) here.
+    // The text may change on a job thread, while the main thread may be changing the query list: the
+    // queries are told from the main thread.
+    event_post(_db_status_proc, db);
 }
 
 void db_get_status(db_t *db, str_t *out) {

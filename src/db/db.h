@@ -517,3 +517,7 @@ void db_arrays_kill(db_t *db);
 // Told by _db_ready_proc once no job runs (the search code keeps it): replays a search or sort that was
 // stored while the index was not ready, and posts every query its job-ended and ready codes.
 void db_queries_idle(db_t *db);
+// Each query hears code 2 (status changed); posted by db_set_status, run on the main thread.
+void db_queries_status(db_t *db);
+// Each query hears code 8 (job ended); called by db_wait once the job's thread is given back.
+void db_queries_job_ended(db_t *db);

@@ -70,8 +70,9 @@ struct db_prepass_t {
     uint32_t *counts;   // child counts, one per position of the scanned array
     mem_ref_t *set;     // duplicates: the records that have an equal key, sorted by reference
     uint32_t set_count; //
-    // filelist: entries, as (offset, length) pairs into text, split into name and path entries, each
-    // sorted by utf8_compare_lower for a binary search.
+    // filelist: entries folded the term's way (folding), each zero-terminated in text; names and paths
+    // are offsets of the name and the path entries, each sorted bytewise for a binary search.
+    uint8_t folding;
     char *text;
     uint32_t *names;
     uint32_t name_count;
@@ -101,7 +102,9 @@ struct db_query_pending_sort_t {
 };
 
 // A remembered row that survives a new search or sort: index is the result index, -1 when the record
-// has left the results, -2 when it must be looked up again. The caller owns it.
+// has left the results, -2 when it must be looked up again. The caller owns it and zeroes it before its
+// first db_itemref_set; while set it is linked on its query's list (next, prev) and in the query's tree
+// ordered by record (tree_left, tree_right), through which a change of one record finds its refs.
 struct db_itemref_t {
     db_itemref_t *next, *prev;
     db_itemref_t *tree_left, *tree_right;
@@ -159,6 +162,13 @@ struct db_query_t {
     uint32_t count_base; // results of the pass that ran before the one in progress
     bool files_first_for_count;
     uint32_t workers_used; // the most workers one pass of the last search ran, for the log and tests
+
+    // The remembered items by (record, address): the root of their tree.
+    db_itemref_t *itemrefs_root;
+    // Records shown as cut to the clipboard, sorted by reference.
+    mem_array_t ghosts;
+    // The head list kind of the entries in head_selection (the head list may have changed kind since).
+    int head_selection_kind;
 };
 
 // ---- lifecycle ---------------------------------------------------------------------------------------
@@ -308,3 +318,104 @@ void db_deselect_all(db_query_t *query);
 void db_invert_all_selection(db_query_t *query);
 // Sum of the known sizes of the selected files, or all ones when not known.
 uint64_t db_query_get_total_selection_size(db_query_t *query);
+// Sums the selection's total size again (and resets the anchor): after any change of the whole
+// selection. A single row in or out only moves the total by its own size.
+void _db_update_selection_totals(db_query_t *query);
+
+// Records shown as "ghosts" (cut to the clipboard): the selected records replace the set.
+void db_ghost_selection(db_query_t *query);
+int db_is_ghost_result(db_query_t *query, int index);
+void db_clear_ghosts(db_query_t *query);
+int db_is_root_selection(db_query_t *query, int n);
+
+// ---- more of a row -------------------------------------------------------------------------------------
+
+// The text behind the last '.' of a file's name into out; empty for a folder or a name without one.
+// Returns 1 when the row exists.
+int db_get_result_extension(db_query_t *query, int index, str_t *out);
+// The name of the file list that holds the row's record into out; empty when it is on no file list.
+int db_get_result_file_list_filename(db_query_t *query, int index, str_t *out);
+// The run history and recent change values of a row, 0 when it has no entry.
+uint32_t db_get_result_run_count(db_query_t *query, int index);
+uint64_t db_get_result_date_run(db_query_t *query, int index);
+uint64_t db_get_result_date_recently_changed(db_query_t *query, int index);
+// The row of the record at full_path (folders first, then files), or -1.
+int db_get_result_index_from_filename(db_query_t *query, const char *full_path);
+// Type-ahead: from row start, the first row whose name is not below text (name order: a binary search;
+// other sorts: the first whose name begins with text), wrapping to the top once. -1 when none.
+int db_find_nearest_string_match_result(db_query_t *query, const char *text, int length, int start);
+
+// ---- remembered items ------------------------------------------------------------------------------------
+
+// Remembers the row index (its record and index); links ref on the query when it isn't yet.
+void db_itemref_set(db_query_t *query, db_itemref_t *ref, int index);
+// The ref's row now, looked up again when the results changed; -1 when its record left the results.
+int db_itemref_get(db_query_t *query, db_itemref_t *ref);
+// Unlinks ref (the caller frees it).
+void db_itemref_destroy(db_query_t *query, db_itemref_t *ref);
+// Every ref's cached index becomes index (-1 gone, -2 look up again).
+void db_itemrefs_reset(db_query_t *query, int32_t index);
+// The live update removed record: its refs must look it up again (and will find it gone).
+void db_itemrefs_record_changed(db_query_t *query, db_ref_t record);
+
+// ---- highlighting
+// ------------------------------------------------------------------------------------------
+
+// A row's text and, for each of its bytes, 1 where the search matched it (every byte of a code point
+// alike), for the list to draw bold.
+struct db_highlight_t {
+    str_t text;
+    str_t mask; // text.len bytes of 0 or 1
+};
+void db_highlight_init(db_highlight_t *h);
+void db_highlight_kill(db_highlight_t *h);
+// The highlighted name (mode 0), path, that is the folder that holds the row (mode 1), or both (mode 2)
+// of a row; an output not asked for (or null) is left alone. Negated terms mark nothing; a term marks only
+// when the record satisfies it. Returns false, with the asked outputs empty, for a row out of range.
+bool _db_get_highlighted_result(db_query_t *query, int index, db_highlight_t *name_out,
+                                db_highlight_t *path_out, int mode);
+
+// ---- the head list
+// ----------------------------------------------------------------------------------------- In a sort by run
+// count (18, 19), date run (24, 25) or date recently changed (20, 21) the results that have a run history or
+// recent change entry are shown as those entries, in the head list: in the order of the entries' side list,
+// ahead of the other results in a descending sort and behind them in an ascending one (the ascending list is
+// the descending one reversed). The entries belong to the code that keeps that history; it lends them through
+// db_query_history.
+
+// Head list kinds (head_list_kind): none, run history entries, recent change entries.
+enum { DB_HEAD_NONE = 0, DB_HEAD_RUN_HISTORY = 1, DB_HEAD_RECENT_CHANGES = 2 };
+
+struct db_query_history_t {
+    // The side list that orders sort's column: references to entries in the index's pool, in ascending
+    // order of the column. Null when there is none (no history kept yet): the head list stays empty.
+    const mem_array_t *(*side_list)(db_t *db, int sort);
+    // Where an entry of each head list kind (index kind - 1) holds its record (4 bytes) and its is-folder
+    // byte, from the entry's start.
+    uint32_t record_offset[2];
+    uint32_t folder_offset[2];
+};
+extern db_query_history_t db_query_history;
+// Puts back the history that has no entries.
+void db_query_history_reset();
+// The head list kind that sort shows (DB_HEAD_*).
+int db_head_kind_of_sort(int sort);
+// The record of a head entry of the query's kind, and whether it is a folder.
+db_ref_t db_head_record(const db_query_t *query, mem_ref_t entry, bool *is_folder);
+// The same for an entry of the given head list kind.
+db_ref_t db_head_entry_record(int kind, mem_ref_t entry, bool *is_folder);
+
+// ---- live results
+// -------------------------------------------------------------------------------------------- Called by the
+// index's update code while it holds the index (no job of a query runs).
+
+// The record was just put in the index: when the query's chain takes it (count: sees the results so far)
+// and the results are sorted, it goes to its place in the current order. True when it was inserted.
+bool db_query_record_added(db_query_t *query, db_ref_t record, bool is_folder, db_eval_scratch_t *scratch);
+// The record is about to leave the index (or to change a name or column, after which it is added
+// again): it leaves the results, the selection and the ghosts; its remembered items look their row up
+// again. True when it was a result.
+bool db_query_record_removed(db_query_t *query, db_ref_t record, bool is_folder);
+// The same for every query of the index.
+void db_queries_record_added(db_t *db, db_ref_t record, bool is_folder);
+void db_queries_record_removed(db_t *db, db_ref_t record, bool is_folder);

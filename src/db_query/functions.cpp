@@ -222,6 +222,7 @@ static bool _filelist(db_search_t *s, db_term_t *t) {
                                 sizeof(db_op_filelist_t) + len + 1);
         db_op_filelist_t *f = (db_op_filelist_t *) db_op_payload(op);
         f->text = (char *) (f + 1);
+        f->folding = (uint8_t) text_folding_for(t->flags & TERM_CASE, t->flags & TERM_DIACRITICS);
         memcpy(f->text, arg, len);
         f->len = (uint32_t) len;
         mem_array_init(&f->sorted);

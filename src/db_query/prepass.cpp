@@ -230,58 +230,6 @@ bool db_prepass_dupe_test(db_query_t *q, const db_op_t *op, bool folder, db_ref_
     return hit;
 }
 
-// ---- filelist: ---------------------------------------------------------------------------------------
-
-static int _entry_compare(void *ctx, uint32_t a, uint32_t b) {
-    const char *text = (const char *) ctx;
-    return utf8_strcmp_lower(text + a, text + b);
-}
-
-void db_prepass_filelist_build(db_prepass_t *p, const db_op_filelist_t *f) {
-    p->text = mem_dup(f->text, f->len);
-    uint32_t count = 1;
-    for (uint32_t i = 0; i < f->len; i++)
-        count += p->text[i] == '|';
-    p->names = (uint32_t *) mem_alloc(count * sizeof(uint32_t));
-    p->paths = (uint32_t *) mem_alloc(count * sizeof(uint32_t));
-    uint32_t start = 0;
-    for (uint32_t i = 0; i <= f->len; i++) {
-        if (i < f->len && p->text[i] != '|')
-            continue;
-        p->text[i] = 0;
-        if (memchr(p->text + start, OS_SEP, i - start))
-            p->paths[p->path_count++] = start;
-        else
-            p->names[p->name_count++] = start;
-        start = i + 1;
-    }
-    os_qsort_ex(p->names, p->name_count, p->text, _entry_compare);
-    os_qsort_ex(p->paths, p->path_count, p->text, _entry_compare);
-}
-
-static bool _entry_find(const char *text, const uint32_t *entries, uint32_t n, const char *s, size_t len) {
-    uint32_t lo = 0, hi = n;
-    while (lo < hi) {
-        uint32_t mid = (lo + hi) / 2;
-        const char *e = text + entries[mid];
-        int c = utf8_compare_lower(e, strlen(e), s, len);
-        if (c == 0)
-            return true;
-        if (c < 0)
-            lo = mid + 1;
-        else
-            hi = mid;
-    }
-    return false;
-}
-
-bool db_prepass_filelist_test(const db_prepass_t *p, const char *name, size_t nlen, const char *path,
-                              size_t plen) {
-    if (_entry_find(p->text, p->names, p->name_count, name, nlen))
-        return true;
-    return path && _entry_find(p->text, p->paths, p->path_count, path, plen);
-}
-
 // ---- the whole set --------------------------------------------------------------------------------------
 
 void db_prepass_free(db_prepass_t *p) {

@@ -28,6 +28,13 @@ static void _idle_event(void *ctx) {
     }
 }
 
+// Run history arrived (or is on its way) while the owner may already show rows: they are drawn again.
+static void _rows_event(void *ctx) {
+    db_query_t *q = (db_query_t *) ctx;
+    if (q->callback)
+        q->callback(q->callback_context, DB_QUERY_ROWS, q);
+}
+
 static void _status_event(void *ctx) {
     db_query_t *q = (db_query_t *) ctx;
     if (q->callback)
@@ -57,6 +64,8 @@ db_query_t *db_query_create(db_t *db, bool show_cancel_dialog, db_query_proc_t p
     else
         db->queries_first = q;
     db->queries_last = q;
+    if (db->load_run_history_pending)
+        event_post(_rows_event, q);
     return q;
 }
 
@@ -95,11 +104,13 @@ void db_destroy_query(db_query_t *q) {
     event_remove(_db_query_results_event, q);
     event_remove(_idle_event, q);
     event_remove(_status_event, q);
+    event_remove(_rows_event, q);
     db_prepass_free_all(q);
     db_search_kill(&q->search);
     _free_results(q);
     _free_selection(q);
     _pending_free(q);
+    mem_array_kill(&q->ghosts);
     if (q->prev)
         q->prev->next = q->next;
     else
@@ -172,11 +183,10 @@ int db_query_search(db_query_t *q, bool match_case, bool match_whole_word, bool 
     debug_printf("search '%s' filter '%s' sort %d\n", search, filter, sort_type);
     db_wait(db, "db_query_search");
     event_remove(_db_query_results_event, q);
-    if (clear_selection) {
+    // Remembered rows follow their records into the new results, unless the caller starts afresh.
+    if (clear_selection)
         _free_selection(q);
-        for (db_itemref_t *r = q->itemrefs_head; r; r = r->next)
-            r->index = -1;
-    }
+    db_itemrefs_reset(q, clear_selection ? -1 : -2);
     db_prepass_free_all(q);
     db_search_kill(&q->search);
     db_search_init(&q->search, db);
@@ -227,6 +237,23 @@ void _db_results_changed(db_query_t *q) {
     event_post(_db_query_results_event, q);
     q->results_published = true;
     q->cache_kind = 0;
-    for (db_itemref_t *r = q->itemrefs_head; r; r = r->next)
-        r->index = -1;
+    // The rows moved but the records may still be there: each ref looks its record up on its next read.
+    db_itemrefs_reset(q, -2);
+}
+
+// Each callback may destroy its own query: the next one is taken first.
+static void _tell_all(db_t *db, int code) {
+    for (db_query_t *q = db->queries_first, *next; q; q = next) {
+        next = q->next;
+        if (q->callback)
+            q->callback(q->callback_context, code, q);
+    }
+}
+
+void db_queries_status(db_t *db) {
+    _tell_all(db, DB_QUERY_STATUS);
+}
+
+void db_queries_job_ended(db_t *db) {
+    _tell_all(db, DB_QUERY_JOB_ENDED);
 }

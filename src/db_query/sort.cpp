@@ -176,9 +176,15 @@ static void _replace(mem_array_t *a, const mem_ref_t *items, uint32_t n) {
         mem_array_from_flat(a, items, n);
 }
 
+// Folders lead an ascending list; but a history column's ascending list is its descending one reversed
+// (the most recent or most run last), so there folders lead the descending form.
+static bool _folders_first(int sort) {
+    return db_head_kind_of_sort(sort) ? (sort & 1) != 0 : (sort & 1) == 0;
+}
+
 static void _finish(db_query_t *q, int sort) {
     q->current_sort = sort;
-    q->folders_first = (sort & 1) == 0;
+    q->folders_first = _folders_first(sort);
     q->sorted = true;
     q->cache_kind = 0;
 }
@@ -203,11 +209,9 @@ static void _publish(db_query_t *q, int sort, mem_ref_t *flat[2], bool canceled,
 // Writes the results into out in the order of the index array a (walked backwards when descending): each
 // result's parent is swapped for the sentinel, the array is walked picking out the records that hold
 // it, and the parents come back.
-static void _pick_marked(const mem_array_t *results, const mem_array_t *a, bool descending, mem_ref_t *out) {
-    uint32_t n = results->count;
-    mem_ref_t *items = (mem_ref_t *) mem_alloc((n ? n : 1) * sizeof(mem_ref_t));
+static void _pick_marked_items(const mem_ref_t *items, uint32_t n, const mem_array_t *a, bool descending,
+                               mem_ref_t *out) {
     mem_ref_t *parents = (mem_ref_t *) mem_alloc((n ? n : 1) * sizeof(mem_ref_t));
-    _flatten(results, items);
     for (uint32_t i = 0; i < n; i++) {
         uint32_t *field = (uint32_t *) db_ptr(items[i]);
         parents[i] = *field;
@@ -228,7 +232,15 @@ static void _pick_marked(const mem_array_t *results, const mem_array_t *a, bool 
         *(uint32_t *) db_ptr(items[i]) = parents[i];
     if (at != n)
         debug_fatal(__FILE__, __LINE__, "_db_sort_by_index", "results not in the index: %d of %d", at, n);
-    mem_free(items), mem_free(parents);
+    mem_free(parents);
+}
+
+static void _pick_marked(const mem_array_t *results, const mem_array_t *a, bool descending, mem_ref_t *out) {
+    uint32_t n = results->count;
+    mem_ref_t *items = (mem_ref_t *) mem_alloc((n ? n : 1) * sizeof(mem_ref_t));
+    _flatten(results, items);
+    _pick_marked_items(items, n, a, descending, out);
+    mem_free(items);
 }
 
 // Sorts by one walk of the index's array: each result's parent is swapped for the sentinel, the array is
@@ -453,6 +465,76 @@ static void _name_order(db_query_t *q, bool folder, mem_ref_t *out) {
     _pick_marked(results, names, false, out);
 }
 
+// ---- values read from disk
+// ---------------------------------------------------------------------------------- A column that the index
+// doesn't store is read through the provider, which stands for the disk: the records are read in path order,
+// so that a disk is read folder by folder rather than in name order across the whole tree.
+
+// True when field of the kind comes from the provider (a folder's size never does: it is unknown).
+static bool _read_from_disk(const db_query_t *q, bool folder, db_field_t field) {
+    const db_structure_t *st = &q->db->structure;
+    if ((folder ? st->folder_offset : st->file_offset)[field] >= 0)
+        return false;
+    return !(folder && field == DB_FIELD_SIZE);
+}
+
+static int _path_compare(void *, uint32_t a, uint32_t b) {
+    return db_path_name_compare(a, b);
+}
+
+static int _ref_order(void *ctx, uint32_t a, uint32_t b) {
+    const mem_ref_t *refs = (const mem_ref_t *) ctx;
+    return refs[a] < refs[b] ? -1 : refs[a] > refs[b];
+}
+
+// The keys (value + 1, so that unknown is lowest) of items, read in path order; false on a cancel,
+// tested per record.
+static bool _read_in_path_order(db_query_t *q, bool folder, db_field_t field, const mem_ref_t *items,
+                                uint64_t *keys, uint32_t n) {
+    debug_printf("find uncached items...\n");
+    mem_ref_t *by_path = (mem_ref_t *) mem_alloc((n ? n : 1) * sizeof(mem_ref_t));
+    uint64_t *values = (uint64_t *) mem_alloc((n ? n : 1) * sizeof(uint64_t));
+    uint32_t *order = (uint32_t *) mem_alloc((n ? n : 1) * sizeof(uint32_t));
+    debug_printf("sorting by path...\n");
+    const mem_array_t *pa =
+        (q->db->structure.word & DB_STRUCTURE_FAST_PATH) ? db_array(q->db, DB_ORDER_PATH, folder) : nullptr;
+    if (pa) {
+        _pick_marked_items(items, n, pa, false, by_path);
+    } else {
+        memcpy(by_path, items, n * sizeof(mem_ref_t));
+        os_qsort_ex(by_path, n, nullptr, _path_compare);
+    }
+    debug_printf("caching...\n");
+    sort_ctx_t c = {q, DB_SORT_SIZE, folder};
+    bool done = true;
+    for (uint32_t i = 0; i < n && done; i++) {
+        done = !q->cancel_sort;
+        // A record of a file list has nothing on disk to read.
+        const db_fs_t *fs = done ? db_record_fs(q->db, by_path[i]) : nullptr;
+        if (done)
+            values[i] = fs && fs->type == DB_FS_FILE_LIST ? DB_UNKNOWN : _value(&c, by_path[i], field);
+    }
+    if (done) {
+        // Back to the items' order: the path-ordered records sorted by reference, searched for each item.
+        for (uint32_t i = 0; i < n; i++)
+            order[i] = i;
+        os_qsort_ex(order, n, by_path, _ref_order);
+        for (uint32_t i = 0; i < n; i++) {
+            uint32_t lo = 0, hi = n;
+            while (lo + 1 < hi) {
+                uint32_t mid = (lo + hi) / 2;
+                if (by_path[order[mid]] <= items[i])
+                    lo = mid;
+                else
+                    hi = mid;
+            }
+            keys[i] = values[order[lo]] + 1;
+        }
+    }
+    mem_free(by_path), mem_free(values), mem_free(order);
+    return done;
+}
+
 // Keys of one kind's results (in name order in items); false when cancelled. Distinct strings are ranked
 // so that the key's unsigned order is the column's order.
 static bool _fill_keys(db_query_t *q, int sort, bool folder, const mem_ref_t *items, uint64_t *keys,
@@ -465,11 +547,16 @@ static bool _fill_keys(db_query_t *q, int sort, bool folder, const mem_ref_t *it
         uint32_t *name_lens = nullptr, cap = 0;
         uint32_t *attrs = key == DB_SORT_ATTRIBUTES ? (uint32_t *) mem_alloc((n ? n : 1) * 4) : nullptr;
         sort_ctx_t c = {q, DB_SORT_ATTRIBUTES, folder};
+        // Attributes from disk are read in path order first; keys holds them until they are ranked.
+        bool from_disk = attrs && _read_from_disk(q, folder, DB_FIELD_ATTRIBUTES);
+        if (from_disk)
+            _read_in_path_order(q, folder, DB_FIELD_ATTRIBUTES, items, keys, n);
         for (uint32_t i = 0; i < n; i++) {
             if (q->cancel_sort)
                 break;
             if (attrs) {
-                attrs[i] = (uint32_t) _value(&c, items[i], DB_FIELD_ATTRIBUTES);
+                attrs[i] = from_disk ? (uint32_t) (keys[i] - 1)
+                                     : (uint32_t) _value(&c, items[i], DB_FIELD_ATTRIBUTES);
                 keys[i] = _distinct_id(&d, (const char *) &attrs[i], 4);
                 continue;
             }
@@ -496,6 +583,8 @@ static bool _fill_keys(db_query_t *q, int sort, bool folder, const mem_ref_t *it
     }
     sort_ctx_t c = {q, key, folder};
     db_field_t field = _sort_field(sort);
+    if (_read_from_disk(q, folder, field))
+        return _read_in_path_order(q, folder, field, items, keys, n);
     for (uint32_t i = 0; i < n; i++) {
         if (q->cancel_sort)
             return false;
@@ -557,6 +646,88 @@ static void _db_sort_keyed(db_query_t *q, int sort) {
     _publish(q, sort, flat, canceled, start);
 }
 
+// ---- the head list
+// ------------------------------------------------------------------------------------------
+
+// Every head entry's record goes back to its kind's array (at the end: the sorts that follow don't read
+// the order they start from), and the head list is empty.
+static void _head_merge(db_query_t *q) {
+    int c = 0, p = -1;
+    for (mem_ref_t e = mem_array_next(&q->head_results, &c, &p); e;
+         e = mem_array_next(&q->head_results, &c, &p)) {
+        bool folder;
+        db_ref_t r = db_head_record(q, e, &folder);
+        mem_array_push(folder ? &q->folder_results : &q->file_results, r);
+    }
+    _replace(&q->head_results, nullptr, 0);
+    q->head_list_kind = DB_HEAD_NONE;
+    q->cache_kind = 0;
+}
+
+// Appends to out the records of a that hold the sentinel, in a's order.
+static uint32_t _walk_marked(const mem_array_t *a, mem_ref_t *out) {
+    uint32_t at = 0;
+    int c = 0, p = -1;
+    for (mem_ref_t r = mem_array_next(a, &c, &p); r; r = mem_array_next(a, &c, &p))
+        if (db_record_parent(r) == SENTINEL)
+            out[at++] = r;
+    return at;
+}
+
+// A history column, always by walks and never by a compare. The descending form is built: the entries
+// of the side list whose records are results, latest or most run first, then the other folders and files
+// in name order; the ascending form is that reversed. A record whose entry is taken gets a null parent
+// until the end, so that the walk of its kind's array passes it over.
+static void _db_sort_history(db_query_t *q, int sort) {
+    uint32_t start = debug_now_us();
+    _head_merge(q);
+    q->head_list_kind = db_head_kind_of_sort(sort);
+    mem_array_t *results[2] = {&q->folder_results, &q->file_results};
+    uint32_t n[2] = {results[0]->count, results[1]->count};
+    mem_ref_t *items = (mem_ref_t *) mem_alloc((n[0] + n[1] + 1) * sizeof(mem_ref_t));
+    mem_ref_t *parents = (mem_ref_t *) mem_alloc((n[0] + n[1] + 1) * sizeof(mem_ref_t));
+    _flatten(results[0], items);
+    _flatten(results[1], items + n[0]);
+    for (uint32_t i = 0; i < n[0] + n[1]; i++) {
+        uint32_t *field = (uint32_t *) db_ptr(items[i]);
+        parents[i] = *field;
+        *field = SENTINEL;
+    }
+    const mem_array_t *side = db_query_history.side_list(q->db, sort);
+    uint32_t side_count = side ? side->count : 0;
+    mem_ref_t *head = (mem_ref_t *) mem_alloc((side_count + 1) * sizeof(mem_ref_t));
+    uint32_t h = 0;
+    for (uint32_t i = side_count; i-- > 0;) {
+        mem_ref_t e = mem_array_get(side, i);
+        bool folder;
+        db_ref_t r = db_head_record(q, e, &folder);
+        if (db_record_parent(r) == SENTINEL) {
+            *(uint32_t *) db_ptr(r) = 0;
+            head[h++] = e;
+        }
+    }
+    mem_ref_t *body[2];
+    uint32_t got[2];
+    for (int k = 0; k < 2; k++) {
+        body[k] = (mem_ref_t *) mem_alloc((n[k] + 1) * sizeof(mem_ref_t));
+        got[k] = _walk_marked(k == 0 ? &q->db->folders : &q->db->files, body[k]);
+    }
+    for (uint32_t i = 0; i < n[0] + n[1]; i++)
+        *(uint32_t *) db_ptr(items[i]) = parents[i];
+    if ((sort & 1) == 0) {
+        std::reverse(head, head + h);
+        std::reverse(body[0], body[0] + got[0]);
+        std::reverse(body[1], body[1] + got[1]);
+    }
+    _replace(&q->head_results, head, h);
+    _replace(results[0], body[0], got[0]);
+    _replace(results[1], body[1], got[1]);
+    mem_free(items), mem_free(parents), mem_free(head), mem_free(body[0]), mem_free(body[1]);
+    debug_printf("SET SORT 2 %d\n", sort);
+    _finish(q, sort);
+    debug_printf("finished sort, time taken %f seconds\n", (int) (debug_now_us() - start));
+}
+
 void _db_set_sort(db_query_t *q, int sort) {
     debug_printf("set sort %d %d\n", sort, q->current_sort);
     if (q->sorted) {
@@ -575,6 +746,13 @@ void _db_set_sort(db_query_t *q, int sort) {
     }
     if (q->cancel_sort)
         return;
+    if (db_head_kind_of_sort(sort))
+        return _db_sort_history(q, sort);
+    if (q->head_results.count) {
+        _head_merge(q);
+        q->sorted = false;
+    }
+    q->head_list_kind = DB_HEAD_NONE;
     if (_db_sort_by_index(q, sort))
         return;
     if (_keyed_sort_applies(sort))
@@ -584,40 +762,55 @@ void _db_set_sort(db_query_t *q, int sort) {
 
 // ---- selection after a change of results ----------------------------------------------------------------
 
+// Every selected record, head entries by their record, is marked with the sentinel; then the result
+// arrays are walked and each marked element joins the new selection of its array, in result order. So a
+// record that moved between the head list and its kind's array stays selected, and one that left the
+// results leaves the selection, without a single compare.
 void _db_update_selection(db_query_t *q) {
-    mem_array_t *sel[2] = {&q->folder_selection, &q->file_selection};
-    mem_array_t *res[2] = {&q->folder_results, &q->file_results};
-    if (!sel[0]->count && !sel[1]->count)
+    mem_array_t *sel[3] = {&q->head_selection, &q->folder_selection, &q->file_selection};
+    mem_array_t *res[3] = {&q->head_results, &q->folder_results, &q->file_results};
+    uint32_t n = sel[0]->count + sel[1]->count + sel[2]->count;
+    if (!n)
         return;
     uint32_t start = debug_now_us();
-    for (int k = 0; k < 2; k++) {
-        uint32_t n = sel[k]->count;
-        if (!n)
-            continue;
-        mem_ref_t *items = (mem_ref_t *) mem_alloc(n * sizeof(mem_ref_t));
-        mem_ref_t *parents = (mem_ref_t *) mem_alloc(n * sizeof(mem_ref_t));
-        mem_ref_t *out = (mem_ref_t *) mem_alloc(n * sizeof(mem_ref_t));
-        _flatten(sel[k], items);
-        for (uint32_t i = 0; i < n; i++) {
-            uint32_t *field = (uint32_t *) db_ptr(items[i]);
-            parents[i] = *field;
-            *field = SENTINEL;
+    mem_ref_t *items = (mem_ref_t *) mem_alloc(n * sizeof(mem_ref_t));
+    mem_ref_t *parents = (mem_ref_t *) mem_alloc(n * sizeof(mem_ref_t));
+    uint32_t at = 0;
+    for (int k = 0; k < 3; k++) {
+        int c = 0, p = -1;
+        for (mem_ref_t e = mem_array_next(sel[k], &c, &p); e; e = mem_array_next(sel[k], &c, &p)) {
+            bool folder;
+            items[at++] = k ? e : db_head_entry_record(q->head_selection_kind, e, &folder);
         }
-        uint32_t at = 0;
-        const mem_array_t *a = res[k];
-        for (uint32_t c = 0; c < a->chunk_count; c++) {
-            const mem_array_chunk_t *chunk = a->table[c];
-            const mem_ref_t *src = mem_array_chunk_items(chunk);
-            for (uint32_t i = 0; i < chunk->n; i++)
-                if (db_record_parent(src[i]) == SENTINEL)
-                    out[at++] = src[i];
-        }
-        for (uint32_t i = 0; i < n; i++)
-            *(uint32_t *) db_ptr(items[i]) = parents[i];
-        _replace(sel[k], out, at);
-        mem_free(items), mem_free(parents), mem_free(out);
     }
-    q->selection_anchor = 0;
+    // A record is marked once, however often it is listed, so that its saved parent is the real one.
+    uint32_t marked = 0;
+    for (uint32_t i = 0; i < n; i++) {
+        uint32_t *field = (uint32_t *) db_ptr(items[i]);
+        if (*field == SENTINEL)
+            continue;
+        items[marked] = items[i];
+        parents[marked++] = *field;
+        *field = SENTINEL;
+    }
+    for (int k = 0; k < 3; k++) {
+        mem_ref_t *out = (mem_ref_t *) mem_alloc((res[k]->count + 1) * sizeof(mem_ref_t));
+        uint32_t got = 0;
+        int c = 0, p = -1;
+        for (mem_ref_t e = mem_array_next(res[k], &c, &p); e; e = mem_array_next(res[k], &c, &p)) {
+            bool folder;
+            db_ref_t r = k ? e : db_head_record(q, e, &folder);
+            if (db_record_parent(r) == SENTINEL)
+                out[got++] = e;
+        }
+        _replace(sel[k], out, got);
+        mem_free(out);
+    }
+    for (uint32_t i = 0; i < marked; i++)
+        *(uint32_t *) db_ptr(items[i]) = parents[i];
+    q->head_selection_kind = q->head_list_kind;
+    mem_free(items), mem_free(parents);
+    _db_update_selection_totals(q);
     debug_printf("update selection %f seconds\n", (int) (debug_now_us() - start));
 }
 
@@ -647,6 +840,7 @@ void db_sort(db_query_t *q, int sort, int keep_selection_hint, int track_hint) {
     db_wait(q->db, "db_sort");
     event_remove(_db_query_results_event, q);
     q->cancel_sort = false;
+    db_itemrefs_reset(q, -2);
     q->requested_sort = sort;
     q->sort_hint_1 = keep_selection_hint;
     q->sort_hint_2 = track_hint;

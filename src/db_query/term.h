@@ -166,6 +166,7 @@ struct db_op_folders_t {
 
 // filelist 384..387: the raw text; the scan splits and sorts the entries when it starts.
 struct db_op_filelist_t {
+    uint8_t folding; // text_folding_t of the term's case and diacritics flags
     uint32_t len;
     char *text;
     mem_array_t sorted; // filled by the scan's pre-pass

@@ -162,6 +162,39 @@ struct ref_index_t {
         arrays(bulk);
     }
 
+    // An index of exactly these relative paths under one root ('/' separates; a trailing '/' makes a
+    // folder), every folder on the way made once.
+    void build_paths(const std::vector<std::string> &paths, uint32_t structure = EXEC_STRUCTURE) {
+        text_init_tables();
+        db = db_create(nullptr);
+        db_structure_set(&db->structure, structure);
+        db->is_loaded = true;
+        db_fs_t *fs = db_fs_add(db, DB_FS_FOLDER);
+        db_ref_t root = db_folder_new(db, fs, 0, OS_SEP == '/' ? "" : "C:", OS_SEP == '/' ? 0 : 2);
+        add(root, true);
+        std::map<std::string, db_ref_t> made;
+        for (const std::string &path : paths) {
+            db_ref_t parent = root;
+            size_t at = 0;
+            while (at < path.size()) {
+                size_t end = path.find('/', at);
+                bool folder = end != std::string::npos;
+                if (!folder)
+                    end = path.size();
+                std::string part = path.substr(at, end - at), key = path.substr(0, end);
+                if (!made.count(key)) {
+                    db_ref_t r = folder ? db_folder_new(db, fs, parent, part.data(), (uint32_t) part.size())
+                                        : db_file_new(db, fs, parent, part.data(), (uint32_t) part.size());
+                    add(r, folder);
+                    made[key] = r;
+                }
+                parent = made[key];
+                at = end + 1;
+            }
+        }
+        arrays(true);
+    }
+
     void add(db_ref_t r, bool folder) {
         ref_record_t x;
         x.ref = r, x.folder = folder, x.parent = db_record_parent(r), x.depth = db_record_depth(r);
@@ -204,6 +237,25 @@ struct ref_index_t {
                     }
                 }
             }
+        }
+    }
+
+    // What the index's update does with one record: into (or out of) every sorted array of its kind.
+    void place(db_ref_t r, bool folder) {
+        add(r, folder);
+        for (int o = 0; o < DB_ORDER_FRN; o++) {
+            mem_array_t *a = db_array(db, (db_order_t) o, folder);
+            db_key_t key = {db, r, (uint8_t) o, folder, false};
+            if (a)
+                mem_array_insert_sorted(a, db_key_compare, &key, r);
+        }
+    }
+    void unplace(db_ref_t r, bool folder) {
+        for (int o = 0; o < DB_ORDER_FRN; o++) {
+            mem_array_t *a = db_array(db, (db_order_t) o, folder);
+            db_key_t key = {db, r, (uint8_t) o, folder, false};
+            if (a)
+                mem_array_find_remove(a, db_key_compare, &key);
         }
     }
 

@@ -221,6 +221,23 @@ static std::vector<exec_case_t> exec_table() {
     t.push_back({"share", SEARCH_PATH, [](const ref_record_t &r) { return ref_contains(r.path, "share"); }});
     t.push_back(
         {"nopath:share", SEARCH_PATH, [](const ref_record_t &r) { return ref_contains(r.name, "share"); }});
+    // filelist: names, compared the way the term's case and diacritics flags say.
+    for (uint32_t bits :
+         {0u, (uint32_t) SEARCH_CASE, (uint32_t) SEARCH_DIACRITICS, SEARCH_CASE | SEARCH_DIACRITICS}) {
+        static const char *const list[] = {"readme.txt", "README", "r\xC3\xA9sum\xC3\xA9.md", "ABC.so",
+                                           "Lib"};
+        bool c = bits & SEARCH_CASE, d = bits & SEARCH_DIACRITICS;
+        t.push_back({"filelist:\"readme.txt|README|r\xC3\xA9sum\xC3\xA9.md|ABC.so|Lib\"", bits,
+                     [c, d](const ref_record_t &r) {
+                         for (const char *e : list)
+                             if (ref_fold(r.name, c, d) == ref_fold(e, c, d))
+                                 return true;
+                         return false;
+                     }});
+    }
+    t.push_back({"!filelist:\"readme.txt|lib\"", 0, [](const ref_record_t &r) {
+                     return ref_lb(r.name) != "readme.txt" && ref_lb(r.name) != "lib";
+                 }});
     return t;
 }
 
@@ -268,6 +285,39 @@ TEST_F(ExecTest, TableAgreesWithTheReferenceInNameOrder) {
 
 // Under every sort the set is the reference's and each array is in the sort's order, folders ahead of
 // files exactly when the sort ascends.
+// filelist: with full-path entries: some records' paths as written, in upper case, and with their
+// diacritics stripped, under each pair of the case and diacritics flags.
+TEST_F(ExecTest, FileListPathsFollowTheTermsFlags) {
+    std::mt19937 rng(12);
+    std::vector<std::string> entries;
+    for (int k = 0; k < 12; k++) {
+        const ref_record_t &r = idx.recs[1 + rng() % (idx.recs.size() - 1)];
+        std::string e = r.path;
+        if (k % 3 == 1)
+            for (char &ch : e)
+                ch = (char) toupper((unsigned char) ch);
+        if (k % 3 == 2)
+            e = ref_fold(e, true, false);
+        entries.push_back(e);
+    }
+    std::string list;
+    for (const std::string &e : entries)
+        list += (list.empty() ? "" : "|") + e;
+    for (uint32_t bits :
+         {0u, (uint32_t) SEARCH_CASE, (uint32_t) SEARCH_DIACRITICS, SEARCH_CASE | SEARCH_DIACRITICS}) {
+        SCOPED_TRACE(bits);
+        bool c = bits & SEARCH_CASE, d = bits & SEARCH_DIACRITICS;
+        exec_run(q, ("filelist:\"" + list + "\"").c_str(), 0, bits);
+        std::set<std::string> folded;
+        for (const std::string &e : entries)
+            folded.insert(ref_fold(e, c, d));
+        std::vector<db_ref_t> want =
+            expected([&](const ref_record_t &r) { return folded.count(ref_fold(r.path, c, d)) != 0; });
+        EXPECT_GE(want.size(), bits == 0 ? 12u : 4u);
+        EXPECT_TRUE(exec_results(q) == want);
+    }
+}
+
 TEST_F(ExecTest, EverySortKeepsTheSetAndOrdersIt) {
     const char *searches[] = {"", "readme", "ext:so;a", "empty:", "!abc size:<2000"};
     auto table = exec_table();
@@ -284,7 +334,8 @@ TEST_F(ExecTest, EverySortKeepsTheSetAndOrdersIt) {
             SCOPED_TRACE(std::string(search) + " sort " + std::to_string(sort));
             exec_run(q, search, sort);
             EXPECT_EQ(db_get_sort(q), sort);
-            EXPECT_EQ(q->folders_first, (sort & 1) == 0);
+            // A history column lists its ascending form as the descending one reversed.
+            EXPECT_EQ(q->folders_first, db_head_kind_of_sort(sort) ? (sort & 1) != 0 : (sort & 1) == 0);
             std::vector<db_ref_t> got = exec_results(q);
             std::vector<db_ref_t> set = got;
             std::sort(set.begin(), set.end());
@@ -440,6 +491,24 @@ TEST_F(ExecBigTest, ResultsDoNotDependOnTheThreadCount) {
                 EXPECT_TRUE(got == first);
         }
     }
+    // The whole reference table, each row under a sort of its own so that the sorts that start from the
+    // scan's order see every thread count too.
+    std::vector<exec_case_t> table = exec_table();
+    for (size_t i = 0; i < table.size(); i++) {
+        const exec_case_t &c = table[i];
+        int sort = (int) (i % (DB_SORT_MAX + 1));
+        std::vector<db_ref_t> first;
+        for (int t : {1, 2, 8}) {
+            SCOPED_TRACE(c.search + " sort " + std::to_string(sort) + " threads " + std::to_string(t));
+            max_threads = t;
+            exec_run(q, c.search.c_str(), sort, c.bits);
+            std::vector<db_ref_t> got = exec_results(q);
+            if (t == 1)
+                first = got;
+            else
+                ASSERT_TRUE(got == first);
+        }
+    }
     max_threads = 0;
     db_destroy_query(q);
     os_hooks_reset();
@@ -451,10 +520,13 @@ TEST(ExecArrays, BulkAndSingleInsertsGiveTheSameAnswers) {
     single.build(3000, 5, false);
     db_query_t *a = db_query_create(bulk.db, false, nullptr, nullptr);
     db_query_t *b = db_query_create(single.db, false, nullptr, nullptr);
-    for (const char *search : {"readme", "empty:", "ext:txt", "!abc"}) {
-        for (int sort : {0, 3, 4, 13}) {
-            exec_run(a, search, sort);
-            exec_run(b, search, sort);
+    std::vector<exec_case_t> table = exec_table();
+    for (size_t i = 0; i < table.size(); i++) {
+        const char *search = table[i].search.c_str();
+        uint32_t bits = table[i].bits;
+        for (int sort : {0, (int) (i % (DB_SORT_MAX + 1))}) {
+            exec_run(a, search, sort, bits);
+            exec_run(b, search, sort, bits);
             std::vector<std::string> pa, pb;
             for (db_ref_t r : exec_results(a))
                 pa.push_back(bulk.recs[bulk.at[r]].path);
@@ -469,16 +541,25 @@ TEST(ExecArrays, BulkAndSingleInsertsGiveTheSameAnswers) {
     single.destroy();
 }
 
-// Every record's name-length byte and parent, for a check that the index is whole.
-static std::vector<uint64_t> snapshot(const ref_index_t &idx) {
-    std::vector<uint64_t> s;
-    for (auto &r : idx.recs)
-        s.push_back(((uint64_t) db_ptr(r.ref)[4] << 32) | db_record_parent(r.ref));
+// Every byte of every record (its optional front words, parent, name length, name, data block), for a
+// check that the index is whole: the pre-passes and the sorts borrow name lengths and parents.
+static std::vector<uint8_t> snapshot(const ref_index_t &idx) {
+    std::vector<uint8_t> s;
+    for (auto &r : idx.recs) {
+        uint32_t len;
+        db_record_name(r.ref, &len);
+        bool root = db_record_parent(r.ref) == 0;
+        uint32_t front = (root ? 4u : 0u) + (len >= DB_LONG_NAME ? 4u : 0u);
+        uint32_t size = r.folder ? db_folder_record_size(&idx.db->structure, DB_FS_FOLDER, root, len)
+                                 : db_file_record_size(&idx.db->structure, root, len);
+        const uint8_t *p = db_ptr(r.ref) - front;
+        s.insert(s.end(), p, p + size);
+    }
     return s;
 }
 
 TEST_F(ExecBigTest, CancelAnywhereLeavesTheIndexWhole) {
-    std::vector<uint64_t> before = snapshot(idx);
+    std::vector<uint8_t> before = snapshot(idx);
     db_query_t *q = db_query_create(idx.db, false, nullptr, nullptr);
     exec_run(q, "readme");
     uint32_t old_count = (uint32_t) db_get_result_count(q);
@@ -502,6 +583,21 @@ TEST_F(ExecBigTest, CancelAnywhereLeavesTheIndexWhole) {
     EXPECT_EQ(db_get_result_count(q), (int) old_count);
     EXPECT_TRUE(db_get_sort(q) == sort || db_get_sort(q) == DB_SORT_NAME + 1);
     EXPECT_TRUE(snapshot(idx) == before);
+    // Every sort cancelled at some moment of its work: the results stay complete and the index whole.
+    for (int round = 0; round < 2; round++) {
+        for (int s = 1; s <= DB_SORT_MAX; s++) {
+            SCOPED_TRACE("sort " + std::to_string(s));
+            exec_run(q, round ? "!abc" : "", s ^ 1);
+            int count = db_get_result_count(q);
+            db_sort(q, s, 0, 0);
+            std::this_thread::sleep_for(std::chrono::microseconds(rng() % 20000));
+            db_cancel_query(q);
+            event_dispatch();
+            ASSERT_EQ(db_get_result_count(q), count);
+            ASSERT_TRUE(db_get_sort(q) == s || db_get_sort(q) == (s ^ 1));
+            ASSERT_TRUE(snapshot(idx) == before);
+        }
+    }
     db_destroy_query(q);
 }
 
@@ -538,6 +634,44 @@ TEST(ExecEntry, PendingSearchRunsWhenTheIndexBecomesReady) {
     idx.destroy();
 }
 
+// A sort asked for while the index loads waits and runs from the ready event; the owner hears the job's
+// end, the results and the ready code, in that order of kinds; a new query of an index whose run history
+// is on its way is told to draw its rows again.
+TEST(ExecEntry, PendingSortRunsWhenTheIndexBecomesReady) {
+    ref_index_t idx;
+    idx.build(600, 13);
+    std::vector<int> codes;
+    auto proc = [](void *user, int code, db_query_t *) { ((std::vector<int> *) user)->push_back(code); };
+    db_query_t *q = db_query_create(idx.db, false, proc, &codes);
+    exec_run(q, "readme", 0);
+    std::vector<db_ref_t> by_name = exec_results(q);
+    idx.db->is_loaded = false;
+    db_sort(q, DB_SORT_NAME + 1, 0, 0);
+    EXPECT_TRUE(q->pending_sort.active);
+    EXPECT_EQ(q->current_sort, DB_SORT_NAME);
+    idx.db->is_loaded = true;
+    codes.clear();
+    db_queries_idle(idx.db);
+    EXPECT_FALSE(q->pending_sort.active);
+    db_wait(idx.db, "test");
+    _db_ready_proc(idx.db);
+    event_dispatch();
+    std::reverse(by_name.begin(), by_name.end());
+    EXPECT_TRUE(exec_results(q) == by_name);
+    auto first = [&](int code) { return std::find(codes.begin(), codes.end(), code) - codes.begin(); };
+    ASSERT_LT(first(DB_QUERY_JOB_ENDED), (long) codes.size());
+    EXPECT_LT(first(DB_QUERY_JOB_ENDED), first(DB_QUERY_RESULTS));
+    EXPECT_LT(first(DB_QUERY_RESULTS), first(DB_QUERY_READY));
+    idx.db->load_run_history_pending = true;
+    std::vector<int> other;
+    db_query_t *q2 = db_query_create(idx.db, false, proc, &other);
+    event_dispatch();
+    EXPECT_EQ(std::count(other.begin(), other.end(), DB_QUERY_ROWS), 1);
+    db_destroy_query(q2);
+    db_destroy_query(q);
+    idx.destroy();
+}
+
 // The table's rows combined: each row's NOT, and pairs of rows ANDed and ORed inside groups, so that the
 // decision graph (De Morgan under NOT, the kind-only constants) is checked against plain logic.
 TEST_F(ExecTest, CombinationsAgreeWithTheReference) {
@@ -562,9 +696,18 @@ TEST_F(ExecTest, CombinationsAgreeWithTheReference) {
                           [pb, pc](const ref_record_t &r) { return pb(r) && !pc(r); }});
     }
     EXPECT_GE(combos.size() + exec_table().size(), 300u);
-    for (const exec_case_t &c : combos) {
-        SCOPED_TRACE(c.search);
-        exec_run(q, c.search.c_str(), 0);
-        ASSERT_TRUE(exec_results(q) == expected(c.pred));
+    // Each under a sort of its own, every sort number many times: name order exactly, the others as sets
+    // (their orders are the sort tests' business).
+    for (size_t i = 0; i < combos.size(); i++) {
+        const exec_case_t &c = combos[i];
+        int sort = (int) (i % (DB_SORT_MAX + 1));
+        SCOPED_TRACE(c.search + " sort " + std::to_string(sort));
+        exec_run(q, c.search.c_str(), sort);
+        std::vector<db_ref_t> got = exec_results(q), want = expected(c.pred);
+        if (sort) {
+            std::sort(got.begin(), got.end());
+            std::sort(want.begin(), want.end());
+        }
+        ASSERT_TRUE(got == want);
     }
 }

@@ -223,3 +223,128 @@ TEST(ExecSort, ProvidedValuesAreSortedAndACancelKeepsTheOldOrder) {
     db_destroy_query(q);
     idx.destroy();
 }
+
+// Values from disk are read in path order, each record once, so that a disk is walked folder by folder;
+// with or without the index's path array the order read is the same, and so is the sort.
+static std::vector<db_ref_t> asked;
+static uint64_t recording_value(db_query_t *, db_ref_t r, bool, db_query_value_t what) {
+    if (what != DB_QV_DATE_CREATED && what != DB_QV_ATTRIBUTES)
+        return what == DB_QV_ATTRIBUTES ? 0 : DB_UNKNOWN;
+    asked.push_back(r);
+    return what == DB_QV_ATTRIBUTES ? (r * 2654435761u) % 5 : (r * 2654435761u) % 11 * 100;
+}
+
+TEST(ExecSort, ValuesFromDiskAreReadInPathOrder) {
+    db_query_provider.value = recording_value;
+    std::vector<std::vector<std::string>> sorted_by;
+    for (uint32_t structure : {0x0001u, 0x2001u}) {
+        ref_index_t idx;
+        idx.build(2500, 61, true, structure);
+        db_query_t *q = db_query_create(idx.db, false, nullptr, nullptr);
+        for (int sort : {(int) DB_SORT_DATE_CREATED, DB_SORT_ATTRIBUTES + 1}) {
+            SCOPED_TRACE(std::to_string(structure) + " sort " + std::to_string(sort));
+            exec_run(q, "!abc", DB_SORT_NAME);
+            size_t n = exec_results(q).size();
+            asked.clear();
+            sort_now(idx, q, sort);
+            // Folders, then files, each kind in path order, every result once.
+            ASSERT_EQ(asked.size(), n);
+            EXPECT_EQ(std::set<db_ref_t>(asked.begin(), asked.end()).size(), n);
+            for (size_t i = 1; i < asked.size(); i++) {
+                bool fa = idx.recs[idx.at[asked[i - 1]]].folder, fb = idx.recs[idx.at[asked[i]]].folder;
+                if (fa == fb) {
+                    ASSERT_LT(db_path_name_compare(asked[i - 1], asked[i]), 0) << i;
+                } else {
+                    ASSERT_TRUE(fa && !fb) << i;
+                }
+            }
+            sorted_by.push_back(paths(idx, q));
+        }
+        db_destroy_query(q);
+        idx.destroy();
+    }
+    EXPECT_TRUE(sorted_by[0] == sorted_by[2]);
+    EXPECT_TRUE(sorted_by[1] == sorted_by[3]);
+    db_query_provider_reset();
+}
+
+// File list filename: records on no list first, then by the last part of their list's file name without
+// regard to case (not by its folder), ties in name order; descending is all of that backwards.
+TEST(ExecSort, FileListFilenameOrdersByTheListsOwnName) {
+    text_init_tables();
+    db_t *db = db_create(nullptr);
+    db_structure_set(&db->structure, 0x0001u);
+    db->is_loaded = true;
+    const char *lists[] = {nullptr, "/z/lists/b-list.txt", "/a/A-LIST.csv", "/m/c.txt"};
+    std::vector<std::pair<db_ref_t, bool>> recs;
+    std::map<db_ref_t, std::string> list_of;
+    std::mt19937 rng(5);
+    for (const char *list : lists) {
+        db_fs_t *fs = db_fs_add(db, list ? DB_FS_FILE_LIST : DB_FS_FOLDER);
+        if (list)
+            db_fs_set_text(&fs->filename, list);
+        db_ref_t root = db_folder_new(db, fs, 0, "root", 4);
+        recs.push_back({root, true});
+        std::vector<db_ref_t> folders = {root};
+        for (int i = 0; i < 120; i++) {
+            bool folder = i % 5 == 0;
+            std::string name =
+                std::string(i % 2 ? "Item" : "item") + std::to_string(rng() % 40) + "_" + std::to_string(i);
+            db_ref_t parent = folders[rng() % folders.size()];
+            db_ref_t r = folder ? db_folder_new(db, fs, parent, name.data(), (uint32_t) name.size())
+                                : db_file_new(db, fs, parent, name.data(), (uint32_t) name.size());
+            recs.push_back({r, folder});
+            if (folder)
+                folders.push_back(r);
+        }
+        for (size_t i = recs.size() - 121; i < recs.size(); i++)
+            list_of[recs[i].first] = list ? strrchr(list, '/') + 1 : "";
+    }
+    for (int folder = 1; folder >= 0; folder--) {
+        std::vector<db_ref_t> v;
+        for (auto &[r, f] : recs)
+            if (f == (folder != 0))
+                v.push_back(r);
+        std::sort(v.begin(), v.end(), [](db_ref_t a, db_ref_t b) { return db_name_compare(a, b) < 0; });
+        mem_array_from_flat(folder ? &db->folders : &db->files, v.data(), (uint32_t) v.size());
+    }
+    auto before = [&](db_ref_t a, db_ref_t b) {
+        const std::string &la = list_of[a], &lb = list_of[b];
+        if (la.empty() != lb.empty())
+            return la.empty();
+        int d = utf8_strcmp_lower(la.c_str(), lb.c_str());
+        return d ? d < 0 : db_name_compare(a, b) < 0;
+    };
+    db_query_t *q = db_query_create(db, false, nullptr, nullptr);
+    for (int sort : {(int) DB_SORT_FILE_LIST_FILENAME, DB_SORT_FILE_LIST_FILENAME + 1}) {
+        exec_run(q, "", sort);
+        for (int folder = 1; folder >= 0; folder--) {
+            std::vector<db_ref_t> want;
+            for (auto &[r, f] : recs)
+                if (f == (folder != 0))
+                    want.push_back(r);
+            std::sort(want.begin(), want.end(), before);
+            if (sort & 1)
+                std::reverse(want.begin(), want.end());
+            const mem_array_t *a = folder ? &q->folder_results : &q->file_results;
+            std::vector<db_ref_t> got;
+            for (uint32_t i = 0; i < a->count; i++)
+                got.push_back(mem_array_get(a, i));
+            EXPECT_TRUE(got == want) << sort << " folder " << folder;
+        }
+        // The list's name as a row gives it.
+        str_t s;
+        str_init(&s);
+        for (int i = 0; i < db_get_result_count(q); i++) {
+            db_ref_t r;
+            bool f;
+            _db_result_at(q, i, &r, &f);
+            db_get_result_file_list_filename(q, i, &s);
+            const char *list = db_record_fs(db, r)->filename;
+            ASSERT_EQ(std::string(s.ptr, (size_t) s.len), list ? list : "");
+        }
+        str_kill(&s);
+    }
+    db_destroy_query(q);
+    db_destroy(db);
+}

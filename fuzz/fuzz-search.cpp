@@ -1,7 +1,7 @@
 // Random searches against a small real index: the first two bytes choose the caller's flags and the sort,
 // the rest is the search text. Whatever the search, it must end, its results must be records of the
-// index, and afterwards every record's name-length byte and parent must be what they were: the scan's
-// pre-passes and the sort's sentinel walk borrow both.
+// index, and afterwards every byte of every record must be what it was: the scan's pre-passes and the
+// sort's sentinel walk borrow name-length bytes and parents, and nothing else may change.
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
@@ -19,11 +19,25 @@
 struct fuzz_index_t {
     db_t *db;
     std::vector<db_ref_t> records;
-    std::vector<uint64_t> snapshot;
+    std::vector<bool> is_folder;
+    std::vector<uint8_t> snapshot;
 };
 
-static uint64_t _word(db_ref_t r) {
-    return ((uint64_t) db_ptr(r)[4] << 32) | db_record_parent(r);
+// Every byte of every record: its optional front words, parent, name length, name and data block.
+static std::vector<uint8_t> _bytes(const fuzz_index_t *x) {
+    std::vector<uint8_t> s;
+    for (size_t i = 0; i < x->records.size(); i++) {
+        db_ref_t r = x->records[i];
+        uint32_t len;
+        db_record_name(r, &len);
+        bool root = db_record_parent(r) == 0;
+        uint32_t front = (root ? 4u : 0u) + (len >= DB_LONG_NAME ? 4u : 0u);
+        uint32_t size = x->is_folder[i] ? db_folder_record_size(&x->db->structure, DB_FS_FOLDER, root, len)
+                                        : db_file_record_size(&x->db->structure, root, len);
+        const uint8_t *p = db_ptr(r) - front;
+        s.insert(s.end(), p, p + size);
+    }
+    return s;
 }
 
 static void _arrays(fuzz_index_t *x, const std::vector<db_ref_t> &folders,
@@ -75,8 +89,9 @@ static fuzz_index_t *_index() {
     _arrays(x, folders, files);
     x->records = folders;
     x->records.insert(x->records.end(), files.begin(), files.end());
-    for (db_ref_t r : x->records)
-        x->snapshot.push_back(_word(r));
+    x->is_folder.assign(folders.size(), true);
+    x->is_folder.resize(x->records.size(), false);
+    x->snapshot = _bytes(x);
     return x;
 }
 
@@ -104,8 +119,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     }
     db_destroy_query(q);
     event_dispatch();
-    for (size_t i = 0; i < x->records.size(); i++)
-        if (_word(x->records[i]) != x->snapshot[i])
-            abort();
+    if (_bytes(x) != x->snapshot)
+        abort();
     return 0;
 }

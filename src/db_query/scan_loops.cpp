@@ -1,0 +1,585 @@
+// The single-op loops. Each hot family has a loop that decodes its op once and keeps the term in locals,
+// and the families that read the full path or the parent chain work out what a folder contributes once
+// per folder, before the workers start, so that a record costs one table lookup instead of a walk up its
+// parents. A name or path the loop can't decide from its bytes alone (a byte of 0x80 and above in a
+// folding that decodes) goes to the evaluator, so the answers are always the evaluator's.
+#include <cstring>
+
+#include "db_query/exec_internal.h"
+#include "db_query/query_internal.h"
+#include "mem/mem.h"
+#include "text/text.h"
+
+#include <pcre2.h>
+
+bool db_scan_loops_enabled = true;
+
+void db_scan_list_push(db_scan_list_t *l, mem_ref_t r) {
+    if (l->n == l->cap) {
+        l->cap = l->cap ? l->cap * 2 : MEM_ARRAY_CHUNK_SLOTS;
+        l->items = (mem_ref_t *) mem_realloc(l->items, (size_t) l->cap * sizeof(mem_ref_t));
+    }
+    l->items[l->n++] = r;
+}
+
+static inline bool _has_high(const uint8_t *p, uint32_t len) {
+    uint64_t any = 0;
+    uint32_t i = 0;
+    for (; i + 8 <= len; i += 8) {
+        uint64_t w;
+        memcpy(&w, p + i, 8);
+        any |= w;
+    }
+    for (; i < len; i++)
+        any |= p[i];
+    return (any & 0x8080808080808080ull) != 0;
+}
+
+// ---- folder states ---------------------------------------------------------------------------------------
+
+static inline uint32_t _hash(mem_ref_t r, uint32_t mask) {
+    return (uint32_t) (((uint64_t) r * 0x9E3779B97F4A7C15ull) >> 40) & mask;
+}
+
+uint16_t db_folder_state(const db_folder_states_t *t, mem_ref_t folder) {
+    if (!t->count)
+        return 0;
+    for (uint32_t i = _hash(folder, t->mask);; i = (i + 1) & t->mask) {
+        mem_ref_t k = t->keys[i];
+        if (k == folder)
+            return t->values[i];
+        if (!k)
+            return 0;
+    }
+}
+
+struct state_pair_t {
+    mem_ref_t ref;
+    uint16_t value;
+};
+
+// Growing arrays of pairs: the walk's stack of ancestors and the non-zero states found.
+struct pair_list_t {
+    state_pair_t *items;
+    uint32_t n, cap;
+};
+
+static void _pairs_push(pair_list_t *l, mem_ref_t r, uint16_t v) {
+    if (l->n == l->cap) {
+        l->cap = l->cap ? l->cap * 2 : 64;
+        l->items = (state_pair_t *) mem_realloc(l->items, (size_t) l->cap * sizeof(state_pair_t));
+    }
+    l->items[l->n++] = {r, v};
+}
+
+// At most half full, so that a miss (the usual lookup) ends after a slot or two.
+static void _states_build(db_folder_states_t *t, const pair_list_t *found) {
+    memset(t, 0, sizeof *t);
+    if (!found->n)
+        return;
+    uint32_t slots = 16;
+    while (slots < found->n * 2)
+        slots *= 2;
+    t->mask = slots - 1;
+    t->count = found->n;
+    t->keys = (mem_ref_t *) mem_alloc(slots * sizeof(mem_ref_t));
+    t->values = (uint16_t *) mem_alloc(slots * sizeof(uint16_t));
+    memset(t->keys, 0, slots * sizeof(mem_ref_t));
+    for (uint32_t k = 0; k < found->n; k++) {
+        uint32_t i = _hash(found->items[k].ref, t->mask);
+        while (t->keys[i])
+            i = (i + 1) & t->mask;
+        t->keys[i] = found->items[k].ref;
+        t->values[i] = found->items[k].value;
+    }
+}
+
+static void _states_free(db_folder_states_t *t) {
+    mem_free(t->keys);
+    mem_free(t->values);
+    memset(t, 0, sizeof *t);
+}
+
+// Every folder's state from its parent's: step(parent_value, folder, is_root). Folders come in path order
+// when the index keeps that array, where a parent always comes before its children and the ancestors of
+// the folder at hand are the walk's stack; in any other order (or at a gap) the chain of ancestors is
+// worked out again from its root, which only costs time. Returns false when the search was cancelled.
+template <typename F>
+static bool _folder_walk(db_query_t *q, F step, db_folder_states_t *out) {
+    const mem_array_t *order = db_sort_array(q->db, DB_SORT_PATH, true);
+    if (!order)
+        order = &q->db->folders;
+    pair_list_t stack = {}, found = {}, chain = {};
+    bool done = true;
+    for (uint32_t c = 0; c < order->chunk_count && done; c++) {
+        const mem_array_chunk_t *chunk = order->table[c];
+        const mem_ref_t *items = mem_array_chunk_items(chunk);
+        for (uint32_t i = 0; i < chunk->n; i++) {
+            if (q->cancel_search) {
+                done = false;
+                break;
+            }
+            mem_ref_t f = items[i];
+            mem_ref_t parent = db_record_parent(f);
+            while (stack.n && stack.items[stack.n - 1].ref != parent)
+                stack.n--;
+            if (parent && !stack.n) {
+                chain.n = 0;
+                for (mem_ref_t a = parent; a; a = db_record_parent(a))
+                    _pairs_push(&chain, a, 0);
+                for (uint32_t k = chain.n; k-- > 0;) {
+                    mem_ref_t a = chain.items[k].ref;
+                    uint16_t above = stack.n ? stack.items[stack.n - 1].value : 0;
+                    _pairs_push(&stack, a, step(above, a, k + 1 == chain.n));
+                }
+            }
+            uint16_t v = step(parent ? stack.items[stack.n - 1].value : 0, f, parent == 0);
+            _pairs_push(&stack, f, v);
+            if (v)
+                _pairs_push(&found, f, v);
+        }
+    }
+    if (done)
+        _states_build(out, &found);
+    mem_free(stack.items);
+    mem_free(found.items);
+    mem_free(chain.items);
+    return done;
+}
+
+// ---- path "contains" and "starts with" --------------------------------------------------------------------
+
+// A folder's state for a path term: the automaton's state after the folder's path and one separator (the
+// start of every child's path), whether the folder's own path passes, and two ways out to the evaluator:
+// a path with a high byte in a folding that decodes, and a root, whose own path is not its name alone.
+// For "starts with" the state that has failed is kept as 0, so that only folders on the way to the term
+// (and those below it) take a slot.
+#define PATH_STATE     0x00FFu
+#define PATH_OWN       0x0100u
+#define PATH_DECODE    0x0200u
+#define PATH_SELF_EVAL 0x0400u
+
+// The term's automaton. "contains": state j means the last j bytes read are the term's first j. "starts
+// with" (anchored): state j means the first j bytes were the term's, and len + 1 is the failed state. The
+// state len (a hit) never leaves, nor does the failed state. With case off, upper-case letters move as
+// their lower forms do.
+static uint8_t *_dfa_build(const db_scan_term_t *st, bool anchored) {
+    uint32_t m = st->len, rows = m + 2, dead = m + 1;
+    uint8_t *d = (uint8_t *) mem_alloc((size_t) rows * 256);
+    memset(d, anchored ? (int) dead : 0, (size_t) rows * 256);
+    if (anchored) {
+        for (uint32_t j = 0; j < m; j++)
+            d[j * 256 + st->term[j]] = (uint8_t) (j + 1);
+    } else {
+        d[st->term[0]] = 1;
+        uint32_t x = 0;
+        for (uint32_t j = 1; j < m; j++) {
+            memcpy(d + j * 256, d + x * 256, 256);
+            d[j * 256 + st->term[j]] = (uint8_t) (j + 1);
+            x = d[x * 256 + st->term[j]];
+        }
+    }
+    memset(d + m * 256, (int) m, 256);
+    if (st->case_blind)
+        for (uint32_t j = 0; j < m; j++)
+            for (uint32_t b = 'A'; b <= 'Z'; b++)
+                d[j * 256 + b] = d[j * 256 + b + 32];
+    return d;
+}
+
+static inline uint32_t _dfa_run(const uint8_t *d, uint32_t m, uint32_t s, const uint8_t *p, uint32_t len) {
+    for (uint32_t i = 0; i < len && s != m; i++)
+        s = d[s * 256 + p[i]];
+    return s;
+}
+
+static bool _path_prepare(db_scan_loop_t *l, db_query_t *q) {
+    if (l->len > 253)
+        return false;
+    bool anchored = l->family == TEXT_MATCH_STARTWITH;
+    l->dfa = _dfa_build(&l->st, anchored);
+    const uint8_t *d = l->dfa;
+    uint32_t m = l->len, dead = anchored ? m + 1 : UINT32_MAX;
+    bool decode = l->st.check_high;
+    auto step = [d, m, dead, decode](uint16_t above, mem_ref_t f, bool root) -> uint16_t {
+        uint32_t len;
+        const uint8_t *name = (const uint8_t *) db_record_name(f, &len);
+        uint16_t self = root ? PATH_SELF_EVAL : 0;
+        if (above & PATH_DECODE)
+            return PATH_DECODE;
+        uint32_t s = above & PATH_STATE;
+        if (!root && s == 0 && dead != UINT32_MAX)
+            return 0; // failed above: nothing below can start with the term
+        if (root)
+            s = 0;
+        if (s != m && decode && _has_high(name, len))
+            return PATH_DECODE | self;
+        s = _dfa_run(d, m, s, name, len);
+        uint16_t own = s == m ? PATH_OWN : 0;
+        if (s != dead)
+            s = d[s * 256 + (uint8_t) OS_SEP];
+        return (uint16_t) ((s == dead ? 0 : s) | own | self);
+    };
+    return _folder_walk(q, step, &l->states);
+}
+
+static bool _path_test(const db_scan_loop_t *l, db_query_t *q, mem_ref_t r, int64_t at,
+                       db_eval_scratch_t *s) {
+    if (l->folder) {
+        uint16_t v = db_folder_state(&l->states, r);
+        if (v & (PATH_DECODE | PATH_SELF_EVAL))
+            return _db_query_eval_op(q, l->op, true, r, s, at);
+        return ((v & PATH_OWN) != 0) != l->neg;
+    }
+    mem_ref_t parent = db_record_parent(r);
+    if (!parent)
+        return _db_query_eval_op(q, l->op, false, r, s, at);
+    uint16_t v = db_folder_state(&l->states, parent);
+    if (v & PATH_DECODE)
+        return _db_query_eval_op(q, l->op, false, r, s, at);
+    uint32_t state = v & PATH_STATE, m = l->len;
+    bool anchored = l->family == TEXT_MATCH_STARTWITH;
+    if (state == m)
+        return !l->neg;
+    if (state == 0 && anchored)
+        return l->neg;
+    uint32_t len;
+    const uint8_t *name = (const uint8_t *) db_record_name(r, &len);
+    db_scan_answer_t a;
+    if (state == 0) {
+        // No part of the term ends the folder's path: only the name can hold it.
+        a = db_scan_contains(&l->st, name, len, db_scan_block_avail(name));
+    } else if (l->st.check_high && _has_high(name, len)) {
+        a = DB_SCAN_HIGH;
+    } else {
+        a = _dfa_run(l->dfa, m, state, name, len) == m ? DB_SCAN_HIT : DB_SCAN_MISS;
+    }
+    if (a == DB_SCAN_HIGH)
+        return _db_query_eval_op(q, l->op, false, r, s, at);
+    return (a == DB_SCAN_HIT) != l->neg;
+}
+
+// ---- path components
+// ---------------------------------------------------------------------------------------
+
+// A folder's state for a component op: some folder of its chain up to and including itself passes, where a
+// folder passes when its name matches the term's body and the root passes when its name holds the whole
+// term; the evaluator's walk stops at the root either way.
+#define COMPONENT_ANY 0x0001u
+
+struct component_t {
+    text_matcher_t part, root;
+    const char *body;
+    size_t blen;
+};
+
+static component_t _component(const db_scan_loop_t *l) {
+    component_t c;
+    c.body = l->text, c.blen = l->len;
+    if (c.blen && c.body[0] == OS_SEP)
+        c.body++, c.blen--;
+    uint32_t base = 296 + (l->op->op - 296) / 10 * 10;
+    if (base != FAMILY_COMPONENT_START && c.blen && c.body[c.blen - 1] == OS_SEP)
+        c.blen--;
+    c.part = text_matcher(base == FAMILY_COMPONENT_START ? TEXT_MATCH_STARTWITH
+                          : base == FAMILY_COMPONENT_END ? TEXT_MATCH_ENDWITH
+                                                         : TEXT_MATCH_EQUAL,
+                          l->folding);
+    c.root = text_matcher(TEXT_MATCH_CONTAINS, l->folding);
+    return c;
+}
+
+static bool _component_prepare(db_scan_loop_t *l, db_query_t *q) {
+    component_t c = _component(l);
+    const char *text = l->text;
+    uint32_t tlen = l->len;
+    auto step = [c, text, tlen](uint16_t above, mem_ref_t f, bool root) -> uint16_t {
+        uint32_t n;
+        const char *name = db_record_name(f, &n);
+        if (root)
+            return c.root(name, n, text, tlen) ? COMPONENT_ANY : 0;
+        return (above & COMPONENT_ANY) || c.part(name, n, c.body, c.blen) ? COMPONENT_ANY : 0;
+    };
+    return _folder_walk(q, step, &l->states);
+}
+
+// "Starts with" tests the record itself and its chain, the others only the chain above the record.
+static bool _component_test(const db_scan_loop_t *l, const component_t *c, mem_ref_t r) {
+    bool start = 296 + (l->op->op - 296) / 10 * 10 == FAMILY_COMPONENT_START;
+    mem_ref_t parent = db_record_parent(r);
+    bool hit;
+    if (!start) {
+        hit = parent && (db_folder_state(&l->states, parent) & COMPONENT_ANY);
+    } else {
+        uint32_t n;
+        const char *name = db_record_name(r, &n);
+        if (!parent)
+            hit = c->root(name, n, l->text, l->len);
+        else
+            hit = c->part(name, n, c->body, c->blen) || (db_folder_state(&l->states, parent) & COMPONENT_ANY);
+    }
+    return hit != l->neg;
+}
+
+// ---- path roots ------------------------------------------------------------------------------------------
+
+// A folder's state for a root op: it is an entry or lies below one, so that its children lie below one.
+#define ROOT_UNDER 0x0001u
+
+static bool _root_prepare(db_scan_loop_t *l, db_query_t *q) {
+    const db_op_folders_t *f = (const db_op_folders_t *) db_op_payload(l->op);
+    auto step = [f](uint16_t above, mem_ref_t folder, bool) -> uint16_t {
+        if (above & ROOT_UNDER)
+            return ROOT_UNDER;
+        return mem_refs_find(f->folders, f->count, folder) != UINT32_MAX ? ROOT_UNDER : 0;
+    };
+    return _folder_walk(q, step, &l->states);
+}
+
+static bool _root_test(const db_scan_loop_t *l, mem_ref_t r) {
+    const db_op_folders_t *f = (const db_op_folders_t *) db_op_payload(l->op);
+    mem_ref_t parent = db_record_parent(r);
+    bool below = parent && (db_folder_state(&l->states, parent) & ROOT_UNDER);
+    if (!below) {
+        uint32_t base = 230 + (l->op->op - 230) / 10 * 10;
+        if (base == FAMILY_ROOT_MIXED) {
+            uint32_t at = mem_refs_find(f->folders, f->count, r);
+            below = at != UINT32_MAX && f->include && f->include[at];
+        } else if (base == FAMILY_ROOTS_SELF || base == FAMILY_ROOT_SELF) {
+            below = mem_refs_find(f->folders, f->count, r) != UINT32_MAX;
+        }
+    }
+    return below != l->neg;
+}
+
+// ---- names -----------------------------------------------------------------------------------------------
+
+static inline bool _ascii_eq(const uint8_t *a, const uint8_t *term, uint32_t n, bool blind) {
+    if (!blind)
+        return memcmp(a, term, n) == 0;
+    for (uint32_t k = 0; k < n; k++)
+        if (ascii_lower[a[k]] != term[k])
+            return false;
+    return true;
+}
+
+// Starts, ends and equality of a pure-ASCII term: byte compares, unless the name has a high byte that the
+// folding decodes (*decided false: the matcher must answer).
+static bool _name_whole_test(const db_scan_loop_t *l, const uint8_t *name, uint32_t len, bool *decided) {
+    *decided = !(l->st.check_high && _has_high(name, len));
+    uint32_t tlen = l->st.len;
+    if (!*decided || len < tlen || (l->family == TEXT_MATCH_EQUAL && len != tlen))
+        return false;
+    const uint8_t *at = l->family == TEXT_MATCH_ENDWITH ? name + len - tlen : name;
+    return _ascii_eq(at, l->st.term, tlen, l->st.case_blind);
+}
+
+// The records between marks of the byte filter are misses; a negated op takes them all.
+static void _filter_chunk(const db_scan_loop_t *l, db_query_t *q, const mem_ref_t *items, uint32_t n,
+                          db_scan_list_t *out) {
+    uint32_t marks[MEM_ARRAY_CHUNK_SLOTS];
+    uint32_t mark_count;
+    uint32_t done = db_scan_records(&l->st, items, n, &q->cancel_search, marks, &mark_count);
+    uint32_t next = 0; // the first record not yet pushed or passed over
+    for (uint32_t k = 0; k < mark_count; k++) {
+        uint32_t i = marks[k] & ~DB_SCAN_MARK_HIGH;
+        if (l->neg)
+            for (; next < i; next++)
+                db_scan_list_push(out, items[next]);
+        bool hit = true;
+        if (marks[k] & DB_SCAN_MARK_HIGH) {
+            uint32_t len;
+            const char *name = db_record_name(items[i], &len);
+            hit = l->match(name, len, l->text, l->len);
+        }
+        if (hit != l->neg)
+            db_scan_list_push(out, items[i]);
+        next = i + 1;
+    }
+    if (l->neg)
+        for (; next < done; next++)
+            db_scan_list_push(out, items[next]);
+}
+
+static bool _name_test(const db_scan_loop_t *l, mem_ref_t r) {
+    uint32_t len;
+    const char *name = db_record_name(r, &len);
+    if (l->ascii && (l->family == TEXT_MATCH_STARTWITH || l->family == TEXT_MATCH_ENDWITH ||
+                     l->family == TEXT_MATCH_EQUAL)) {
+        bool decided;
+        bool hit = _name_whole_test(l, (const uint8_t *) name, len, &decided);
+        if (decided)
+            return hit != l->neg;
+    }
+    return l->match(name, len, l->text, l->len) != l->neg;
+}
+
+// ---- ext: ------------------------------------------------------------------------------------------------
+
+static bool _ext_items_ascii(const db_op_ext_t *e, bool suffix) {
+    for (uint32_t i = 0; i < e->count; i++) {
+        const char *item = suffix ? e->items[i].ptr - e->items[i].len + 1 : e->items[i].ptr;
+        if (!text_is_ascii(item, e->items[i].len))
+            return false;
+    }
+    return true;
+}
+
+// Suffix lists: the name ends with '.' and an item. Plain lists (with the empty item): the extension
+// behind the last '.' equals an item.
+static bool _ext_test(const db_scan_loop_t *l, db_query_t *q, mem_ref_t r, int64_t at, db_eval_scratch_t *s) {
+    uint32_t len;
+    const uint8_t *name = (const uint8_t *) db_record_name(r, &len);
+    if (l->st.check_high && _has_high(name, len))
+        return _db_query_eval_op(q, l->op, false, r, s, at);
+    const db_op_ext_t *e = (const db_op_ext_t *) db_op_payload(l->op);
+    bool blind = l->st.case_blind, hit = false;
+    if (l->family == TEXT_MATCH_ENDWITH) {
+        for (uint32_t i = 0; i < e->count && !hit; i++) {
+            uint32_t n = e->items[i].len;
+            hit = len > n && name[len - n - 1] == '.' &&
+                  _ascii_eq(name + len - n, (const uint8_t *) e->items[i].ptr - n + 1, n, blind);
+        }
+    } else {
+        uint32_t elen;
+        const uint8_t *ext = (const uint8_t *) db_name_extension((const char *) name, len, &elen);
+        for (uint32_t i = 0; i < e->count && !hit; i++)
+            hit = e->items[i].len == elen && _ascii_eq(ext, (const uint8_t *) e->items[i].ptr, elen, blind);
+    }
+    return hit != l->neg;
+}
+
+// ---- regex -----------------------------------------------------------------------------------------------
+
+static bool _regex_test(const db_scan_loop_t *l, mem_ref_t r, db_eval_scratch_t *s) {
+    uint32_t len;
+    const char *name = db_record_name(r, &len);
+    return db_eval_pattern(s, &l->regex, name, len) != l->neg;
+}
+
+// ---- the choice
+// --------------------------------------------------------------------------------------------
+
+static bool _prepare_text(db_scan_loop_t *l, db_query_t *q, const db_op_t *op) {
+    db_text_op_t top;
+    bool neg;
+    if (!db_text_op(op->op, &top, &neg))
+        return false;
+    const db_op_text_t *t = (const db_op_text_t *) db_op_payload(op);
+    if (t->offset)
+        return false;
+    l->neg = neg, l->family = top.family, l->folding = top.folding;
+    l->text = t->text, l->len = t->len;
+    l->match = text_matcher(top.family, top.folding);
+    l->ascii = db_scan_term_init(&l->st, t->text, t->len, top.folding);
+    if (!top.path) {
+        l->kind = DB_SCAN_LOOP_NAME;
+        return true;
+    }
+    if ((top.family != TEXT_MATCH_CONTAINS && top.family != TEXT_MATCH_STARTWITH) || !l->ascii)
+        return false;
+    l->kind = DB_SCAN_LOOP_PATH;
+    return _path_prepare(l, q);
+}
+
+bool db_scan_loop_prepare(db_scan_loop_t *l, db_query_t *q, const db_op_t *chain, bool folder) {
+    memset(l, 0, sizeof *l);
+    l->op = chain, l->folder = folder;
+    if (!db_scan_loops_enabled || !chain || chain->next || chain->notnext)
+        return false;
+    uint32_t code = chain->op;
+    bool ok = false;
+    db_text_op_t top;
+    bool text_neg;
+    if (db_text_op(code, &top, &text_neg)) {
+        ok = _prepare_text(l, q, chain);
+    } else if (code >= 230 && code <= 279) {
+        bool neg;
+        db_ten_family(code, 230 + (code - 230) / 10 * 10, &neg);
+        l->neg = neg;
+        l->kind = DB_SCAN_LOOP_ROOT;
+        ok = _root_prepare(l, q);
+    } else if (code >= 296 && code <= 325) {
+        bool neg;
+        l->folding = db_ten_family(code, 296 + (code - 296) / 10 * 10, &neg);
+        const db_op_text_t *t = (const db_op_text_t *) db_op_payload(chain);
+        l->neg = neg, l->text = t->text, l->len = t->len;
+        l->kind = DB_SCAN_LOOP_COMPONENT;
+        ok = _component_prepare(l, q);
+    } else if (!folder && ((code >= 162 && code <= 171) || (code >= 374 && code <= 383))) {
+        bool suffix = code <= 171, neg;
+        text_folding_t f = db_ten_family(code, suffix ? 162 : 374, &neg);
+        const db_op_ext_t *e = (const db_op_ext_t *) db_op_payload(chain);
+        if (_ext_items_ascii(e, suffix)) {
+            l->neg = neg, l->folding = f;
+            l->family = suffix ? TEXT_MATCH_ENDWITH : TEXT_MATCH_EQUAL;
+            // The byte form's flags for this folding; the term itself is unused.
+            db_scan_term_init(&l->st, "x", 1, f);
+            l->kind = DB_SCAN_LOOP_EXT;
+            ok = true;
+        }
+    } else if (code == 226 || code == 228) {
+        l->neg = code == 228;
+        l->regex.regex = ((const db_op_regex_t *) db_op_payload(chain))->code;
+        l->regex.family = 0xFF;
+        l->kind = DB_SCAN_LOOP_REGEX;
+        ok = true;
+    }
+    if (!ok)
+        l->kind = DB_SCAN_LOOP_NONE;
+    return ok;
+}
+
+// One loop per family: the family's test is inlined into its own loop over the chunk.
+template <typename F>
+static void _each(db_query_t *q, const mem_ref_t *items, uint32_t n, uint32_t base, db_scan_list_t *out,
+                  F test) {
+    for (uint32_t i = 0; i < n; i++) {
+        if (q->cancel_search)
+            return;
+        if (test(items[i], (int64_t) base + i))
+            db_scan_list_push(out, items[i]);
+    }
+}
+
+void db_scan_loop_chunk(const db_scan_loop_t *l, db_query_t *q, const mem_ref_t *items, uint32_t n,
+                        uint32_t base, db_scan_list_t *out, db_eval_scratch_t *s) {
+    switch (l->kind) {
+    case DB_SCAN_LOOP_NAME:
+        if (l->family == TEXT_MATCH_CONTAINS && l->ascii)
+            _filter_chunk(l, q, items, n, out);
+        else
+            _each(q, items, n, base, out, [l](mem_ref_t r, int64_t) { return _name_test(l, r); });
+        break;
+    case DB_SCAN_LOOP_PATH:
+        _each(q, items, n, base, out,
+              [l, q, s](mem_ref_t r, int64_t at) { return _path_test(l, q, r, at, s); });
+        break;
+    case DB_SCAN_LOOP_ROOT:
+        _each(q, items, n, base, out, [l](mem_ref_t r, int64_t) { return _root_test(l, r); });
+        break;
+    case DB_SCAN_LOOP_COMPONENT: {
+        component_t c = _component(l);
+        _each(q, items, n, base, out, [l, &c](mem_ref_t r, int64_t) { return _component_test(l, &c, r); });
+        break;
+    }
+    case DB_SCAN_LOOP_EXT:
+        _each(q, items, n, base, out,
+              [l, q, s](mem_ref_t r, int64_t at) { return _ext_test(l, q, r, at, s); });
+        break;
+    case DB_SCAN_LOOP_REGEX:
+        _each(q, items, n, base, out, [l, s](mem_ref_t r, int64_t) { return _regex_test(l, r, s); });
+        break;
+    default:
+        _each(q, items, n, base, out, [l, q, s](mem_ref_t r, int64_t at) {
+            return _db_query_eval_op(q, l->op, l->folder, r, s, at);
+        });
+        break;
+    }
+}
+
+void db_scan_loop_free(db_scan_loop_t *l) {
+    mem_free(l->dfa);
+    l->dfa = nullptr;
+    _states_free(&l->states);
+}

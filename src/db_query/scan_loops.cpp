@@ -363,15 +363,37 @@ static inline bool _ascii_eq(const uint8_t *a, const uint8_t *term, uint32_t n, 
     return true;
 }
 
-// Starts, ends and equality of a pure-ASCII term: byte compares, unless the name has a high byte that the
-// folding decodes (*decided false: the matcher must answer).
+// Starts, ends and equality of a pure-ASCII term by bytes. The matchers walk the name from the end (ends)
+// or the start (the others) and stop at the first ASCII byte that differs, decoding only where the name has
+// a high byte; so does this, and where it meets a high byte that the folding decodes before the answer is
+// known it leaves the name to the matcher (*decided false).
 static bool _name_whole_test(const db_scan_loop_t *l, const uint8_t *name, uint32_t len, bool *decided) {
-    *decided = !(l->st.check_high && _has_high(name, len));
+    *decided = true;
+    const uint8_t *term = l->st.term;
     uint32_t tlen = l->st.len;
-    if (!*decided || len < tlen || (l->family == TEXT_MATCH_EQUAL && len != tlen))
+    bool blind = l->st.case_blind, decodes = l->st.check_high;
+    if (len < tlen)
         return false;
-    const uint8_t *at = l->family == TEXT_MATCH_ENDWITH ? name + len - tlen : name;
-    return _ascii_eq(at, l->st.term, tlen, l->st.case_blind);
+    if (l->family == TEXT_MATCH_ENDWITH) {
+        const uint8_t *at = name + len - tlen;
+        for (uint32_t k = tlen; k-- > 0;) {
+            uint8_t c = at[k];
+            if ((blind ? ascii_lower[c] : c) != term[k])
+                return c >= 0x80 && decodes ? (*decided = false) : false;
+        }
+        return true;
+    }
+    for (uint32_t k = 0; k < tlen; k++) {
+        uint8_t c = name[k];
+        if ((blind ? ascii_lower[c] : c) != term[k])
+            return c >= 0x80 && decodes ? (*decided = false) : false;
+    }
+    if (l->family == TEXT_MATCH_STARTWITH || len == tlen)
+        return true;
+    // Equality with name bytes left over: a high byte there might fold away.
+    if (decodes && name[tlen] >= 0x80)
+        *decided = false;
+    return false;
 }
 
 // The records between marks of the byte filter are misses; a negated op takes them all.

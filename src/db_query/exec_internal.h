@@ -90,9 +90,10 @@ struct db_scan_loop_t {
     text_matcher_t match;
     const char *text;
     uint32_t len;
-    db_scan_term_t st; // the byte form of a pure-ASCII term
-    bool ascii;        // st is set
-    uint8_t *dfa;      // full path: (len + 2) x 256 next states, len the hit (see the loops)
+    db_scan_term_t st;                        // the byte form of a pure-ASCII term
+    bool ascii;                               // st is set
+    uint64_t word_term, word_fold, word_keep; // a short start or end in one compare (word_keep 0: none)
+    uint8_t *dfa; // full path: (len + 2) x 256 next states, len the hit (see the loops)
     db_folder_states_t states;
     db_text_match_t regex; // the regex op's code as a pattern
 };

@@ -35,7 +35,7 @@ static inline bool _has_high(const uint8_t *p, uint32_t len) {
     return (any & 0x8080808080808080ull) != 0;
 }
 
-// ---- folder states ---------------------------------------------------------------------------------------
+// ---- folder states ----------------------------------------------------------------------------------------
 
 static inline uint32_t _hash(mem_ref_t r, uint32_t mask) {
     return (uint32_t) (((uint64_t) r * 0x9E3779B97F4A7C15ull) >> 40) & mask;
@@ -259,8 +259,7 @@ static bool _path_test(const db_scan_loop_t *l, db_query_t *q, mem_ref_t r, int6
     return (a == DB_SCAN_HIT) != l->neg;
 }
 
-// ---- path components
-// ---------------------------------------------------------------------------------------
+// ---- path components --------------------------------------------------------------------------------------
 
 // A folder's state for a component op: some folder of its chain up to and including itself passes, where a
 // folder passes when its name matches the term's body and the root passes when its name holds the whole
@@ -321,7 +320,7 @@ static bool _component_test(const db_scan_loop_t *l, const component_t *c, mem_r
     return hit != l->neg;
 }
 
-// ---- path roots ------------------------------------------------------------------------------------------
+// ---- path roots -------------------------------------------------------------------------------------------
 
 // A folder's state for a root op: it is an entry or lies below one, so that its children lie below one.
 #define ROOT_UNDER 0x0001u
@@ -352,7 +351,7 @@ static bool _root_test(const db_scan_loop_t *l, mem_ref_t r) {
     return below != l->neg;
 }
 
-// ---- names -----------------------------------------------------------------------------------------------
+// ---- names ------------------------------------------------------------------------------------------------
 
 static inline bool _ascii_eq(const uint8_t *a, const uint8_t *term, uint32_t n, bool blind) {
     if (!blind)
@@ -374,6 +373,17 @@ static bool _name_whole_test(const db_scan_loop_t *l, const uint8_t *name, uint3
     bool blind = l->st.case_blind, decodes = l->st.check_high;
     if (len < tlen)
         return false;
+    if (l->word_keep && len >= 8) {
+        // A term of up to 8 bytes against the name's first or last 8 in one compare: a letter of the term
+        // takes the name's byte with 0x20 set, which only its two cases give. A miss with no high byte in
+        // the compared bytes is final; otherwise the byte walk below decides.
+        uint64_t w;
+        memcpy(&w, l->family == TEXT_MATCH_ENDWITH ? name + len - 8 : name, 8);
+        if (((w | l->word_fold) & l->word_keep) == l->word_term)
+            return true;
+        if (!decodes || !(w & l->word_keep & 0x8080808080808080ull))
+            return false;
+    }
     if (l->family == TEXT_MATCH_ENDWITH) {
         const uint8_t *at = name + len - tlen;
         for (uint32_t k = tlen; k-- > 0;) {
@@ -436,7 +446,7 @@ static bool _name_test(const db_scan_loop_t *l, mem_ref_t r) {
     return l->match(name, len, l->text, l->len) != l->neg;
 }
 
-// ---- ext: ------------------------------------------------------------------------------------------------
+// ---- ext: -------------------------------------------------------------------------------------------------
 
 static bool _ext_items_ascii(const db_op_ext_t *e, bool suffix) {
     for (uint32_t i = 0; i < e->count; i++) {
@@ -471,7 +481,7 @@ static bool _ext_test(const db_scan_loop_t *l, db_query_t *q, mem_ref_t r, int64
     return hit != l->neg;
 }
 
-// ---- regex -----------------------------------------------------------------------------------------------
+// ---- regex ------------------------------------------------------------------------------------------------
 
 static bool _regex_test(const db_scan_loop_t *l, mem_ref_t r, db_eval_scratch_t *s) {
     uint32_t len;
@@ -479,8 +489,23 @@ static bool _regex_test(const db_scan_loop_t *l, mem_ref_t r, db_eval_scratch_t 
     return db_eval_pattern(s, &l->regex, name, len) != l->neg;
 }
 
-// ---- the choice
-// --------------------------------------------------------------------------------------------
+// The one-word form of a short start or end: the term's bytes where the name's first (start) or last (end)
+// bytes lie in a little-endian load of 8, the 0x20 bit of its letters when case is off, and which bytes
+// count.
+static void _word_init(db_scan_loop_t *l) {
+    uint32_t shift = l->family == TEXT_MATCH_ENDWITH ? 8 - l->len : 0;
+    l->word_term = l->word_fold = l->word_keep = 0;
+    for (uint32_t k = 0; k < l->len; k++) {
+        uint32_t at = (shift + k) * 8;
+        uint8_t c = l->st.term[k];
+        l->word_term |= (uint64_t) c << at;
+        l->word_keep |= (uint64_t) 0xFF << at;
+        if (l->st.case_blind && c >= 'a' && c <= 'z')
+            l->word_fold |= (uint64_t) 0x20 << at;
+    }
+}
+
+// ---- the choice -------------------------------------------------------------------------------------------
 
 static bool _prepare_text(db_scan_loop_t *l, db_query_t *q, const db_op_t *op) {
     db_text_op_t top;
@@ -496,6 +521,8 @@ static bool _prepare_text(db_scan_loop_t *l, db_query_t *q, const db_op_t *op) {
     l->ascii = db_scan_term_init(&l->st, t->text, t->len, top.folding);
     if (!top.path) {
         l->kind = DB_SCAN_LOOP_NAME;
+        if (l->ascii && l->len <= 8 && (l->family == TEXT_MATCH_STARTWITH || l->family == TEXT_MATCH_ENDWITH))
+            _word_init(l);
         return true;
     }
     if ((top.family != TEXT_MATCH_CONTAINS && top.family != TEXT_MATCH_STARTWITH) || !l->ascii)
@@ -552,13 +579,27 @@ bool db_scan_loop_prepare(db_scan_loop_t *l, db_query_t *q, const db_op_t *chain
     return ok;
 }
 
-// One loop per family: the family's test is inlined into its own loop over the chunk.
+// One loop per family: the family's test is inlined into its own loop over the chunk. The arrays are in
+// the order of a column, not of memory, so most records are cache misses: the record eight ahead is asked
+// for while this one is tested, and the loops that look up a parent's state ask for its slot four ahead,
+// once the record that names the parent has arrived.
+#define LOOP_AHEAD  8
+#define STATE_AHEAD 4
+
 template <typename F>
 static void _each(db_query_t *q, const mem_ref_t *items, uint32_t n, uint32_t base, db_scan_list_t *out,
-                  F test) {
+                  const db_folder_states_t *states, F test) {
     for (uint32_t i = 0; i < n; i++) {
         if (q->cancel_search)
             return;
+        if (i + LOOP_AHEAD < n)
+            __builtin_prefetch(db_ptr(items[i + LOOP_AHEAD]));
+        if (states && states->count && i + STATE_AHEAD < n) {
+            mem_ref_t parent = db_record_parent(items[i + STATE_AHEAD]);
+            uint32_t slot = _hash(parent, states->mask);
+            __builtin_prefetch(states->keys + slot);
+            __builtin_prefetch(states->values + slot);
+        }
         if (test(items[i], (int64_t) base + i))
             db_scan_list_push(out, items[i]);
     }
@@ -571,29 +612,30 @@ void db_scan_loop_chunk(const db_scan_loop_t *l, db_query_t *q, const mem_ref_t 
         if (l->family == TEXT_MATCH_CONTAINS && l->ascii)
             _filter_chunk(l, q, items, n, out);
         else
-            _each(q, items, n, base, out, [l](mem_ref_t r, int64_t) { return _name_test(l, r); });
+            _each(q, items, n, base, out, nullptr, [l](mem_ref_t r, int64_t) { return _name_test(l, r); });
         break;
     case DB_SCAN_LOOP_PATH:
-        _each(q, items, n, base, out,
+        _each(q, items, n, base, out, &l->states,
               [l, q, s](mem_ref_t r, int64_t at) { return _path_test(l, q, r, at, s); });
         break;
     case DB_SCAN_LOOP_ROOT:
-        _each(q, items, n, base, out, [l](mem_ref_t r, int64_t) { return _root_test(l, r); });
+        _each(q, items, n, base, out, &l->states, [l](mem_ref_t r, int64_t) { return _root_test(l, r); });
         break;
     case DB_SCAN_LOOP_COMPONENT: {
         component_t c = _component(l);
-        _each(q, items, n, base, out, [l, &c](mem_ref_t r, int64_t) { return _component_test(l, &c, r); });
+        _each(q, items, n, base, out, &l->states,
+              [l, &c](mem_ref_t r, int64_t) { return _component_test(l, &c, r); });
         break;
     }
     case DB_SCAN_LOOP_EXT:
-        _each(q, items, n, base, out,
+        _each(q, items, n, base, out, nullptr,
               [l, q, s](mem_ref_t r, int64_t at) { return _ext_test(l, q, r, at, s); });
         break;
     case DB_SCAN_LOOP_REGEX:
-        _each(q, items, n, base, out, [l, s](mem_ref_t r, int64_t) { return _regex_test(l, r, s); });
+        _each(q, items, n, base, out, nullptr, [l, s](mem_ref_t r, int64_t) { return _regex_test(l, r, s); });
         break;
     default:
-        _each(q, items, n, base, out, [l, q, s](mem_ref_t r, int64_t at) {
+        _each(q, items, n, base, out, nullptr, [l, q, s](mem_ref_t r, int64_t at) {
             return _db_query_eval_op(q, l->op, l->folder, r, s, at);
         });
         break;

@@ -4,6 +4,7 @@
 // target met or not; never fails on a time.
 //
 // Usage: bench_search [--corpus list.swl] [--paths list] [--runs n] [--only text] [--smoke] [--no-peer]
+//                     [--no-sorts]
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -29,6 +30,7 @@ struct options_t {
     bool smoke = false;
     bool peer = true;
     std::string only; // run only the rows whose label holds this text
+    bool sorts = true;
 };
 
 static double now_ms() {
@@ -197,6 +199,8 @@ int main(int argc, char **argv) {
             o.smoke = true;
         else if (!strcmp(argv[i], "--no-peer"))
             o.peer = false;
+        else if (!strcmp(argv[i], "--no-sorts"))
+            o.sorts = false;
     }
     debug_init();
     os_init();
@@ -293,7 +297,7 @@ int main(int argc, char **argv) {
     bool any_sort = false;
     for (const auto &s : sorts)
         any_sort |= wanted(std::string("sort by ") + s.label) || wanted("change of direction");
-    if (!any_sort) {
+    if (!any_sort || !o.sorts) {
         db_destroy(db);
         return 0;
     }

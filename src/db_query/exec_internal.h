@@ -95,6 +95,7 @@ struct db_scan_loop_t {
     uint64_t word_term, word_fold, word_keep; // a short start or end in one compare (word_keep 0: none)
     uint8_t *dfa; // full path: (len + 2) x 256 next states, len the hit (see the loops)
     db_folder_states_t states;
+    bool borrowed;         // dfa and states belong to another loop
     db_text_match_t regex; // the regex op's code as a pattern
 };
 
@@ -102,9 +103,12 @@ struct db_scan_loop_t {
 extern bool db_scan_loops_enabled;
 
 // Sets l up for the chain when it is one op that a loop serves, reading the index's folders for the
-// per-folder families (cancellable; l then serves nothing). Returns false when the evaluator must run the
-// chain; l needs db_scan_loop_free either way.
-bool db_scan_loop_prepare(db_scan_loop_t *l, db_query_t *q, const db_op_t *chain, bool folder);
+// per-folder families (cancellable; l then serves nothing). other (may be null) is a loop set up for the
+// other kind in the same search: when it asks the same of each folder, l borrows its states, and other
+// must then live as long as l. Returns false when the evaluator must run the chain; l needs
+// db_scan_loop_free either way.
+bool db_scan_loop_prepare(db_scan_loop_t *l, db_query_t *q, const db_op_t *chain, bool folder,
+                          const db_scan_loop_t *other);
 // The records items[0..n) (positions base.. of the scanned array) through the loop, hits appended to out
 // in order. Stops early when the search is cancelled.
 void db_scan_loop_chunk(const db_scan_loop_t *l, db_query_t *q, const mem_ref_t *items, uint32_t n,

@@ -86,8 +86,12 @@ static uint32_t _thread_count(const db_query_t *q, uint32_t chunk_count) {
     return t;
 }
 
-static void _find(db_query_t *q, const mem_array_t *array, bool folder) {
+// Scans one array. loop is the caller's: set up here (borrowing what the other pass's loop, other, already
+// worked out) and left for the caller to free, so that the second pass of a search can borrow from it.
+static void _find(db_query_t *q, const mem_array_t *array, bool folder, db_scan_loop_t *loop,
+                  const db_scan_loop_t *other) {
     uint32_t start = debug_now_us();
+    memset(loop, 0, sizeof *loop);
     mem_array_t *results = folder ? &q->folder_results : &q->file_results;
     mem_array_kill(results);
     memset(results, 0, sizeof *results);
@@ -100,8 +104,7 @@ static void _find(db_query_t *q, const mem_array_t *array, bool folder) {
         db_prepass_run(q, chain, array, folder);
         // A chain of one hot op runs that op's own loop; its set-up, if any, happens here, before any
         // worker starts, and is only read by them.
-        db_scan_loop_t loop;
-        bool fast = db_scan_loop_prepare(&loop, q, chain, folder);
+        bool fast = db_scan_loop_prepare(loop, q, chain, folder, other);
         uint32_t t = _thread_count(q, array->chunk_count);
         if (t > q->workers_used)
             q->workers_used = t;
@@ -109,7 +112,7 @@ static void _find(db_query_t *q, const mem_array_t *array, bool folder) {
         memset(workers, 0, t * sizeof(db_search_worker_t));
         for (uint32_t i = 0; i < t; i++) {
             db_search_worker_t *w = &workers[i];
-            w->query = q, w->array = array, w->folder = folder, w->loop = fast ? &loop : nullptr;
+            w->query = q, w->array = array, w->folder = folder, w->loop = fast ? loop : nullptr;
             w->first_chunk = (uint32_t) ((uint64_t) array->chunk_count * i / t);
             w->chunk_count = (uint32_t) ((uint64_t) array->chunk_count * (i + 1) / t) - w->first_chunk;
             if (t > 1)
@@ -133,7 +136,6 @@ static void _find(db_query_t *q, const mem_array_t *array, bool folder) {
             mem_free(workers[i].out.items);
         }
         mem_free(workers);
-        db_scan_loop_free(&loop);
         if (total)
             mem_array_from_flat(results, flat, total);
         mem_free(flat);
@@ -146,11 +148,15 @@ static void _find(db_query_t *q, const mem_array_t *array, bool folder) {
 }
 
 void _db_find_folders(db_query_t *q, mem_array_t *array) {
-    _find(q, array, true);
+    db_scan_loop_t loop;
+    _find(q, array, true, &loop, nullptr);
+    db_scan_loop_free(&loop);
 }
 
 void _db_find_files(db_query_t *q, mem_array_t *array) {
-    _find(q, array, false);
+    db_scan_loop_t loop;
+    _find(q, array, false, &loop, nullptr);
+    db_scan_loop_free(&loop);
 }
 
 // ---- the query thread ----------------------------------------------------------------------------------
@@ -208,17 +214,22 @@ void _db_query_thread_proc(db_t *db, void *arg) {
     debug_printf("SET SORT %d\n", current);
     q->count_base = 0;
     q->workers_used = 0;
+    // The two passes of a path search work out the same per-folder states: the second borrows the first's.
+    db_scan_loop_t loops[2];
+    memset(loops, 0, sizeof loops);
     if (reversed) {
-        _db_find_files(q, files);
+        _find(q, files, false, &loops[0], nullptr);
         q->count_base = q->file_results.count;
         if (!q->cancel_search)
-            _db_find_folders(q, folders);
+            _find(q, folders, true, &loops[1], &loops[0]);
     } else {
-        _db_find_folders(q, folders);
+        _find(q, folders, true, &loops[0], nullptr);
         q->count_base = q->folder_results.count;
         if (!q->cancel_search)
-            _db_find_files(q, files);
+            _find(q, files, false, &loops[1], &loops[0]);
     }
+    db_scan_loop_free(&loops[1]);
+    db_scan_loop_free(&loops[0]);
     mem_array_kill(&rev_folders);
     mem_array_kill(&rev_files);
     q->current_sort = current;

@@ -507,7 +507,9 @@ static void _word_init(db_scan_loop_t *l) {
 
 // ---- the choice -------------------------------------------------------------------------------------------
 
-static bool _prepare_text(db_scan_loop_t *l, db_query_t *q, const db_op_t *op) {
+static bool _borrow(db_scan_loop_t *l, const db_scan_loop_t *other);
+
+static bool _prepare_text(db_scan_loop_t *l, db_query_t *q, const db_op_t *op, const db_scan_loop_t *other) {
     db_text_op_t top;
     bool neg;
     if (!db_text_op(op->op, &top, &neg))
@@ -528,10 +530,32 @@ static bool _prepare_text(db_scan_loop_t *l, db_query_t *q, const db_op_t *op) {
     if ((top.family != TEXT_MATCH_CONTAINS && top.family != TEXT_MATCH_STARTWITH) || !l->ascii)
         return false;
     l->kind = DB_SCAN_LOOP_PATH;
-    return _path_prepare(l, q);
+    return _borrow(l, other) || _path_prepare(l, q);
 }
 
-bool db_scan_loop_prepare(db_scan_loop_t *l, db_query_t *q, const db_op_t *chain, bool folder) {
+// The folder and file chains of one term carry equal ops: the states of one serve the other.
+static bool _borrow(db_scan_loop_t *l, const db_scan_loop_t *other) {
+    if (!other || other->kind != l->kind || other->op->op != l->op->op || other->len != l->len ||
+        other->op->kind != l->op->kind || other->op->size != l->op->size ||
+        memcmp(db_op_payload(other->op), db_op_payload(l->op), sizeof(uint32_t)) != 0)
+        return false;
+    if (l->kind == DB_SCAN_LOOP_ROOT) {
+        const db_op_folders_t *a = (const db_op_folders_t *) db_op_payload(l->op);
+        const db_op_folders_t *b = (const db_op_folders_t *) db_op_payload(other->op);
+        if (a->count != b->count ||
+            (a->count && memcmp(a->folders, b->folders, a->count * sizeof(mem_ref_t))))
+            return false;
+    } else if (memcmp(l->text, other->text, l->len) != 0) {
+        return false;
+    }
+    l->dfa = other->dfa;
+    l->states = other->states;
+    l->borrowed = true;
+    return true;
+}
+
+bool db_scan_loop_prepare(db_scan_loop_t *l, db_query_t *q, const db_op_t *chain, bool folder,
+                          const db_scan_loop_t *other) {
     memset(l, 0, sizeof *l);
     l->op = chain, l->folder = folder;
     if (!db_scan_loops_enabled || !chain || chain->next || chain->notnext)
@@ -541,20 +565,20 @@ bool db_scan_loop_prepare(db_scan_loop_t *l, db_query_t *q, const db_op_t *chain
     db_text_op_t top;
     bool text_neg;
     if (db_text_op(code, &top, &text_neg)) {
-        ok = _prepare_text(l, q, chain);
+        ok = _prepare_text(l, q, chain, other);
     } else if (code >= 230 && code <= 279) {
         bool neg;
         db_ten_family(code, 230 + (code - 230) / 10 * 10, &neg);
         l->neg = neg;
         l->kind = DB_SCAN_LOOP_ROOT;
-        ok = _root_prepare(l, q);
+        ok = _borrow(l, other) || _root_prepare(l, q);
     } else if (code >= 296 && code <= 325) {
         bool neg;
         l->folding = db_ten_family(code, 296 + (code - 296) / 10 * 10, &neg);
         const db_op_text_t *t = (const db_op_text_t *) db_op_payload(chain);
         l->neg = neg, l->text = t->text, l->len = t->len;
         l->kind = DB_SCAN_LOOP_COMPONENT;
-        ok = _component_prepare(l, q);
+        ok = _borrow(l, other) || _component_prepare(l, q);
     } else if (!folder && ((code >= 162 && code <= 171) || (code >= 374 && code <= 383))) {
         bool suffix = code <= 171, neg;
         text_folding_t f = db_ten_family(code, suffix ? 162 : 374, &neg);
@@ -643,7 +667,10 @@ void db_scan_loop_chunk(const db_scan_loop_t *l, db_query_t *q, const mem_ref_t 
 }
 
 void db_scan_loop_free(db_scan_loop_t *l) {
-    mem_free(l->dfa);
+    if (!l->borrowed) {
+        mem_free(l->dfa);
+        _states_free(&l->states);
+    }
     l->dfa = nullptr;
-    _states_free(&l->states);
+    memset(&l->states, 0, sizeof l->states);
 }

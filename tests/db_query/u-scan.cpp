@@ -351,7 +351,7 @@ TEST(ScanLoops, AgreeWithTheEvaluator) {
             std::vector<db_ref_t> want = run(q, r.search, sort, r.bits);
             db_scan_loops_enabled = true;
             db_scan_loop_t loop;
-            EXPECT_EQ(db_scan_loop_prepare(&loop, q, q->search.file_ops, false), r.loop);
+            EXPECT_EQ(db_scan_loop_prepare(&loop, q, q->search.file_ops, false, nullptr), r.loop);
             db_scan_loop_free(&loop);
             for (int t : {1, 2, 8}) {
                 max_threads = t;

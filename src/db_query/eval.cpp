@@ -367,7 +367,7 @@ static bool _eval_positive(db_query_t *q, const db_op_t *op, uint32_t code, bool
     case 182:
     case 184:
     case 186:
-        return db_prepass_dupe_test(q, op, folder, record);
+        return db_prepass_dupe_test(q, op, folder, record, index);
     case 188:
         return _range32(op, db_record_fs_index(record));
     case 194: {

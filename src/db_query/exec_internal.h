@@ -7,9 +7,10 @@
 // Runs a compiled string pattern with the thread's match data.
 bool db_eval_pattern(db_eval_scratch_t *s, const db_text_match_t *m, const char *text, size_t len);
 
-// Duplicates: true when another record of the kind has an equal key. With the pre-pass's set a binary
-// search; outside a scan a walk of the kind's array.
-bool db_prepass_dupe_test(db_query_t *q, const db_op_t *op, bool is_folder, db_ref_t record);
+// Duplicates: true when another record of the kind has an equal key. With the pre-pass's marks a byte at
+// index (the record's position in the scanned array), with its set a binary search; outside a scan
+// (index -1) a walk of the kind's array.
+bool db_prepass_dupe_test(db_query_t *q, const db_op_t *op, bool is_folder, db_ref_t record, int64_t index);
 // Splits the file list's text into sorted name and path entries.
 void db_prepass_filelist_build(db_prepass_t *p, const db_op_filelist_t *f);
 // True when the name, or the full path (may be null when there are no path entries), is an entry.

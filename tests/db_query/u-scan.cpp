@@ -367,3 +367,33 @@ TEST(ScanLoops, AgreeWithTheEvaluator) {
     li.idx.destroy();
     os_hooks_reset();
 }
+
+// Name duplicates are marked by position when the scan walks the name array itself and kept as a set of
+// records otherwise (another column's array, a reversed copy for count:): every way gives the records
+// whose folded name another record of the same kind shares.
+TEST(ScanLoops, DuplicatesByPositionOrBySet) {
+    ref_index_t idx;
+    idx.build(6000, 31);
+    std::map<std::pair<bool, std::string>, int> names;
+    for (auto &r : idx.recs)
+        names[{r.folder, ref_lb(r.name)}]++;
+    std::set<db_ref_t> want;
+    for (auto &r : idx.recs)
+        if (names[{r.folder, ref_lb(r.name)}] > 1)
+            want.insert(r.ref);
+    ASSERT_FALSE(want.empty());
+    db_query_t *q = db_query_create(idx.db, false, nullptr, nullptr);
+    for (int sort : {(int) DB_SORT_NAME, DB_SORT_NAME + 1, (int) DB_SORT_SIZE, DB_SORT_PATH + 1}) {
+        SCOPED_TRACE("sort " + std::to_string(sort));
+        std::vector<db_ref_t> got = run(q, "dupe:", sort, 0);
+        EXPECT_EQ(std::set<db_ref_t>(got.begin(), got.end()), want);
+        EXPECT_EQ(got.size(), want.size());
+        // The first ten of a descending order: count: scans reversed copies.
+        got = run(q, "count:10 dupe:", sort, 0);
+        EXPECT_EQ(got.size(), 10u);
+        for (db_ref_t r : got)
+            EXPECT_EQ(want.count(r), 1u);
+    }
+    db_destroy_query(q);
+    idx.destroy();
+}

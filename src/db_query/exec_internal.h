@@ -98,6 +98,7 @@ struct db_scan_loop_t {
     db_folder_states_t states;
     bool borrowed;         // dfa and states belong to another loop
     db_text_match_t regex; // the regex op's code as a pattern
+    int regex_byte;        // a byte every match holds, or -1
 };
 
 // Tests turn the loops off to hold them against the evaluator; the program never does.

@@ -483,9 +483,23 @@ static bool _ext_test(const db_scan_loop_t *l, db_query_t *q, mem_ref_t r, int64
 
 // ---- regex ------------------------------------------------------------------------------------------------
 
+// A byte that every match holds, where the engine can tell one and case can't change it (not a letter):
+// a name without it fails without a call into the engine. -1: none.
+static int _regex_required(void *code) {
+    uint32_t type = 0, unit = 0;
+    pcre2_code *c = (pcre2_code *) code;
+    if (pcre2_pattern_info(c, PCRE2_INFO_LASTCODETYPE, &type) != 0 || type != 1 ||
+        pcre2_pattern_info(c, PCRE2_INFO_LASTCODEUNIT, &unit) != 0)
+        return -1;
+    bool letter = (unit >= 'a' && unit <= 'z') || (unit >= 'A' && unit <= 'Z');
+    return unit < 0x80 && !letter ? (int) unit : -1;
+}
+
 static bool _regex_test(const db_scan_loop_t *l, mem_ref_t r, db_eval_scratch_t *s) {
     uint32_t len;
     const char *name = db_record_name(r, &len);
+    if (l->regex_byte >= 0 && !memchr(name, l->regex_byte, len))
+        return l->neg;
     return db_eval_pattern(s, &l->regex, name, len) != l->neg;
 }
 
@@ -595,6 +609,7 @@ bool db_scan_loop_prepare(db_scan_loop_t *l, db_query_t *q, const db_op_t *chain
         l->neg = code == 228;
         l->regex.regex = ((const db_op_regex_t *) db_op_payload(chain))->code;
         l->regex.family = 0xFF;
+        l->regex_byte = _regex_required(l->regex.regex);
         l->kind = DB_SCAN_LOOP_REGEX;
         ok = true;
     }

@@ -335,6 +335,10 @@ TEST(ScanLoops, AgreeWithTheEvaluator) {
         {"regex:^lib.*\\.so(\\.[0-9]+)?$", 0, true},
         {"regex:D.C", SEARCH_CASE, true},
         {"!regex:[0-9]", 0, true},
+        // A byte every match must hold lets a name without it fail early; letters don't, for their case.
+        {"regex:[a-z]\\.s", 0, true},
+        {"!regex:[a-z]_[a-z]", 0, true},
+        {"regex:c[0-9]*k", 0, true},
     };
     // Prefixes: below a folder, the folder itself counting or not, several levels down.
     for (const std::string &p : li.folder_paths) {

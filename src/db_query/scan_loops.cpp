@@ -72,25 +72,31 @@ static void _pairs_push(pair_list_t *l, mem_ref_t r, uint16_t v) {
     l->items[l->n++] = {r, v};
 }
 
-// At most half full, so that a miss (the usual lookup) ends after a slot or two.
-static void _states_build(db_folder_states_t *t, const pair_list_t *found) {
+// At most half full, so that a miss (the usual lookup) ends after a slot or two. The lists are the
+// workers' finds, in any order: each folder is in one of them.
+static void _states_build(db_folder_states_t *t, const pair_list_t *found, uint32_t lists) {
     memset(t, 0, sizeof *t);
-    if (!found->n)
+    uint32_t total = 0;
+    for (uint32_t k = 0; k < lists; k++)
+        total += found[k].n;
+    if (!total)
         return;
     uint32_t slots = 16;
-    while (slots < found->n * 2)
+    while (slots < total * 2)
         slots *= 2;
     t->mask = slots - 1;
-    t->count = found->n;
+    t->count = total;
     t->keys = (mem_ref_t *) mem_alloc(slots * sizeof(mem_ref_t));
     t->values = (uint16_t *) mem_alloc(slots * sizeof(uint16_t));
     memset(t->keys, 0, slots * sizeof(mem_ref_t));
-    for (uint32_t k = 0; k < found->n; k++) {
-        uint32_t i = _hash(found->items[k].ref, t->mask);
-        while (t->keys[i])
-            i = (i + 1) & t->mask;
-        t->keys[i] = found->items[k].ref;
-        t->values[i] = found->items[k].value;
+    for (uint32_t k = 0; k < lists; k++) {
+        for (uint32_t j = 0; j < found[k].n; j++) {
+            uint32_t i = _hash(found[k].items[j].ref, t->mask);
+            while (t->keys[i])
+                i = (i + 1) & t->mask;
+            t->keys[i] = found[k].items[j].ref;
+            t->values[i] = found[k].items[j].value;
+        }
     }
 }
 
@@ -100,25 +106,32 @@ static void _states_free(db_folder_states_t *t) {
     memset(t, 0, sizeof *t);
 }
 
+// One worker's share of the folder walk: a range of chunks of the folder order, its own stack, its own
+// finds.
+template <typename F>
+struct walk_part_t {
+    db_query_t *q;
+    const mem_array_t *order;
+    uint32_t first_chunk, chunk_count;
+    const F *step;
+    pair_list_t found;
+    os_thread_t *thread;
+};
+
 // Every folder's state from its parent's: step(parent_value, folder, is_root). Folders come in path order
 // when the index keeps that array, where a parent always comes before its children and the ancestors of
-// the folder at hand are the walk's stack; in any other order (or at a gap) the chain of ancestors is
-// worked out again from its root, which only costs time. Returns false when the search was cancelled.
+// the folder at hand are the walk's stack; in any other order (or at a gap, such as the start of a
+// worker's range) the chain of ancestors is worked out again from its root, which only costs time.
 template <typename F>
-static bool _folder_walk(db_query_t *q, F step, db_folder_states_t *out) {
-    const mem_array_t *order = db_sort_array(q->db, DB_SORT_PATH, true);
-    if (!order)
-        order = &q->db->folders;
-    pair_list_t stack = {}, found = {}, chain = {};
-    bool done = true;
-    for (uint32_t c = 0; c < order->chunk_count && done; c++) {
-        const mem_array_chunk_t *chunk = order->table[c];
+static void _walk_range(walk_part_t<F> *w) {
+    const F &step = *w->step;
+    pair_list_t stack = {}, chain = {};
+    for (uint32_t c = w->first_chunk; c < w->first_chunk + w->chunk_count; c++) {
+        const mem_array_chunk_t *chunk = w->order->table[c];
         const mem_ref_t *items = mem_array_chunk_items(chunk);
         for (uint32_t i = 0; i < chunk->n; i++) {
-            if (q->cancel_search) {
-                done = false;
-                break;
-            }
+            if (w->q->cancel_search)
+                goto done;
             mem_ref_t f = items[i];
             mem_ref_t parent = db_record_parent(f);
             while (stack.n && stack.items[stack.n - 1].ref != parent)
@@ -136,14 +149,60 @@ static bool _folder_walk(db_query_t *q, F step, db_folder_states_t *out) {
             uint16_t v = step(parent ? stack.items[stack.n - 1].value : 0, f, parent == 0);
             _pairs_push(&stack, f, v);
             if (v)
-                _pairs_push(&found, f, v);
+                _pairs_push(&w->found, f, v);
         }
     }
-    if (done)
-        _states_build(out, &found);
+done:
     mem_free(stack.items);
-    mem_free(found.items);
     mem_free(chain.items);
+}
+
+template <typename F>
+static void _walk_proc(void *arg) {
+    _walk_range((walk_part_t<F> *) arg);
+}
+
+// The walk over every folder, split among workers as a scan is (one per 16 chunks, within max_threads
+// and the processors): what a folder gets depends only on its chain, never on who worked it out. Returns
+// false when the search was cancelled (out is then empty).
+template <typename F>
+static bool _folder_walk(db_query_t *q, F step, db_folder_states_t *out) {
+    memset(out, 0, sizeof *out);
+    const mem_array_t *order = db_sort_array(q->db, DB_SORT_PATH, true);
+    if (!order)
+        order = &q->db->folders;
+    uint32_t t = (order->chunk_count + 15) / 16;
+    if (max_threads > 0 && t > (uint32_t) max_threads)
+        t = (uint32_t) max_threads;
+    if (t > (uint32_t) os_processor_count())
+        t = (uint32_t) os_processor_count();
+    if (t < 1)
+        t = 1;
+    walk_part_t<F> *parts = (walk_part_t<F> *) mem_alloc(t * sizeof(walk_part_t<F>));
+    memset((void *) parts, 0, t * sizeof(walk_part_t<F>));
+    for (uint32_t i = 0; i < t; i++) {
+        walk_part_t<F> *w = &parts[i];
+        w->q = q, w->order = order, w->step = &step;
+        w->first_chunk = (uint32_t) ((uint64_t) order->chunk_count * i / t);
+        w->chunk_count = (uint32_t) ((uint64_t) order->chunk_count * (i + 1) / t) - w->first_chunk;
+        if (t > 1)
+            w->thread = os_thread_create(_walk_proc<F>, w);
+    }
+    if (t == 1)
+        _walk_range(&parts[0]);
+    pair_list_t *found = (pair_list_t *) mem_alloc(t * sizeof(pair_list_t));
+    for (uint32_t i = 0; i < t; i++) {
+        if (parts[i].thread)
+            os_thread_destroy(parts[i].thread);
+        found[i] = parts[i].found;
+    }
+    bool done = !q->cancel_search;
+    if (done)
+        _states_build(out, found, t);
+    for (uint32_t i = 0; i < t; i++)
+        mem_free(found[i].items);
+    mem_free(found);
+    mem_free(parts);
     return done;
 }
 

@@ -172,17 +172,17 @@ int eight_processors() {
     return 8;
 }
 
-// A generated tree (about 48,000 records, enough for several workers) plus records that the loops find
-// hard: a chain 40 folders deep whose names end and start with pieces of the path terms (a term that
-// runs across a separator), folders with a high byte at the start or the end of their name above plain
-// ones, names that are empty, one byte, or longer than a 16-byte load, and case and diacritic variants of
-// the path terms' words.
+// A generated tree of about 72,000 records (enough folders that the per-folder walk is shared by workers
+// too) plus records that the loops find hard: a chain 40 folders deep whose names end and start with
+// pieces of the path terms (a term that runs across a separator), folders with a high byte at the start or
+// the end of their name above plain ones, names that are empty, one byte, or longer than a 16-byte load,
+// and case and diacritic variants of the path terms' words.
 struct LoopIndex {
     ref_index_t idx;
     std::vector<std::string> folder_paths; // absolute paths of a few folders, for prefix searches
 
     void build() {
-        idx.build(48000, 23);
+        idx.build(72000, 23);
         db_fs_t *fs = idx.db->fs_table[0];
         db_ref_t root = idx.recs[0].ref;
         auto folder = [&](db_ref_t parent, const std::string &name) {

@@ -18,13 +18,14 @@ inline std::string bench_folder() {
 }
 
 // Points the settings at one list, as a user's settings file would, and nothing else: no volumes, no
-// folders, the default structure, no list monitor.
-inline void bench_configure_list(const std::string &swl) {
+// folders, the default structure, no list monitor. extra: more settings lines ("name=value\n"), which
+// win over the defaults (a structure without some sorted arrays, say).
+inline void bench_configure_list(const std::string &swl, const std::string &extra = "") {
     str_t item;
     str_init(&item);
     config_list_cat_item(&item, swl.c_str(), true, true);
     std::string text = "[Sablewatch]\nfilelists=" + std::string(item.ptr, (size_t) item.len) +
-                       "\nfilelist_monitor_changes=0\n";
+                       "\nfilelist_monitor_changes=0\n" + extra;
     str_kill(&item);
     ini_t *ini = ini_parse(text.c_str(), "Sablewatch");
     config_load_ini(ini, false, false);

@@ -122,8 +122,7 @@ bool db_text_op(uint32_t op, db_text_op_t *t, bool *neg) {
     return false;
 }
 
-// Families of ten that end in an ASCII pair (path roots, components): the folding and the NOT bit.
-static text_folding_t _ten_family(uint32_t op, uint32_t base, bool *neg) {
+text_folding_t db_ten_family(uint32_t op, uint32_t base, bool *neg) {
     uint32_t x = op - base;
     if (x >= 8) {
         *neg = (x - 8) != 0;
@@ -368,7 +367,7 @@ static bool _eval_positive(db_query_t *q, const db_op_t *op, uint32_t code, bool
     case 182:
     case 184:
     case 186:
-        return db_prepass_dupe_test(q, op, folder, record);
+        return db_prepass_dupe_test(q, op, folder, record, index);
     case 188:
         return _range32(op, db_record_fs_index(record));
     case 194: {
@@ -525,7 +524,7 @@ bool _db_query_eval_op(db_query_t *q, const db_op_t *op, bool folder, db_ref_t r
     }
     if ((code >= 162 && code <= 171) || (code >= 374 && code <= 383)) {
         bool suffix = code <= 171;
-        text_folding_t f = _ten_family(code, suffix ? 162 : 374, &neg);
+        text_folding_t f = db_ten_family(code, suffix ? 162 : 374, &neg);
         uint32_t n;
         const char *name = db_record_name(record, &n);
         const db_op_ext_t *e = (const db_op_ext_t *) db_op_payload(op);
@@ -533,16 +532,16 @@ bool _db_query_eval_op(db_query_t *q, const db_op_t *op, bool folder, db_ref_t r
     }
     if (code >= 230 && code <= 279) {
         uint32_t base = 230 + (code - 230) / 10 * 10;
-        _ten_family(code, base, &neg);
+        db_ten_family(code, base, &neg);
         return _root_test((const db_op_folders_t *) db_op_payload(op), base, record) != neg;
     }
     if (code >= 286 && code <= 295) {
-        _ten_family(code, 286, &neg);
+        db_ten_family(code, 286, &neg);
         return neg;
     }
     if (code >= 296 && code <= 325) {
         uint32_t base = 296 + (code - 296) / 10 * 10;
-        text_folding_t f = _ten_family(code, base, &neg);
+        text_folding_t f = db_ten_family(code, base, &neg);
         return _component_test((const db_op_text_t *) db_op_payload(op), base, f, record) != neg;
     }
     // Families whose NOT bit is not the lowest: the path bit (or the file list's path bit) comes first.

@@ -14,95 +14,23 @@ struct db_search_worker_t {
     os_thread_t *thread;
     db_query_t *query;
     const mem_array_t *array;
+    const db_scan_loop_t *loop; // the chain's own loop, or null for the evaluator
     uint32_t first_chunk;
     uint32_t chunk_count;
     bool folder;
-    mem_ref_t *out; // the worker's results, heap
-    uint32_t n, cap;
+    db_scan_list_t out;
 };
 
-static void _push(db_search_worker_t *w, mem_ref_t r) {
-    if (w->n == w->cap) {
-        w->cap = w->cap ? w->cap * 2 : MEM_ARRAY_CHUNK_SLOTS;
-        w->out = (mem_ref_t *) mem_realloc(w->out, (size_t) w->cap * sizeof(mem_ref_t));
-    }
-    w->out[w->n++] = r;
-}
-
-// ---- the single-op loops ---------------------------------------------------------------------------------
-
-// One chunk through the folding matcher alone: terms the byte filter can't take.
-static void _match_chunk(db_search_worker_t *w, text_matcher_t match, const db_op_text_t *t, bool neg,
-                         const mem_ref_t *items, uint32_t n) {
-    for (uint32_t i = 0; i < n && !w->query->cancel_search; i++) {
-        uint32_t len;
-        const char *name = db_record_name(items[i], &len);
-        if (match(name, len, t->text, t->len) != neg)
-            _push(w, items[i]);
-    }
-}
-
-// One chunk through the byte filter: it marks the hits and the names only the matcher can decide, so the
-// records between marks are misses and a negated op takes them all.
-static void _filter_chunk(db_search_worker_t *w, const db_scan_term_t *st, text_matcher_t match,
-                          const db_op_text_t *t, bool neg, const mem_ref_t *items, uint32_t n) {
-    uint32_t marks[MEM_ARRAY_CHUNK_SLOTS];
-    uint32_t mark_count;
-    uint32_t done = db_scan_records(st, items, n, &w->query->cancel_search, marks, &mark_count);
-    uint32_t next = 0; // the first record not yet pushed or passed over
-    for (uint32_t k = 0; k < mark_count; k++) {
-        uint32_t i = marks[k] & ~DB_SCAN_MARK_HIGH;
-        if (neg)
-            for (; next < i; next++)
-                _push(w, items[next]);
-        bool hit = true;
-        if (marks[k] & DB_SCAN_MARK_HIGH) {
-            uint32_t len;
-            const char *name = db_record_name(items[i], &len);
-            hit = match(name, len, t->text, t->len);
-        }
-        if (hit != neg)
-            _push(w, items[i]);
-        next = i + 1;
-    }
-    if (neg)
-        for (; next < done; next++)
-            _push(w, items[next]);
-}
-
-// A name "contains" op alone in its chain, the hot case of a typed word: the matcher and the term stay
-// in locals and no op is chased per record. A pure-ASCII term goes through the byte filter of scan.h; in
-// a folding that decodes, names with bytes of 0x80 and above go on to the folding matcher (only they can
-// fold to ASCII letters), so the answers are the matcher's. Returns false when the op is not one this
-// loop serves.
-static bool _fast_contains(db_search_worker_t *w, const db_op_t *op) {
-    if (op->next || op->notnext)
-        return false;
-    db_text_op_t top;
-    bool neg;
-    // Name contains only: whole word and path ops take the general evaluator.
-    if (!db_text_op(op->op, &top, &neg) || top.family != TEXT_MATCH_CONTAINS || top.path)
-        return false;
-    text_folding_t folding = top.folding;
-    const db_op_text_t *t = (const db_op_text_t *) db_op_payload(op);
-    if (t->offset)
-        return false;
-    db_scan_term_t st;
-    bool filter = db_scan_term_init(&st, t->text, t->len, folding);
-    text_matcher_t match = text_matcher(TEXT_MATCH_CONTAINS, folding);
+// A chain that one loop serves: each chunk goes through it, with the yield after each chunk.
+static void _loop_run(db_search_worker_t *w, db_eval_scratch_t *s) {
     db_query_t *q = w->query;
     for (uint32_t c = w->first_chunk; c < w->first_chunk + w->chunk_count; c++) {
         const mem_array_chunk_t *chunk = w->array->table[c];
-        const mem_ref_t *items = mem_array_chunk_items(chunk);
-        if (filter)
-            _filter_chunk(w, &st, match, t, neg, items, chunk->n);
-        else
-            _match_chunk(w, match, t, neg, items, chunk->n);
+        db_scan_loop_chunk(w->loop, q, mem_array_chunk_items(chunk), chunk->n, chunk->base, &w->out, s);
         if (q->cancel_search)
-            return true;
+            return;
         os_sleep_ms(0);
     }
-    return true;
 }
 
 // One worker over its chunk range: each record through the chain, the cancel flag tested per record, a
@@ -110,26 +38,29 @@ static bool _fast_contains(db_search_worker_t *w, const db_op_t *op) {
 static void _worker_run(db_search_worker_t *w) {
     db_query_t *q = w->query;
     const db_op_t *chain = w->folder ? q->search.folder_ops : q->search.file_ops;
-    if (_fast_contains(w, chain))
+    db_eval_scratch_t s;
+    db_eval_scratch_init(&s);
+    if (w->loop) {
+        _loop_run(w, &s);
+        db_eval_scratch_kill(&s);
         return;
+    }
     // A leading count: whose failure fails the record: once the limit is reached nothing more can pass
     // (the count only grows), so the scan ends there.
     uint32_t stop_at = UINT32_MAX;
     if (chain->op == 334 && !chain->notnext)
         stop_at = ((const db_op_count_t *) db_op_payload(chain))->limit;
-    db_eval_scratch_t s;
-    db_eval_scratch_init(&s);
     for (uint32_t c = w->first_chunk; c < w->first_chunk + w->chunk_count; c++) {
         const mem_array_chunk_t *chunk = w->array->table[c];
         const mem_ref_t *items = mem_array_chunk_items(chunk);
         for (uint32_t i = 0; i < chunk->n; i++) {
             if (q->cancel_search)
                 goto done;
-            s.found = q->count_base + w->n;
+            s.found = q->count_base + w->out.n;
             if (s.found >= stop_at)
                 goto done;
             if (db_query_eval_chain(q, chain, w->folder, items[i], &s, (int64_t) chunk->base + i))
-                _push(w, items[i]);
+                db_scan_list_push(&w->out, items[i]);
         }
         os_sleep_ms(0);
     }
@@ -155,8 +86,12 @@ static uint32_t _thread_count(const db_query_t *q, uint32_t chunk_count) {
     return t;
 }
 
-static void _find(db_query_t *q, const mem_array_t *array, bool folder) {
+// Scans one array. loop is the caller's: set up here (borrowing what the other pass's loop, other, already
+// worked out) and left for the caller to free, so that the second pass of a search can borrow from it.
+static void _find(db_query_t *q, const mem_array_t *array, bool folder, db_scan_loop_t *loop,
+                  const db_scan_loop_t *other) {
     uint32_t start = debug_now_us();
+    memset(loop, 0, sizeof *loop);
     mem_array_t *results = folder ? &q->folder_results : &q->file_results;
     mem_array_kill(results);
     memset(results, 0, sizeof *results);
@@ -167,6 +102,9 @@ static void _find(db_query_t *q, const mem_array_t *array, bool folder) {
         mem_array_copy(results, array);
     } else {
         db_prepass_run(q, chain, array, folder);
+        // A chain of one hot op runs that op's own loop; its set-up, if any, happens here, before any
+        // worker starts, and is only read by them.
+        bool fast = db_scan_loop_prepare(loop, q, chain, folder, other);
         uint32_t t = _thread_count(q, array->chunk_count);
         if (t > q->workers_used)
             q->workers_used = t;
@@ -174,7 +112,7 @@ static void _find(db_query_t *q, const mem_array_t *array, bool folder) {
         memset(workers, 0, t * sizeof(db_search_worker_t));
         for (uint32_t i = 0; i < t; i++) {
             db_search_worker_t *w = &workers[i];
-            w->query = q, w->array = array, w->folder = folder;
+            w->query = q, w->array = array, w->folder = folder, w->loop = fast ? loop : nullptr;
             w->first_chunk = (uint32_t) ((uint64_t) array->chunk_count * i / t);
             w->chunk_count = (uint32_t) ((uint64_t) array->chunk_count * (i + 1) / t) - w->first_chunk;
             if (t > 1)
@@ -186,16 +124,16 @@ static void _find(db_query_t *q, const mem_array_t *array, bool folder) {
         for (uint32_t i = 0; i < t; i++) {
             if (workers[i].thread)
                 os_thread_destroy(workers[i].thread);
-            total += workers[i].n;
+            total += workers[i].out.n;
         }
         // Joined in worker order: the array's order, whatever the thread count.
         mem_ref_t *flat = (mem_ref_t *) mem_alloc((total ? total : 1) * sizeof(mem_ref_t));
         uint32_t at = 0;
         for (uint32_t i = 0; i < t; i++) {
-            if (workers[i].n)
-                memcpy(flat + at, workers[i].out, workers[i].n * sizeof(mem_ref_t));
-            at += workers[i].n;
-            mem_free(workers[i].out);
+            if (workers[i].out.n)
+                memcpy(flat + at, workers[i].out.items, workers[i].out.n * sizeof(mem_ref_t));
+            at += workers[i].out.n;
+            mem_free(workers[i].out.items);
         }
         mem_free(workers);
         if (total)
@@ -210,11 +148,15 @@ static void _find(db_query_t *q, const mem_array_t *array, bool folder) {
 }
 
 void _db_find_folders(db_query_t *q, mem_array_t *array) {
-    _find(q, array, true);
+    db_scan_loop_t loop;
+    _find(q, array, true, &loop, nullptr);
+    db_scan_loop_free(&loop);
 }
 
 void _db_find_files(db_query_t *q, mem_array_t *array) {
-    _find(q, array, false);
+    db_scan_loop_t loop;
+    _find(q, array, false, &loop, nullptr);
+    db_scan_loop_free(&loop);
 }
 
 // ---- the query thread ----------------------------------------------------------------------------------
@@ -272,17 +214,22 @@ void _db_query_thread_proc(db_t *db, void *arg) {
     debug_printf("SET SORT %d\n", current);
     q->count_base = 0;
     q->workers_used = 0;
+    // The two passes of a path search work out the same per-folder states: the second borrows the first's.
+    db_scan_loop_t loops[2];
+    memset(loops, 0, sizeof loops);
     if (reversed) {
-        _db_find_files(q, files);
+        _find(q, files, false, &loops[0], nullptr);
         q->count_base = q->file_results.count;
         if (!q->cancel_search)
-            _db_find_folders(q, folders);
+            _find(q, folders, true, &loops[1], &loops[0]);
     } else {
-        _db_find_folders(q, folders);
+        _find(q, folders, true, &loops[0], nullptr);
         q->count_base = q->folder_results.count;
         if (!q->cancel_search)
-            _db_find_files(q, files);
+            _find(q, files, false, &loops[1], &loops[0]);
     }
+    db_scan_loop_free(&loops[1]);
+    db_scan_loop_free(&loops[0]);
     mem_array_kill(&rev_folders);
     mem_array_kill(&rev_files);
     q->current_sort = current;

@@ -184,8 +184,10 @@ static int _dupe_key_compare(void *ctx, uint32_t a, uint32_t b) {
     return va < vb ? -1 : va > vb;
 }
 
-// The records of the kind whose key another record shares, sorted by reference.
-static void _dupes(db_query_t *q, const db_op_t *op, bool folder) {
+// The records of the kind whose key another record shares. When the scan walks the very array that groups
+// the keys (name duplicates in name order, the usual case), a mark per position of that array, so that a
+// worker's test is one byte; otherwise the records sorted by reference, for a binary search.
+static void _dupes(db_query_t *q, const db_op_t *op, bool folder, const mem_array_t *scanned) {
     db_prepass_t *p = _add(q, op);
     dupe_ctx_t c = {q, (uint32_t) (op->op - 174) / 2, folder};
     // Name order and the value orders group equal keys already (their first level is the key); name
@@ -205,22 +207,36 @@ static void _dupes(db_query_t *q, const db_op_t *op, bool folder) {
     _each(a, [&](db_ref_t r, uint32_t pos) { all[pos] = r; });
     if (!grouped)
         os_qsort_ex(all, n, &c, _dupe_key_compare);
-    p->set = (mem_ref_t *) mem_alloc((n ? n : 1) * sizeof(mem_ref_t));
-    for (uint32_t i = 0; i < n; i++) {
-        bool before = i > 0 && _dupe_key_compare(&c, all[i - 1], all[i]) == 0;
-        bool after = i + 1 < n && _dupe_key_compare(&c, all[i], all[i + 1]) == 0;
-        if (before || after)
-            p->set[p->set_count++] = all[i];
+    // Each neighbouring pair compared once: a record is a duplicate when it equals either neighbour.
+    uint8_t *dupe = (uint8_t *) mem_alloc(n ? n : 1);
+    memset(dupe, 0, n ? n : 1);
+    for (uint32_t i = 0; i + 1 < n; i++) {
+        if (_dupe_key_compare(&c, all[i], all[i + 1]) == 0)
+            dupe[i] = dupe[i + 1] = 1;
     }
+    if (grouped && grouped == scanned) {
+        p->marks = dupe;
+        mem_free(all);
+        return;
+    }
+    p->set = (mem_ref_t *) mem_alloc((n ? n : 1) * sizeof(mem_ref_t));
+    for (uint32_t i = 0; i < n; i++)
+        if (dupe[i])
+            p->set[p->set_count++] = all[i];
+    mem_free(dupe);
     mem_free(all);
     os_qsort(p->set, p->set_count, mem_ref_compare);
 }
 
-bool db_prepass_dupe_test(db_query_t *q, const db_op_t *op, bool folder, db_ref_t record) {
+bool db_prepass_dupe_test(db_query_t *q, const db_op_t *op, bool folder, db_ref_t record, int64_t index) {
     for (const db_prepass_t *p = q->prepasses; p; p = p->next) {
         if (p->op != op)
             continue;
-        return mem_refs_find(p->set, p->set_count, record) != UINT32_MAX;
+        if (p->marks && index >= 0)
+            return p->marks[index] != 0;
+        if (!p->marks)
+            return mem_refs_find(p->set, p->set_count, record) != UINT32_MAX;
+        break; // marks by position, and no position: ask the index
     }
     // Outside a scan: any other record of the kind with an equal key.
     dupe_ctx_t c = {q, (uint32_t) ((op->op & ~1u) - 174) / 2, folder};
@@ -260,7 +276,7 @@ void db_prepass_run(db_query_t *q, const db_op_t *chain, const mem_array_t *arra
         else if (folder && code >= 368 && code <= 372)
             _child_counts(q, op, array);
         else if (code >= 174 && code <= 186)
-            _dupes(q, op, folder);
+            _dupes(q, op, folder, array);
         else if (op->op >= 384 && op->op <= 387)
             db_prepass_filelist_build(_add(q, op), (const db_op_filelist_t *) db_op_payload(op));
     }

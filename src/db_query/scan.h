@@ -42,7 +42,8 @@ db_scan_answer_t db_scan_contains(const db_scan_term_t *t, const uint8_t *name, 
 
 // The records items[0..n) (index records in the arena, n at most MEM_ARRAY_CHUNK_SLOTS) against the term,
 // in order: the position of every hit and of every name the matcher must decide goes to marks (the
-// caller's, room for n), how many in *mark_count. *cancel is tested before each record. Returns the
+// caller's, room for n), how many in *mark_count. A name shorter than the term is a miss, high bytes or
+// not, as it is for the matchers. *cancel is tested before each record. Returns the
 // records examined: n, or fewer when *cancel was set.
 uint32_t db_scan_records(const db_scan_term_t *t, const uint32_t *items, uint32_t n,
                          const volatile bool *cancel, uint32_t *marks, uint32_t *mark_count);

@@ -141,6 +141,9 @@ uint32_t db_scan_records(const db_scan_term_t *term, const uint32_t *items, uint
         uint32_t len = p[4];
         if (len == DB_LONG_NAME)
             len = *(const uint32_t *) (p - 4);
+        // The matchers fail a name shorter than the term before they read it, whatever its bytes.
+        if (len < t->len)
+            continue;
         const uint8_t *name = p + 5;
         db_scan_answer_t a;
 #if defined(__SSE2__)

@@ -115,7 +115,7 @@ int check_source(const sws_source_t *s) {
 // The sources as the settings' lists: the command line's, or the default when it names none. Every list is
 // written, so that sources of a -config file don't join; nothing is watched or rescanned, since the process
 // ends after one search.
-void apply_sources(const sws_source_t *sources) {
+void apply_sources(const sws_source_t *sources, bool whole_system) {
     str_t text, filelists, folders, ntfs;
     str_init(&text);
     str_init(&filelists);
@@ -144,6 +144,10 @@ void apply_sources(const sws_source_t *sources) {
         str_cat_z(&text, i ? ",0" : "0");
     // With the NTFS reader, the volumes join here as ntfs_volume_paths with their monitors off.
     str_cat_z(&text, "\nntfs_volume_paths=\nrefs_volume_paths=\n");
+    // The kernel's own trees under "/" name processes and devices, not files: thousands of entries that
+    // change with every process and that nobody looks for by name. They join the settings' excludes.
+    if (whole_system && OS_SEP == '/')
+        str_cat_z(&text, "exclude_folders=/proc;/sys\n");
     ini_t *ini = ini_parse(text.ptr, "Sablewatch");
     config_load_ini(ini, false, false);
     ini_free(ini);
@@ -403,7 +407,7 @@ int choose_index(run_t *r, str_t *db_path) {
             if (status != SWS_EXIT_OK)
                 return status;
         }
-        apply_sources(o->sources);
+        apply_sources(o->sources, false);
         // Built from its sources for this one run: no file is read or written (but -save-db's).
         no_db = true;
     } else {
@@ -419,7 +423,7 @@ int choose_index(run_t *r, str_t *db_path) {
                 error_line("no fixed drive to index");
                 return SWS_EXIT_SOURCE;
             }
-            apply_sources(defaults);
+            apply_sources(defaults, true);
             for (sws_source_t *s = defaults; s;) {
                 sws_source_t *next = s->next;
                 mem_free(s->path);

@@ -53,18 +53,18 @@ static void _sws_out_maybe_flush(sws_out_t *w) {
 // ---- escapes -------------------------------------------------------------------------------------------
 
 void sws_escape_plain(str_t *out, const char *text, uint32_t len) {
+    // The escape byte is one that a name of this platform's own file systems rarely or never holds and
+    // that is never the separator: '\\' on Linux, '|' on Windows, where '\\' separates every path.
+    const char escape = OS_SEP == '\\' ? '|' : '\\';
     for (uint32_t i = 0; i < len; i++) {
         char c = text[i];
-        if (c == '\t')
-            str_cat(out, "\\t", 2);
-        else if (c == '\n')
-            str_cat(out, "\\n", 2);
-        else if (c == '\r')
-            str_cat(out, "\\r", 2);
-        else if (c == '\\' && OS_SEP != '\\')
-            str_cat(out, "\\\\", 2);
-        else
+        char letter = c == '\t' ? 't' : c == '\n' ? 'n' : c == '\r' ? 'r' : c == escape ? escape : 0;
+        if (letter) {
+            str_cat_char(out, escape);
+            str_cat_char(out, letter);
+        } else {
             str_cat_char(out, c);
+        }
     }
 }
 

@@ -120,10 +120,10 @@ void sws_write_begin(sws_out_t *w, sws_format_t format, uint32_t columns);
 void sws_write_row(sws_out_t *w, sws_format_t format, uint32_t columns, const sws_row_t *row, bool first);
 void sws_write_end(sws_out_t *w, sws_format_t format);
 
-// Text escapes, public for their tests. Plain and TSV: tab, CR and LF as \t, \r, \n, and where '\' is not
-// the separator, '\' as \\. CSV: the field in double quotes, each quote doubled, when it holds a comma, a
-// quote, CR or LF. JSON: a string in double quotes; bytes that are not UTF-8 become U+FFFD so that the
-// document stays valid.
+// Text escapes, public for their tests. Plain and TSV: tab, CR and LF as the escape byte and t, r, n, the
+// escape byte doubled; it is '\' on Linux and '|' on Windows, where '\' is the separator. CSV: the field in
+// double quotes, each quote doubled, when it holds a comma, a quote, CR or LF. JSON: a string in double
+// quotes; bytes that are not UTF-8 become U+FFFD so that the document stays valid.
 void sws_escape_plain(str_t *out, const char *text, uint32_t len);
 void sws_escape_csv(str_t *out, const char *text, uint32_t len);
 void sws_escape_json(str_t *out, const char *text, uint32_t len);

@@ -50,19 +50,16 @@ def native(path):
 
 
 def unescape(text):
-    """The plain and TSV escapes back to the name."""
+    """The plain and TSV escapes back to the name: the escape byte is '\\' on Linux and '|' on Windows."""
+    escape = "|" if WINDOWS else "\\"
+    table = {"t": "\t", "n": "\n", "r": "\r", escape: escape}
     out, i = [], 0
-    table = {"t": "\t", "n": "\n", "r": "\r", "\\": "\\"}
     while i < len(text):
-        c = text[i]
-        if c == "\\" and not WINDOWS and i + 1 < len(text) and text[i + 1] in table:
-            out.append(table[text[i + 1]])
-            i += 2
-        elif c == "\\" and WINDOWS and i + 1 < len(text) and text[i + 1] in "tnr":
+        if text[i] == escape and i + 1 < len(text) and text[i + 1] in table:
             out.append(table[text[i + 1]])
             i += 2
         else:
-            out.append(c)
+            out.append(text[i])
             i += 1
     return "".join(out)
 
@@ -103,6 +100,7 @@ LIST_FILES = [
     ("docs/tab\there.log", 3, FT4, None, 0x20),
     ("docs/café.txt", 42, FT1, None, 0),
     ("docs/noext", None, None, None, 0),
+    ("docs/pi|pe.txt", 1, FT2, None, 0),
     ("music/song.mp3", 5000, FT3, FT3, 0x1),
 ]
 # The settings that make the index keep every column the list gives.

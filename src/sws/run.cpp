@@ -1,6 +1,7 @@
 // sws's process: settings, sources, the index through the program's own load and build, one search, the
 // output. The work runs in the program's main loop: the index's jobs end in events on this thread, and the
 // query's callback moves the run from one step to the next.
+#include <atomic>
 #include <cstring>
 
 #include "config/config.h"
@@ -197,6 +198,28 @@ void rebuild_start_noted(db_t *db) {
 
 // ---- progress --------------------------------------------------------------------------------------------
 
+// Items the folder scan has delivered so far, counted through a wrapper around the scan in use. The scan
+// may deliver from several threads; the count is only ever read for display.
+std::atomic<uint64_t> scanned_items{0};
+db_folder_scan_t inner_scan = nullptr;
+
+struct counting_ctx_t {
+    db_scan_proc_t proc;
+    void *ctx;
+};
+
+uintptr_t counting_proc(void *ctx, uintptr_t parent, bool folder, const char *name, uint32_t len,
+                        const os_file_info_t *fd) {
+    counting_ctx_t *c = (counting_ctx_t *) ctx;
+    scanned_items.fetch_add(1, std::memory_order_relaxed);
+    return c->proc(c->ctx, parent, folder, name, len, fd);
+}
+
+bool counting_scan(const char *path, const db_exclude_t *exclude, db_scan_proc_t proc, void *ctx) {
+    counting_ctx_t c = {proc, ctx};
+    return inner_scan(path, exclude, counting_proc, &c);
+}
+
 void progress_proc(void *ctx) {
     run_t *r = (run_t *) ctx;
     if (!db || r->step != STEP_INDEX)
@@ -206,7 +229,11 @@ void progress_proc(void *ctx) {
     str_init(&line);
     db_get_status(db, &status);
     uint64_t seconds = (now_us() - r->t_start) / 1000000u;
-    str_printf(&line, "\r\x1b[K%s %I64u s", status.len ? status.ptr : "Working...", seconds);
+    str_printf(&line, "\r\x1b[K%s", status.len ? status.ptr : "Working...");
+    uint64_t items = scanned_items.load(std::memory_order_relaxed);
+    if (items)
+        str_cat_printf(&line, " %I64u items", items);
+    str_cat_printf(&line, " %I64u s", seconds);
     os_std_write(OS_STDERR, line.ptr, (size_t) line.len);
     r->progress_shown = true;
     str_kill(&status);
@@ -224,6 +251,8 @@ void progress_start(run_t *r) {
         return;
     r->progress_stop = os_event_create(false);
     r->progress_thread = os_thread_create(progress_thread_proc, r);
+    inner_scan = db_folder_scan;
+    db_folder_scan = counting_scan;
 }
 
 void progress_stop(run_t *r) {
@@ -233,6 +262,8 @@ void progress_stop(run_t *r) {
     os_thread_destroy(r->progress_thread);
     os_event_destroy(r->progress_stop);
     r->progress_thread = nullptr;
+    // The scan's wrapper stays until the process ends: a build still under way (after an interrupt) may be
+    // in it now.
     event_remove(progress_proc, r);
     if (r->progress_shown)
         os_std_write(OS_STDERR, "\r\x1b[K", 4);

@@ -103,12 +103,11 @@ int check_source(const sws_source_t *s) {
         }
         return SWS_EXIT_OK;
     case SWS_SOURCE_NTFS:
-        // The NTFS reader plugs in through db_ntfs_reader; until it does, an NTFS source can't be read.
-        if (!db_ntfs_reader) {
-            error_line("%s: NTFS volumes can't be read by this build yet (no NTFS reader)", s->path);
-            return SWS_EXIT_SOURCE;
-        }
-        return SWS_EXIT_OK;
+        // Refused, never ignored, until the volume joins the build's NTFS list: with the NTFS reader in the
+        // build that is db_ntfs_source_add(path, root name) beside the lists that apply_sources writes, and
+        // this check becomes the reader's own open.
+        error_line("%s: NTFS volumes can't be read by this build of sws yet", s->path);
+        return SWS_EXIT_SOURCE;
     }
     return SWS_EXIT_OK;
 }
@@ -143,7 +142,7 @@ void apply_sources(const sws_source_t *sources, bool whole_system) {
     str_cat_z(&text, "\nfolder_update_types=");
     for (int i = 0; i < folder_count; i++)
         str_cat_z(&text, i ? ",0" : "0");
-    // With the NTFS reader, the volumes join here as ntfs_volume_paths with their monitors off.
+    // With the NTFS reader in the build, each volume joins here through db_ntfs_source_add.
     str_cat_z(&text, "\nntfs_volume_paths=\nrefs_volume_paths=\n");
     // The kernel's own trees under "/" name processes and devices, not files: thousands of entries that
     // change with every process and that nobody looks for by name. They join the settings' excludes.

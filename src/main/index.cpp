@@ -18,10 +18,14 @@ static os_event_t *load_timer_cancel = nullptr;
 static uint32_t load_timer_ms = 0;
 
 void main_db_load() {
+    const cl_t *cl = main_command_line();
+    main_db_load_file(cl ? cl->db : nullptr);
+}
+
+void main_db_load_file(const char *db_file) {
     if (db)
         return;
-    const cl_t *cl = main_command_line();
-    db_file_set_command_line(cl ? cl->db : nullptr, main_instance(), no_db, read_only);
+    db_file_set_command_line(db_file, main_instance(), no_db, read_only);
     db = db_create(nullptr);
     db_load(db, 0);
 }

@@ -134,6 +134,9 @@ void main_apply_command_line(const main_switches_t *sw, bool running);
 // Creates the index and starts its load (or, with -no-db or no file, its rebuild), once: later calls do
 // nothing. The -db switch, the instance, -no-db and -read-only of this process's command line apply.
 void main_db_load();
+// The same with the database file named here instead of by this process's -db switch (null: the usual
+// place): for a front-end that reads a command line of its own.
+void main_db_load_file(const char *db_file);
 // What a command line asks of the index: -reindex (loading first if need be), -rescan-all, -update (a forced
 // save, left to the shutdown when the same line quits), and the load itself when the program will search its
 // own index: at once, or after -load-delay milliseconds on the first call. running is false at start.

@@ -372,3 +372,18 @@ struct os_hooks_t {
 };
 extern os_hooks_t os_hooks;
 void os_hooks_reset();
+
+// ---- standard streams and the process's own figures ----------------------------------------------------
+// For the command-line front-end, whose output is data that scripts read: bytes go out unchanged (no text
+// mode turns LF into CR LF), and progress is drawn only where a person watches.
+
+enum { OS_STDOUT = 1, OS_STDERR = 2 };
+// Writes all n bytes to standard output or standard error. False when a write failed (a closed pipe, a
+// full disk); the caller decides whether that ends its work.
+bool os_std_write(int stream, const void *data, size_t n);
+// Whether the stream is a terminal (on Windows a console).
+bool os_std_is_terminal(int stream);
+// The process's peak resident memory in bytes (VmHWM; the peak working set), 0 when the system doesn't say.
+uint64_t os_peak_memory();
+// The fixed drives as a mask, bit 0 for A: to bit 25 for Z:. 0 where the system has no drive letters.
+uint32_t os_fixed_drives();

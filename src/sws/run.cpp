@@ -13,6 +13,7 @@
 #include "filelist/csv.h"
 #include "main/main.h"
 #include "mem/mem.h"
+#include "ntfs/ntfs.h"
 #include "os/os.h"
 #include "sws/sws.h"
 
@@ -72,6 +73,39 @@ bool header_names_filename(csv_t *csv) {
     return found;
 }
 
+// A volume must open and hold an NTFS boot sector: the build would otherwise take it for an empty source.
+static int check_volume(const char *path) {
+    os_file_t h = os_open_volume(path, OS_VOLUME_READ, false);
+    if (h == OS_FILE_INVALID) {
+        str_t why;
+        str_init(&why);
+        os_error_text(os_last_error(), &why);
+        error_line("%s: can't open the volume: %s", path, why.ptr ? why.ptr : "");
+        str_kill(&why);
+        return SWS_EXIT_SOURCE;
+    }
+    ntfs_boot_info_t info;
+    bool ntfs = ntfs_read_boot_sector(h, &info);
+    os_file_close(h);
+    if (!ntfs) {
+        error_line("%s: not an NTFS volume (no NTFS boot sector)", path);
+        return SWS_EXIT_SOURCE;
+    }
+    return SWS_EXIT_OK;
+}
+
+// The root folder's name in the index for a volume: a drive ("C:", "\\.\C:") is named by its letter, as
+// the program names it; an image or a block device by its path, so that its records read as inside it.
+static void volume_root_name(const char *path, str_t *out) {
+    size_t n = strlen(path);
+    if (n >= 2 && path[n - 2] != ':' && (path[n - 1] == '/' || path[n - 1] == '\\'))
+        n--;
+    if (n >= 2 && path[n - 1] == ':' && (n == 2 || path[n - 3] == '\\'))
+        str_set_n(out, path + n - 2, 2);
+    else
+        str_set_n(out, path, (int) n);
+}
+
 // Each source is checked before the build, which would otherwise take a source it can't read for an
 // empty one and answer a search over nothing. Returns SWS_EXIT_OK or the status of the first failure.
 int check_source(const sws_source_t *s) {
@@ -103,11 +137,7 @@ int check_source(const sws_source_t *s) {
         }
         return SWS_EXIT_OK;
     case SWS_SOURCE_NTFS:
-        // Refused, never ignored, until the volume joins the build's NTFS list: with the NTFS reader in the
-        // build that is db_ntfs_source_add(path, root name) beside the lists that apply_sources writes, and
-        // this check becomes the reader's own open.
-        error_line("%s: NTFS volumes can't be read by this build of sws yet", s->path);
-        return SWS_EXIT_SOURCE;
+        return check_volume(s->path);
     }
     return SWS_EXIT_OK;
 }
@@ -116,19 +146,17 @@ int check_source(const sws_source_t *s) {
 // written, so that sources of a -config file don't join; nothing is watched or rescanned, since the process
 // ends after one search.
 void apply_sources(const sws_source_t *sources, bool whole_system) {
-    str_t text, filelists, folders, ntfs;
+    str_t text, filelists, folders;
     str_init(&text);
     str_init(&filelists);
     str_init(&folders);
-    str_init(&ntfs);
-    int filelist_count = 0, folder_count = 0, ntfs_count = 0;
+    int filelist_count = 0, folder_count = 0;
     for (const sws_source_t *s = sources; s; s = s->next) {
-        str_t *list = s->kind == SWS_SOURCE_FILELIST ? &filelists
-                      : s->kind == SWS_SOURCE_FOLDER ? &folders
-                                                     : &ntfs;
-        int *count = s->kind == SWS_SOURCE_FILELIST ? &filelist_count
-                     : s->kind == SWS_SOURCE_FOLDER ? &folder_count
-                                                    : &ntfs_count;
+        if (s->kind == SWS_SOURCE_NTFS)
+            continue; // joins the volume list below
+        bool list_source = s->kind == SWS_SOURCE_FILELIST;
+        str_t *list = list_source ? &filelists : &folders;
+        int *count = list_source ? &filelist_count : &folder_count;
         config_list_cat_item(list, s->path, *count == 0, false);
         (*count)++;
     }
@@ -142,7 +170,6 @@ void apply_sources(const sws_source_t *sources, bool whole_system) {
     str_cat_z(&text, "\nfolder_update_types=");
     for (int i = 0; i < folder_count; i++)
         str_cat_z(&text, i ? ",0" : "0");
-    // With the NTFS reader in the build, each volume joins here through db_ntfs_source_add.
     str_cat_z(&text, "\nntfs_volume_paths=\nrefs_volume_paths=\n");
     // The kernel's own trees under "/" name processes and devices, not files: thousands of entries that
     // change with every process and that nobody looks for by name. They join the settings' excludes.
@@ -151,10 +178,19 @@ void apply_sources(const sws_source_t *sources, bool whole_system) {
     ini_t *ini = ini_parse(text.ptr, "Sablewatch");
     config_load_ini(ini, false, false);
     ini_free(ini);
+    // Volumes join the list the settings just emptied, as a user's own entries would.
+    str_t name;
+    str_init(&name);
+    for (const sws_source_t *s = sources; s; s = s->next) {
+        if (s->kind != SWS_SOURCE_NTFS)
+            continue;
+        volume_root_name(s->path, &name);
+        db_ntfs_source_add(s->path, name.ptr ? name.ptr : "");
+    }
+    str_kill(&name);
     str_kill(&text);
     str_kill(&filelists);
     str_kill(&folders);
-    str_kill(&ntfs);
 }
 
 // The embedded default: the whole file system. On Linux the folder "/"; on Windows the fixed drives'

@@ -115,11 +115,11 @@ static void _find(db_query_t *q, const mem_array_t *array, bool folder, db_scan_
             w->query = q, w->array = array, w->folder = folder, w->loop = fast ? loop : nullptr;
             w->first_chunk = (uint32_t) ((uint64_t) array->chunk_count * i / t);
             w->chunk_count = (uint32_t) ((uint64_t) array->chunk_count * (i + 1) / t) - w->first_chunk;
-            if (t > 1)
+            if (i + 1 < t)
                 w->thread = os_thread_create(_worker_proc, w);
         }
-        if (t == 1)
-            _worker_run(&workers[0]);
+        // The query thread takes the last range itself rather than wait idle beside its workers.
+        _worker_run(&workers[t - 1]);
         uint32_t total = 0;
         for (uint32_t i = 0; i < t; i++) {
             if (workers[i].thread)

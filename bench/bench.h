@@ -1,7 +1,9 @@
 // What the benchmarks share: where their data lives and how an index is pointed at one list.
 #pragma once
 
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 
 #include "config/config.h"
@@ -30,4 +32,28 @@ inline void bench_configure_list(const std::string &swl, const std::string &extr
     ini_t *ini = ini_parse(text.c_str(), "Sablewatch");
     config_load_ini(ini, false, false);
     ini_free(ini);
+}
+
+// A field of /proc/self/status ("VmHWM", "VmRSS") in KiB, or -1 where the system has no such file: the
+// figure then shows as not measured rather than as zero.
+inline double bench_status_kib(const char *key) {
+    FILE *f = fopen("/proc/self/status", "r");
+    if (!f)
+        return -1;
+    char line[256];
+    size_t klen = strlen(key);
+    double value = -1;
+    while (fgets(line, sizeof(line), f)) {
+        if (strncmp(line, key, klen) == 0 && line[klen] == ':') {
+            value = strtod(line + klen + 1, nullptr);
+            break;
+        }
+    }
+    fclose(f);
+    return value;
+}
+
+inline double bench_status_mib(const char *key) {
+    double kib = bench_status_kib(key);
+    return kib < 0 ? -1 : kib / 1024.0;
 }

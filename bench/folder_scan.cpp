@@ -90,24 +90,6 @@ void reset_peak() {
     }
 }
 
-// A field of /proc/self/status ("VmHWM", "VmRSS") in MiB.
-double status_mib(const char *key) {
-    FILE *f = fopen("/proc/self/status", "r");
-    if (!f)
-        return -1;
-    char line[256];
-    size_t klen = strlen(key);
-    double kib = -1;
-    while (fgets(line, sizeof(line), f)) {
-        if (strncmp(line, key, klen) == 0 && line[klen] == ':') {
-            kib = strtod(line + klen + 1, nullptr);
-            break;
-        }
-    }
-    fclose(f);
-    return kib < 0 ? -1 : kib / 1024.0;
-}
-
 double arena_mib() {
     return (double) mem_arena_blocks_in_use() * MEM_ARENA_BLOCK / (1024.0 * 1024.0);
 }
@@ -124,7 +106,7 @@ struct build_t {
 build_t build() {
     build_t b;
     double arena0 = arena_mib();
-    double before = status_mib("VmRSS");
+    double before = bench_status_mib("VmRSS");
     reset_peak();
     b.db = db_create(nullptr);
     auto t0 = std::chrono::steady_clock::now();
@@ -135,7 +117,7 @@ build_t build() {
     b.cpu = cpu_seconds(RUSAGE_SELF) - c0;
     // The job's end is posted to the main thread; here the benchmark is the main thread.
     event_dispatch();
-    double peak = status_mib("VmHWM");
+    double peak = bench_status_mib("VmHWM");
     b.peak_mib = peak < 0 || before < 0 ? -1 : peak - before;
     b.index_mib = arena_mib() - arena0;
     return b;
@@ -193,13 +175,13 @@ int scan_child(const char *root, uint32_t threads) {
     scan_options_t so = {};
     so.threads = threads;
     uint64_t items = 0;
-    double before = status_mib("VmRSS");
+    double before = bench_status_mib("VmRSS");
     reset_peak();
     auto t0 = std::chrono::steady_clock::now();
     double c0 = cpu_seconds(RUSAGE_SELF);
     bool ok = folder_scan_each(root, &so, nullptr, count_proc, &items);
     double s = seconds_since(t0), c = cpu_seconds(RUSAGE_SELF) - c0;
-    double peak = status_mib("VmHWM");
+    double peak = bench_status_mib("VmHWM");
     printf("scan %d %.6f %.6f %.3f %llu\n", ok ? 1 : 0, s, c, peak < 0 || before < 0 ? -1 : peak - before,
            (unsigned long long) items);
     return ok ? 0 : 1;

@@ -79,25 +79,6 @@ double seconds_since(std::chrono::steady_clock::time_point t0) {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
 }
 
-// A field of /proc/self/status in KiB, or -1 where the system has no such file (the figure then shows as
-// not measured rather than as zero).
-double status_kib(const char *key) {
-    FILE *f = fopen("/proc/self/status", "r");
-    if (!f)
-        return -1;
-    char line[256];
-    size_t klen = strlen(key);
-    double value = -1;
-    while (fgets(line, sizeof(line), f)) {
-        if (strncmp(line, key, klen) == 0 && line[klen] == ':') {
-            value = strtod(line + klen + 1, nullptr);
-            break;
-        }
-    }
-    fclose(f);
-    return value;
-}
-
 // Resets the resident high-water mark so that each step reports its own peak. Writing 5 to clear_refs
 // does exactly that on Linux; elsewhere the peak stays the process's.
 void reset_peak() {
@@ -109,7 +90,7 @@ void reset_peak() {
 }
 
 double peak_mib() {
-    double kib = status_kib("VmHWM");
+    double kib = bench_status_kib("VmHWM");
     return kib < 0 ? -1 : kib / 1024.0;
 }
 

@@ -34,16 +34,18 @@ void scan_result_kill(scan_result_t *r) {
     memset(r, 0, sizeof(*r));
 }
 
-void scan_item_path(const scan_item_t *item, str_t *out) {
-    size_t total = 0;
-    for (const scan_item_t *p = item; p; p = p->parent) {
+// The path of an item or a folder node: the names up the parent chain joined by the separator. Written
+// from the end, so the walk up the parents needs no second pass or stack.
+template <typename T>
+static void _chain_path(const T *leaf, str_t *out) {
+    size_t total = 1;
+    for (const T *p = leaf; p; p = p->parent) {
         total += p->name_len + 1;
     }
-    str_reserve(out, (int) total + 1);
-    // Written from the end, so the walk up the parents needs no second pass or stack.
+    str_reserve(out, (int) total);
     char *end = out->ptr + total - 1;
     char *w = end;
-    for (const scan_item_t *p = item; p; p = p->parent) {
+    for (const T *p = leaf; p; p = p->parent) {
         w -= p->name_len;
         memcpy(w, p->name, p->name_len);
         if (p->parent) {
@@ -53,6 +55,10 @@ void scan_item_path(const scan_item_t *item, str_t *out) {
     out->len = (int32_t) (end - w);
     memmove(out->ptr, w, (size_t) out->len);
     out->ptr[out->len] = 0;
+}
+
+void scan_item_path(const scan_item_t *item, str_t *out) {
+    _chain_path(item, out);
 }
 
 // ---- listings ------------------------------------------------------------------------------------------
@@ -120,23 +126,7 @@ struct _node_t {
 enum { SCAN_QUEUED, SCAN_CLAIMED, SCAN_LISTED };
 
 static void _node_path(const _node_t *node, str_t *out) {
-    size_t total = 1;
-    for (const _node_t *p = node; p; p = p->parent) {
-        total += p->name_len + 1;
-    }
-    str_reserve(out, (int) total);
-    char *end = out->ptr + total - 1;
-    char *w = end;
-    for (const _node_t *p = node; p; p = p->parent) {
-        w -= p->name_len;
-        memcpy(w, p->name, p->name_len);
-        if (p->parent) {
-            *--w = OS_SEP;
-        }
-    }
-    out->len = (int32_t) (end - w);
-    memmove(out->ptr, w, (size_t) out->len);
-    out->ptr[out->len] = 0;
+    _chain_path(node, out);
     if (out->len == 0) {
         str_set(out, OS_SEP_STR); // the Linux root, named by the empty text
     }

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <string>
 
 #include "config/config.h"
@@ -21,11 +22,13 @@ inline std::string bench_folder() {
 
 // Points the settings at one list, as a user's settings file would, and nothing else: no volumes, no
 // folders, the default structure, no list monitor. extra: more settings lines ("name=value\n"), which
-// win over the defaults (a structure without some sorted arrays, say).
+// win over the defaults (a structure without some sorted arrays, say). A relative path is made absolute
+// first: the settings take lists by full path, and a relative one would give an empty index, not an error.
 inline void bench_configure_list(const std::string &swl, const std::string &extra = "") {
+    std::string full = std::filesystem::absolute(swl).lexically_normal().string();
     str_t item;
     str_init(&item);
-    config_list_cat_item(&item, swl.c_str(), true, true);
+    config_list_cat_item(&item, full.c_str(), true, true);
     std::string text = "[Sablewatch]\nfilelists=" + std::string(item.ptr, (size_t) item.len) +
                        "\nfilelist_monitor_changes=0\n" + extra;
     str_kill(&item);

@@ -50,9 +50,9 @@ void error_line(const char *format, ...) {
     va_start(args, format);
     str_cat_vprintf(&line, format, args);
     va_end(args);
+    debug_printf("%s\n", line.ptr);
     str_cat_char(&line, '\n');
     os_std_write(OS_STDERR, line.ptr, (size_t) line.len);
-    debug_printf("%s", line.ptr);
     str_kill(&line);
 }
 

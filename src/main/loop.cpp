@@ -44,14 +44,14 @@ static void _main_end_session_proc(bool ending) {
     main_db_save();
 }
 
-bool main_loop_init(const char *instance) {
+static bool _main_loop_init(const char *instance, bool hand_over) {
     str_t class_name, file_name;
     str_init(&class_name);
     str_init(&file_name);
     main_window_class_name(&class_name, instance);
     main_instance_escape(&file_name, class_name.ptr);
     static const os_main_procs_t procs = {_main_wake_proc, _main_command_line_proc, _main_end_session_proc};
-    loop_made = os_main_loop_create(class_name.ptr, file_name.ptr, &procs);
+    loop_made = os_main_loop_create(class_name.ptr, hand_over ? file_name.ptr : nullptr, &procs);
     str_kill(&file_name);
     str_kill(&class_name);
     quit_requested = false;
@@ -61,6 +61,14 @@ bool main_loop_init(const char *instance) {
         os_main_wake();
     }
     return loop_made;
+}
+
+bool main_loop_init(const char *instance) {
+    return _main_loop_init(instance, true);
+}
+
+bool main_loop_init_private(const char *instance) {
+    return _main_loop_init(instance, false);
 }
 
 void main_loop_kill() {

@@ -61,6 +61,9 @@ int event_pending_count();
 // Creates the hidden window (Linux: the wake-up eventfd and the hand-over socket) for this instance (null
 // or "" for none). False on failure, with nothing created.
 bool main_loop_init(const char *instance);
+// The same loop for a process that no other may hand a command line to (a command-line client): events
+// only, no hand-over socket. False on failure, with nothing created.
+bool main_loop_init_private(const char *instance);
 // Destroys them. Queued events stay queued; event_kill reports them.
 void main_loop_kill();
 // Runs the loop until main_quit or the platform's quit message. Returns the code given to main_quit (0

@@ -31,7 +31,9 @@ struct os_main_procs_t {
     void (*end_session)(bool ending);
 };
 
-// Creates the wake-up channel and the hand-over endpoint. False on failure, with nothing left behind.
+// Creates the wake-up channel and the hand-over endpoint. A null file_name makes no hand-over socket on
+// Linux: a process that only needs its own events leaves no file behind that others could see or index.
+// False on failure, with nothing left behind.
 bool os_main_loop_create(const char *class_name, const char *file_name, const os_main_procs_t *procs);
 // Destroys both. Later wakes are dropped.
 void os_main_loop_destroy();

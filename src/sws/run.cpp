@@ -536,11 +536,12 @@ int run(sws_options_t *o) {
         db_file_name(&own_name, false, db_multi_user_filename != 0);
         r.db_label = own_name.ptr;
     }
-    // The loop takes a name of its own: the hand-over endpoint of a running instance is not sws's.
+    // The loop takes a name of its own and no hand-over endpoint: a running instance keeps its own, and no
+    // socket file of sws appears in the file system it may be indexing.
     str_t loop_name;
     str_init(&loop_name);
     str_printf(&loop_name, "sws %u %u", os_thread_id(), os_tick_ms());
-    if (status == SWS_EXIT_OK && !main_loop_init(loop_name.ptr)) {
+    if (status == SWS_EXIT_OK && !main_loop_init_private(loop_name.ptr)) {
         error_line("the main loop could not be made (event channel)");
         status = SWS_EXIT_SOURCE;
     }

@@ -117,6 +117,8 @@ bool os_main_loop_create(const char *class_name, const char *file_name, const os
     _mainloop_signals_catch();
     procs = *p;
     str_init(&socket_path);
+    if (!file_name)
+        return true;
     sockaddr_un addr;
     listen_fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     bool ok = listen_fd >= 0 && _mainloop_socket_address(file_name, &addr, &socket_path);

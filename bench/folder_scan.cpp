@@ -6,12 +6,14 @@
 // the wrong entries measures nothing.
 //
 // Usage: bench_folder_scan [--root <folder>] [--runs <n>] [--threads <n>] [--no-peer] [--log <file>]
+// [--smoke]
 //   --root     the folder to index (default /); like find -xdev, other file systems mounted below it are
 //              listed and not entered
 //   --runs     timed runs of each program after the warm-up (default 5, at least 1)
 //   --threads  the setting max_threads for the build (default 0: one per processor)
 //   --no-peer  neither find nor updatedb: the build and its figures only
 //   --log      write the program's debug log there (the scan and the rebuild time their steps)
+//   --smoke    /usr/include, one run: the whole path in seconds (what the test run uses)
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
@@ -146,7 +148,7 @@ bool run_timed(const std::string &cmd, times_t *t) {
     return true;
 }
 
-std::string quoted(const std::string &s) {
+std::string shell_quoted(const std::string &s) {
     std::string q = "'";
     for (char c : s) {
         if (c == '\'')
@@ -191,8 +193,8 @@ int scan_child(const char *root, uint32_t threads) {
 // that the builds freed and the process kept.
 void scan_only(const char *self, const options_t &o, uint64_t *items, times_t *t) {
     std::string out = temp_name("scan");
-    std::string cmd = quoted(self) + " --scan-child " + quoted(o.root) + " " + std::to_string(o.threads) +
-                      " > " + quoted(out);
+    std::string cmd = shell_quoted(self) + " --scan-child " + shell_quoted(o.root) + " " +
+                      std::to_string(o.threads) + " > " + shell_quoted(out);
     int rc = std::system(cmd.c_str());
     FILE *f = fopen(out.c_str(), "r");
     if (f) {
@@ -254,7 +256,8 @@ uint64_t filetime_of(const std::string &t) {
 // "size mtime path" records separated by zeros.
 bool find_paths(const std::string &root, std::unordered_map<std::string, found_t> *out) {
     std::string list = temp_name("find");
-    std::string cmd = "find " + quoted(root) + " -xdev -mindepth 1 -printf '%s %T@ %p\\0' > " + quoted(list);
+    std::string cmd =
+        "find " + shell_quoted(root) + " -xdev -mindepth 1 -printf '%s %T@ %p\\0' > " + shell_quoted(list);
     bool ok = std::system(cmd.c_str()) == 0;
     FILE *f = fopen(list.c_str(), "rb");
     if (f) {
@@ -356,9 +359,14 @@ bool parse_args(int argc, char **argv, options_t *o) {
             o->peer = false;
         else if (strcmp(a, "--log") == 0 && has_value)
             o->log = argv[++i];
-        else {
+        else if (strcmp(a, "--smoke") == 0) {
+            // A small tree that every build machine has, once: the whole path runs in seconds.
+            o->root = "/usr/include";
+            o->runs = 1;
+        } else {
             fprintf(stderr,
-                    "usage: %s [--root <folder>] [--runs <n>] [--threads <n>] [--no-peer] [--log <file>]\n",
+                    "usage: %s [--root <folder>] [--runs <n>] [--threads <n>] [--no-peer] [--log <file>] "
+                    "[--smoke]\n",
                     argv[0]);
             return false;
         }
@@ -435,7 +443,8 @@ int main(int argc, char **argv) {
         scan_only(argv[0], o, &scanned, &scan);
     std::string why_no_updatedb;
     if (o.peer) {
-        std::string find_cmd = "find " + quoted(o.root) + " -xdev -printf '%p %s %T@ %C@\\n' > /dev/null";
+        std::string find_cmd =
+            "find " + shell_quoted(o.root) + " -xdev -printf '%p %s %T@ %C@\\n' > /dev/null";
         run_timed(find_cmd, nullptr);
         for (int i = 0; i < o.runs; i++)
             run_timed(find_cmd, &find);
@@ -443,8 +452,9 @@ int main(int argc, char **argv) {
         // first, as the index's rebuild reads everything too. Its file-system prunes stay (they keep it out
         // of /proc and /sys, as -xdev keeps find and the scan); its path prunes are emptied.
         std::string db_file = temp_name("updatedb");
-        std::string up_cmd = "rm -f " + quoted(db_file) + " && updatedb -U " + quoted(o.root) + " -o " +
-                             quoted(db_file) + " --prunepaths '' --prunenames '' -l no 2>/dev/null";
+        std::string up_cmd = "rm -f " + shell_quoted(db_file) + " && updatedb -U " + shell_quoted(o.root) +
+                             " -o " + shell_quoted(db_file) +
+                             " --prunepaths '' --prunenames '' -l no 2>/dev/null";
         if (!run_timed(up_cmd, nullptr)) {
             why_no_updatedb = "updatedb failed or is missing (apt-get install plocate)";
         } else {

@@ -42,7 +42,7 @@ std::vector<got_t> read_image(const std::string &img, bool *booted = nullptr) {
     return got;
 }
 
-class ImageTest : public ::testing::TestWithParam<image_spec_t> {
+class ImageTest : public ::testing::TestWithParam<image_kind_t> {
   protected:
     static void SetUpTestSuite() {
         debug_init();
@@ -53,8 +53,8 @@ class ImageTest : public ::testing::TestWithParam<image_spec_t> {
 const uint64_t MASK = 0xFFFFFFFFFFFFull;
 
 TEST_P(ImageTest, RecordsMatchNtfslsAndNtfsinfo) {
-    const image_spec_t &spec = GetParam();
-    std::string img = image_path(spec);
+    const image_kind_t &kind = GetParam();
+    std::string img = image_path(kind);
     ASSERT_FALSE(img.empty());
     std::vector<oracle_entry_t> want = oracle_listing(img);
     ASSERT_GT(want.size(), 100u) << "ntfsls listed too little of " << img;
@@ -190,7 +190,7 @@ TEST_P(ImageTest, GetFdAgreesWithThePass) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Matrix, ImageTest, ::testing::ValuesIn(image_matrix()),
-                         [](const ::testing::TestParamInfo<image_spec_t> &i) {
+                         [](const ::testing::TestParamInfo<image_kind_t> &i) {
                              std::string n = i.param.name;
                              for (char &c : n)
                                  if (c == '-')

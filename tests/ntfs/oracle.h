@@ -16,7 +16,7 @@
 
 namespace fs = std::filesystem;
 
-struct image_spec_t {
+struct image_kind_t {
     const char *name;
     uint32_t cluster, sector;
     bool frag;
@@ -24,8 +24,8 @@ struct image_spec_t {
 
 // Every image of the matrix: the cluster sizes with both sector sizes where mkntfs allows them, and one
 // image whose $MFT is fragmented.
-inline const std::vector<image_spec_t> &image_matrix() {
-    static const std::vector<image_spec_t> m = {
+inline const std::vector<image_kind_t> &image_matrix() {
+    static const std::vector<image_kind_t> m = {
         {"c512-s512", 512, 512, false},         {"c4096-s512", 4096, 512, false},
         {"c4096-s4096", 4096, 4096, false},     {"c65536-s512", 65536, 512, false},
         {"c131072-s4096", 131072, 4096, false}, {"frag-c4096-s512", 4096, 512, true},
@@ -51,9 +51,9 @@ inline std::string run_text(const std::string &cmd) {
     return out;
 }
 
-// The image of a spec, made once per test process in the temporary folder. An image that can't be made
+// The image of a kind, made once per test process in the temporary folder. An image that can't be made
 // fails the test that asked for it (no FUSE, no ntfs-3g): it never passes empty.
-inline std::string image_path(const image_spec_t &s) {
+inline std::string image_path(const image_kind_t &s) {
     static std::map<std::string, std::string> made;
     auto it = made.find(s.name);
     if (it != made.end())

@@ -7,8 +7,15 @@
 #include <filesystem>
 #include <string>
 
+#include <chrono>
+
 #include "config/config.h"
+#include "debug/debug.h"
+#include "main/main.h"
+#include "mem/arena.h"
 #include "mem/mem.h"
+#include "os/os.h"
+#include "text/text.h"
 
 // This folder, where corpus.sh puts its data; SW_SOURCE_DIR wins when set (ctest sets it).
 inline std::string bench_folder() {
@@ -59,4 +66,31 @@ inline double bench_status_kib(const char *key) {
 inline double bench_status_mib(const char *key) {
     double kib = bench_status_kib(key);
     return kib < 0 ? -1 : kib / 1024.0;
+}
+
+// The program's own start-up as far as a benchmark needs it: log, platform layer, events, text tables,
+// the record arena and the default settings. log: a debug log path, or empty for none.
+inline void bench_start_up(const std::string &log) {
+    debug_init();
+    os_init();
+    event_init();
+    text_init_tables();
+    mem_arena_init();
+    config_defaults();
+    if (!log.empty() && !debug_open_log_path(log.c_str()))
+        fprintf(stderr, "could not open the log %s\n", log.c_str());
+}
+
+inline double bench_seconds_since(std::chrono::steady_clock::time_point t0) {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+}
+
+// Resets the resident high-water mark so that each step reports its own peak. Writing 5 to clear_refs
+// does exactly that on Linux; elsewhere the peak stays the process's.
+inline void bench_reset_peak() {
+    FILE *f = fopen("/proc/self/clear_refs", "w");
+    if (f) {
+        fputs("5", f);
+        fclose(f);
+    }
 }

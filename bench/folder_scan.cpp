@@ -79,19 +79,6 @@ double cpu_seconds(int who) {
            (double) u.ru_stime.tv_usec / 1e6;
 }
 
-double seconds_since(std::chrono::steady_clock::time_point t0) {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-}
-
-// VmHWM of /proc/self/status in MiB after clear_refs reset it; -1 where the system has neither.
-void reset_peak() {
-    FILE *f = fopen("/proc/self/clear_refs", "w");
-    if (f) {
-        fputs("5", f);
-        fclose(f);
-    }
-}
-
 double arena_mib() {
     return (double) mem_arena_blocks_in_use() * MEM_ARENA_BLOCK / (1024.0 * 1024.0);
 }
@@ -109,13 +96,13 @@ build_t build() {
     build_t b;
     double arena0 = arena_mib();
     double before = bench_status_mib("VmRSS");
-    reset_peak();
+    bench_reset_peak();
     b.db = db_create(nullptr);
     auto t0 = std::chrono::steady_clock::now();
     double c0 = cpu_seconds(RUSAGE_SELF);
     db_rebuild(b.db, true);
     db_wait(b.db, "bench_folder_scan");
-    b.seconds = seconds_since(t0);
+    b.seconds = bench_seconds_since(t0);
     b.cpu = cpu_seconds(RUSAGE_SELF) - c0;
     // The job's end is posted to the main thread; here the benchmark is the main thread.
     event_dispatch();
@@ -138,7 +125,7 @@ bool run_timed(const std::string &cmd, times_t *t) {
     auto t0 = std::chrono::steady_clock::now();
     double c0 = cpu_seconds(RUSAGE_CHILDREN);
     int rc = std::system(cmd.c_str());
-    double s = seconds_since(t0), c = cpu_seconds(RUSAGE_CHILDREN) - c0;
+    double s = bench_seconds_since(t0), c = cpu_seconds(RUSAGE_CHILDREN) - c0;
     if (rc != 0)
         return false;
     if (t) {
@@ -178,11 +165,11 @@ int scan_child(const char *root, uint32_t threads) {
     so.threads = threads;
     uint64_t items = 0;
     double before = bench_status_mib("VmRSS");
-    reset_peak();
+    bench_reset_peak();
     auto t0 = std::chrono::steady_clock::now();
     double c0 = cpu_seconds(RUSAGE_SELF);
     bool ok = folder_scan_each(root, &so, nullptr, count_proc, &items);
-    double s = seconds_since(t0), c = cpu_seconds(RUSAGE_SELF) - c0;
+    double s = bench_seconds_since(t0), c = cpu_seconds(RUSAGE_SELF) - c0;
     double peak = bench_status_mib("VmHWM");
     printf("scan %d %.6f %.6f %.3f %llu\n", ok ? 1 : 0, s, c, peak < 0 || before < 0 ? -1 : peak - before,
            (unsigned long long) items);
@@ -400,14 +387,7 @@ int main(int argc, char **argv) {
     }
     if (!parse_args(argc, argv, &o))
         return 2;
-    debug_init();
-    os_init();
-    event_init();
-    text_init_tables();
-    mem_arena_init();
-    config_defaults();
-    if (!o.log.empty() && !debug_open_log_path(o.log.c_str()))
-        fprintf(stderr, "could not open the log %s\n", o.log.c_str());
+    bench_start_up(o.log);
     if (!os_folder_exists(o.root.c_str())) {
         printf("no folder %s\n", o.root.c_str());
         return 2;

@@ -75,20 +75,6 @@ struct peer_t {
     std::string why; // when it didn't run
 };
 
-double seconds_since(std::chrono::steady_clock::time_point t0) {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-}
-
-// Resets the resident high-water mark so that each step reports its own peak. Writing 5 to clear_refs
-// does exactly that on Linux; elsewhere the peak stays the process's.
-void reset_peak() {
-    FILE *f = fopen("/proc/self/clear_refs", "w");
-    if (f) {
-        fputs("5", f);
-        fclose(f);
-    }
-}
-
 double peak_mib() {
     double kib = bench_status_kib("VmHWM");
     return kib < 0 ? -1 : kib / 1024.0;
@@ -244,11 +230,11 @@ uint64_t record_count(const db_t *db) {
 step_t build(db_t *db) {
     step_t st;
     double arena0 = arena_bytes();
-    reset_peak();
+    bench_reset_peak();
     auto t0 = std::chrono::steady_clock::now();
     db_rebuild(db, true);
     db_wait(db, "bench_index_build");
-    st.seconds = seconds_since(t0);
+    st.seconds = bench_seconds_since(t0);
     // The job's end is posted to the main thread; here the benchmark is the main thread.
     event_dispatch();
     st.peak_mib = peak_mib();
@@ -260,10 +246,10 @@ step_t build(db_t *db) {
 step_t save(db_t *db, const std::string &path, bool compressed) {
     step_t st;
     std::string tmp = path + ".tmp";
-    reset_peak();
+    bench_reset_peak();
     auto t0 = std::chrono::steady_clock::now();
     st.ok = db_file_save(db, path.c_str(), tmp.c_str(), compressed);
-    st.seconds = seconds_since(t0);
+    st.seconds = bench_seconds_since(t0);
     st.peak_mib = peak_mib();
     return st;
 }
@@ -274,10 +260,10 @@ step_t load(const std::string &path, bool compressed, uint64_t folders, uint64_t
     db_t *db = db_create(nullptr);
     db_load_settings_t settings = {nullptr, true};
     double arena0 = arena_bytes();
-    reset_peak();
+    bench_reset_peak();
     auto t0 = std::chrono::steady_clock::now();
     bool ok = db_file_load(db, path.c_str(), compressed, &settings);
-    st.seconds = seconds_since(t0);
+    st.seconds = bench_seconds_since(t0);
     st.peak_mib = peak_mib();
     st.arena_bytes = arena_bytes() - arena0;
     st.ok = ok && db->folders.count == folders && db->files.count == files;
@@ -417,17 +403,6 @@ bool parse_args(int argc, char **argv, options_t *o) {
     return true;
 }
 
-void start_up(const options_t &o) {
-    debug_init();
-    os_init();
-    event_init();
-    text_init_tables();
-    mem_arena_init();
-    config_defaults();
-    if (!o.log.empty() && !debug_open_log_path(o.log.c_str()))
-        fprintf(stderr, "could not open the log %s\n", o.log.c_str());
-}
-
 struct run_t {
     std::string swl, paths, out_dir;
     bool cleanup = false; // the lists and files are the benchmark's own, removed at the end
@@ -493,12 +468,12 @@ bool choose_input(const options_t &o, run_t *r, std::vector<std::string> *made) 
 int main(int argc, char **argv) {
     options_t o;
     if (argc > 1 && strcmp(argv[1], "--load-child") == 0) {
-        start_up(o);
+        bench_start_up(o.log);
         return load_child(argc, argv);
     }
     if (!parse_args(argc, argv, &o))
         return 2;
-    start_up(o);
+    bench_start_up(o.log);
     run_t r;
     std::vector<std::string> made;
     if (!choose_input(o, &r, &made))

@@ -213,12 +213,7 @@ int main(int argc, char **argv) {
         else if (!strcmp(argv[i], "--no-sorts"))
             o.sorts = false;
     }
-    debug_init();
-    os_init();
-    event_init();
-    text_init_tables();
-    mem_arena_init();
-    config_defaults();
+    bench_start_up("");
     if (o.smoke) {
         smoke_lists(&o.corpus, &o.paths);
         o.runs = 3;

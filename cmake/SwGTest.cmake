@@ -11,6 +11,9 @@ function(sw_test name)
   add_executable(${name} ${T_UNPARSED_ARGUMENTS})
   target_link_libraries(${name} PRIVATE ${T_LINK} GTest::gtest GTest::gtest_main)
   target_include_directories(${name} PRIVATE ${CMAKE_SOURCE_DIR}/tests)
+  # Where the tree is, for tests that run its scripts: __FILE__ is relative to the build folder, and a
+  # test run from anywhere else would not find them.
+  target_compile_definitions(${name} PRIVATE SW_SOURCE_DIR="${CMAKE_SOURCE_DIR}")
   sw_warnings(${name})
   # Through a runner that also fails a run of no test; the emulator (Wine) is named here because CTest
   # only puts it in front of a command that is itself a target.

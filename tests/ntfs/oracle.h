@@ -34,8 +34,7 @@ inline const std::vector<image_kind_t> &image_matrix() {
 }
 
 inline std::string tests_ntfs_folder() {
-    std::string here = __FILE__;
-    return here.substr(0, here.find_last_of('/'));
+    return SW_SOURCE_DIR "/tests/ntfs";
 }
 
 inline std::string run_text(const std::string &cmd) {

@@ -10,6 +10,7 @@
 #include "mem/mem.h"
 #include "os/os.h"
 #include "os/os_main.h"
+#include "program.h"
 
 namespace {
 
@@ -207,17 +208,7 @@ TEST(Handover, PrivateLoopRunsEventsAndOffersNoEndpoint) {
     ASSERT_TRUE(main_loop_init_private(instance.c_str()));
 #ifndef _WIN32
     // No socket file: nothing to hand a command line to, and nothing left where a folder scan would see it.
-    str_t cls, file;
-    str_init(&cls);
-    str_init(&file);
-    main_window_class_name(&cls, instance.c_str());
-    main_instance_escape(&file, cls.ptr);
-    os_main_peer_t *peer = os_main_peer_find(cls.ptr, file.ptr);
-    EXPECT_EQ(peer, nullptr);
-    if (peer)
-        os_main_peer_close(peer);
-    str_kill(&cls);
-    str_kill(&file);
+    EXPECT_FALSE(program_reachable(instance));
 #endif
     event_post(quit_proc, nullptr);
     EXPECT_EQ(main_loop_run(), 3);

@@ -249,6 +249,18 @@ TEST(LiveEdge, AFolderNameTakenUnderANewFrnKeepsItsRecordAndTakesTheFrn) {
     t.expect_model("after the FRN change");
 }
 
+// A folder renamed onto a name that a folder under another FRN holds: that folder takes the FRN, and the
+// two subtrees, which both hold "x", are not merged.
+TEST(LiveEdge, AFolderRenamedOntoAnotherFoldersNameDoesNotMergeTheirSubtrees) {
+    small_t t({"a/x=4", "b/x=5"});
+    uint64_t a = t.frn("a");
+    EXPECT_EQ(db_folder_rename(t.db, t.fs, a, DB_NTFS_ROOT_FRN, "b", 1, nullptr), t.folder("b"));
+    t.m.kill(t.node("a"));
+    t.m.nodes[t.node("b")].frn = a;
+    t.expect_model("after the rename onto b");
+    EXPECT_EQ(t.size_of(""), 5u);
+}
+
 // ---- lines for facts that can't be applied -------------------------------------------------------------
 
 TEST(LiveEdge, FactsThatCantBeAppliedAreLoggedAndDropped) {

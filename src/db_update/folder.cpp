@@ -286,6 +286,7 @@ static db_ref_t _rename(db_t *db, db_ref_t old, db_ref_t new_parent, const char 
             db_eval_scratch_init(&s);
             db_update_queries_attach(db, r, true, flags, &s);
             db_eval_scratch_kill(&s);
+            db_queries_record_replaced(db, old, r);
         }
     } else if (db_update_history.removed) {
         db_update_history.removed(db, old, true);

@@ -399,7 +399,9 @@ TEST(LiveQuery, ARenamedRecordKeepsItsSelectionWhileItStillMatches) {
     int row = db_get_result_index_from_filename(q, t.abs("a/readme.2").c_str());
     ASSERT_GE(row, 0);
     db_select_result(q, row);
-    // Moved and renamed, still a match: selected under its new name.
+    db_itemref_t ref = {};
+    db_itemref_set(q, &ref, row);
+    // Moved and renamed, still a match: selected and remembered under its new name.
     db_ref_t r = db_file_rename(t.db, t.fs, t.frn("a"), "readme.2", 8, t.frn("b"), "readme.0", 8, nullptr);
     ASSERT_NE(r, 0u);
     ASSERT_EQ(db_get_selection_count(q), 1);
@@ -409,6 +411,7 @@ TEST(LiveQuery, ARenamedRecordKeepsItsSelectionWhileItStillMatches) {
     ASSERT_TRUE(_db_result_at(q, at, &got, &folder));
     EXPECT_EQ(got, r);
     EXPECT_EQ(at, 0) << "readme.0 sorts first";
+    EXPECT_EQ(db_itemref_get(q, &ref), 0);
     // A folder's rename keeps the selection of what it holds.
     db_select_result(q, 1);
     ASSERT_NE(db_folder_rename(t.db, t.fs, t.frn("a"), DB_NTFS_ROOT_FRN, "c", 1, nullptr), 0u);
@@ -418,6 +421,8 @@ TEST(LiveQuery, ARenamedRecordKeepsItsSelectionWhileItStillMatches) {
     ASSERT_NE(db_file_rename(t.db, t.fs, t.frn("b"), "readme.0", 8, t.frn("b"), "zzz", 3, nullptr), 0u);
     EXPECT_EQ(db_get_result_count(q), 1);
     EXPECT_EQ(db_get_selection_count(q), 1);
+    EXPECT_EQ(db_itemref_get(q, &ref), -1);
+    db_itemref_destroy(q, &ref);
     db_destroy_query(q);
 }
 

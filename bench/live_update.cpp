@@ -5,6 +5,7 @@
 // would cost if it needed a rebuild. Prints one table; never fails on a time.
 //
 // Usage: bench_live_update [--corpus list.swl] [--paths list] [--changes n] [--smoke] [--no-peer]
+//                          [--structure default|all]
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -25,6 +26,7 @@ struct options_t {
     uint32_t changes = 100000;
     bool smoke = false;
     bool peer = true;
+    std::string structure; // "default" or "all": only that one
 };
 
 // Every sorted array and every column: the structure word 0x7F3F.
@@ -200,6 +202,8 @@ int main(int argc, char **argv) {
             o.smoke = true;
         else if (!strcmp(argv[i], "--no-peer"))
             o.peer = false;
+        else if (!strcmp(argv[i], "--structure") && i + 1 < argc)
+            o.structure = argv[++i];
     }
     bench_start_up("");
     if (o.smoke) {
@@ -211,8 +215,10 @@ int main(int argc, char **argv) {
     if (o.paths.empty())
         o.paths = bench_folder() + "/data/debian12.paths";
     std::vector<row_t> rows;
-    run_structure(o, "default", "", &rows);
-    run_structure(o, "all arrays", all_arrays, &rows);
+    if (o.structure.empty() || o.structure == "default")
+        run_structure(o, "default", "", &rows);
+    if (o.structure.empty() || o.structure == "all")
+        run_structure(o, "all arrays", all_arrays, &rows);
     if (rows.empty())
         return 1;
     double peer = o.peer ? peer_rebuild(o.paths) : -1;

@@ -47,6 +47,9 @@ struct ModelRun {
             s += std::to_string(rng() % 40);
         if (!folder && rng() % 12 == 0)
             s += ".tmp";
+        // Now and then a name long enough to carry its length in front of the record.
+        if (rng() % 60 == 0)
+            s += std::string(250 + rng() % 20, 'L');
         if (folder && rng() % 15 == 0)
             s = (rng() % 2 ? "skip" : "Skip") + s;
         return s;

@@ -82,6 +82,10 @@ enum db_field_t {
 
 #define DB_UNKNOWN UINT64_MAX
 
+// A file's details apart from its name, as readers and monitors deliver them: size, date modified, date
+// created, date accessed (unknown: all ones), attributes (unknown: 0).
+typedef os_file_info_t db_fd_t;
+
 // The word and what db_structure_set derives from it. Offsets are bytes from the start of the data
 // block, -1 for a field that is not stored. File and folder offsets are apart because the size may be in
 // one and not in the other.

@@ -26,7 +26,8 @@ static void _loop_run(db_search_worker_t *w, db_eval_scratch_t *s) {
     db_query_t *q = w->query;
     for (uint32_t c = w->first_chunk; c < w->first_chunk + w->chunk_count; c++) {
         const mem_array_chunk_t *chunk = w->array->table[c];
-        db_scan_loop_chunk(w->loop, q, mem_array_chunk_items(chunk), chunk->n, chunk->base, &w->out, s);
+        db_scan_loop_chunk(w->loop, q, mem_array_chunk_items(chunk), chunk->n, w->array->bases[c], &w->out,
+                           s);
         if (q->cancel_search)
             return;
         os_sleep_ms(0);
@@ -59,7 +60,7 @@ static void _worker_run(db_search_worker_t *w) {
             s.found = q->count_base + w->out.n;
             if (s.found >= stop_at)
                 goto done;
-            if (db_query_eval_chain(q, chain, w->folder, items[i], &s, (int64_t) chunk->base + i))
+            if (db_query_eval_chain(q, chain, w->folder, items[i], &s, (int64_t) w->array->bases[c] + i))
                 db_scan_list_push(&w->out, items[i]);
         }
         os_sleep_ms(0);

@@ -102,7 +102,7 @@ int _db_result_index_of(db_query_t *q, db_ref_t record, bool is_folder) {
             int chunk, pos;
             if (!mem_array_find_pos(a, _index_key_compare, &key, &chunk, &pos))
                 return -1;
-            return first + (int32_t) (a->table[chunk]->base + (uint32_t) pos);
+            return first + (int32_t) (a->bases[chunk] + (uint32_t) pos);
         }
         // A cancelled sort leaves no order that a compare could follow: walk.
         int32_t at = first;
@@ -354,7 +354,7 @@ static int _nearest_sorted(db_query_t *q, const char *text, size_t len, int from
             mem_array_find_near(a, &chunk, &pos, _not_below, &key);
             int lb = (int) a->count;
             if (mem_array_next(a, &chunk, &pos))
-                lb = (int) (a->table[chunk]->base + (uint32_t) pos);
+                lb = (int) (a->bases[chunk] + (uint32_t) pos);
             int at = first + lb;
             if (at < from)
                 at = from;

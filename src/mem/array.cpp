@@ -26,11 +26,11 @@ mem_array_chunk_t *mem_array_chunk_alloc(mem_array_t *a) {
         if (c->offset > 1) {
             // The rest of the run starts at the chunk right behind this one in the same block.
             mem_array_chunk_t *next = c + 1;
-            next->base = c->base;
+            next->link = c->link;
             next->offset = c->offset - 1;
             a->free_chunks = mem_ref(next);
         } else {
-            a->free_chunks = c->base;
+            a->free_chunks = c->link;
         }
     } else {
         mem_ref_t block = mem_arena_alloc_block();
@@ -38,44 +38,58 @@ mem_array_chunk_t *mem_array_chunk_alloc(mem_array_t *a) {
         c->block_link = a->blocks;
         a->blocks = block;
         mem_array_chunk_t *rest = c + 1;
-        rest->base = 0;
+        rest->link = 0;
         rest->offset = MEM_ARENA_BLOCK / MEM_ARRAY_CHUNK_SIZE - 1;
         a->free_chunks = mem_ref(rest);
     }
     // Word 1 stays: in the first chunk of a block it is the link of the block chain.
-    c->base = 0;
+    c->link = 0;
     c->offset = CHUNK_CENTRE;
     c->n = 0;
     return c;
 }
 
 static void _chunk_release(mem_array_t *a, mem_array_chunk_t *c) {
-    c->base = a->free_chunks;
+    c->link = a->free_chunks;
     c->offset = 1;
     c->n = 0;
     a->free_chunks = mem_ref(c);
 }
 
+void mem_array_table_alloc(mem_array_t *a, uint32_t cap) {
+    if (!cap) {
+        a->table = nullptr;
+        a->bases = nullptr;
+    } else {
+        a->table = (mem_array_chunk_t **) mem_alloc(cap * (sizeof(*a->table) + sizeof(*a->bases)));
+        a->bases = (uint32_t *) (a->table + cap);
+    }
+    a->table_cap = cap;
+}
+
+// The bases of the chunks in front of i are kept; those from i on are for the caller to set.
 void mem_array_table_insert(mem_array_t *a, uint32_t i, mem_array_chunk_t *c) {
     if (a->chunk_count + 1 > a->table_cap) {
         uint32_t cap = 1;
         while (cap < a->chunk_count + 1) {
             cap <<= 1;
         }
-        mem_array_chunk_t **t = (mem_array_chunk_t **) mem_alloc(cap * sizeof(*t));
+        mem_array_t old = *a;
+        mem_array_table_alloc(a, cap);
         if (i) {
-            memcpy(t, a->table, i * sizeof(*t));
+            memcpy(a->table, old.table, i * sizeof(*a->table));
+            memcpy(a->bases, old.bases, i * sizeof(*a->bases));
         }
         if (a->chunk_count > i) {
-            memcpy(t + i + 1, a->table + i, (a->chunk_count - i) * sizeof(*t));
+            memcpy(a->table + i + 1, old.table + i, (a->chunk_count - i) * sizeof(*a->table));
+            memcpy(a->bases + i + 1, old.bases + i, (a->chunk_count - i) * sizeof(*a->bases));
         }
-        if (a->table_cap) {
-            mem_free(a->table);
+        if (old.table_cap) {
+            mem_free(old.table);
         }
-        a->table = t;
-        a->table_cap = cap;
     } else {
         memmove(a->table + i + 1, a->table + i, (a->chunk_count - i) * sizeof(*a->table));
+        memmove(a->bases + i + 1, a->bases + i, (a->chunk_count - i) * sizeof(*a->bases));
     }
     a->table[i] = c;
     a->chunk_count++;
@@ -83,17 +97,16 @@ void mem_array_table_insert(mem_array_t *a, uint32_t i, mem_array_chunk_t *c) {
 
 static void _table_remove(mem_array_t *a, uint32_t i) {
     memmove(a->table + i, a->table + i + 1, (a->chunk_count - i - 1) * sizeof(*a->table));
+    memmove(a->bases + i, a->bases + i + 1, (a->chunk_count - i - 1) * sizeof(*a->bases));
     a->chunk_count--;
 }
 
-void mem_array_rebase(mem_array_t *a, uint32_t from) {
-    if (from >= a->chunk_count) {
-        return;
-    }
-    uint32_t base = from ? a->table[from - 1]->base + a->table[from - 1]->n : 0;
+// Every chunk from table index from on starts delta elements later (or earlier): the element count in front
+// of them changed, and nothing else did.
+static void _bases_shift(mem_array_t *a, uint32_t from, uint32_t delta) {
+    uint32_t *b = a->bases;
     for (uint32_t i = from; i < a->chunk_count; i++) {
-        a->table[i]->base = base;
-        base += a->table[i]->n;
+        b[i] += delta;
     }
 }
 
@@ -287,19 +300,22 @@ static void _spill_right(mem_array_chunk_t *c, mem_array_chunk_t *next, int pos,
     _chunk_insert(next, -1, out);
 }
 
-static void _insert_full(mem_array_t *a, int ci, int pos, mem_ref_t item) {
+// Returns the table index of the chunk that ends up with one element more; fresh is set when that chunk
+// is new, so that its base is not yet known.
+static int _insert_full(mem_array_t *a, int ci, int pos, mem_ref_t item, bool *fresh) {
     int left = _spill_cost_left(a, ci, pos);
     int right = _spill_cost_right(a, ci, pos);
     bool go_right;
-    if (left < 0 && right < 0) {
+    *fresh = left < 0 && right < 0;
+    if (*fresh) {
         // Neither neighbour can take an element: a fresh chunk on the side nearer to pos takes it.
-        mem_array_chunk_t *fresh = mem_array_chunk_alloc(a);
-        fresh->offset = CHUNK_SPLIT;
+        mem_array_chunk_t *c = mem_array_chunk_alloc(a);
+        c->offset = CHUNK_SPLIT;
         go_right = pos >= MEM_ARRAY_CHUNK_SLOTS / 2;
         if (go_right) {
-            mem_array_table_insert(a, (uint32_t) ci + 1, fresh);
+            mem_array_table_insert(a, (uint32_t) ci + 1, c);
         } else {
-            mem_array_table_insert(a, (uint32_t) ci, fresh);
+            mem_array_table_insert(a, (uint32_t) ci, c);
             ci++;
         }
     } else if (left < 0) {
@@ -312,27 +328,34 @@ static void _insert_full(mem_array_t *a, int ci, int pos, mem_ref_t item) {
     mem_array_chunk_t *c = a->table[ci];
     if (go_right) {
         _spill_right(c, a->table[ci + 1], pos, item);
-    } else {
-        _spill_left(c, a->table[ci - 1], pos, item);
+        return ci + 1;
     }
+    _spill_left(c, a->table[ci - 1], pos, item);
+    return ci - 1;
 }
 
 void mem_array_insert_at(mem_array_t *a, int chunk, int pos, mem_ref_t item) {
+    // grown: the one chunk that holds an element more than before. Every chunk behind it starts one later.
+    int grown = chunk;
+    bool fresh = false;
     if (a->chunk_count == 0) {
         mem_array_chunk_t *c = mem_array_chunk_alloc(a);
         c->offset = CHUNK_CENTRE;
-        c->n = 1;
         mem_array_chunk_items(c)[0] = item;
         mem_array_table_insert(a, 0, c);
+        c->n = 1;
+        grown = 0;
+        fresh = true;
     } else if (a->table[chunk]->n < MEM_ARRAY_CHUNK_SLOTS) {
         _chunk_insert(a->table[chunk], pos, item);
     } else {
-        _insert_full(a, chunk, pos, item);
+        grown = _insert_full(a, chunk, pos, item, &fresh);
     }
-    // Chunks in front of the one touched keep their bases; a spill to the left or a new chunk in front
-    // changes the count of the chunk before it at the most. The walk touches one header per chunk, each
-    // on a page of its own, so halving it on average is worth the line.
-    mem_array_rebase(a, chunk > 0 ? (uint32_t) chunk - 1 : 0);
+    if (fresh) {
+        // The chunk in front of a new one is unchanged, so its base and count place the new one.
+        a->bases[grown] = grown ? a->bases[grown - 1] + a->table[grown - 1]->n : 0;
+    }
+    _bases_shift(a, (uint32_t) grown + 1, 1);
     a->count++;
 }
 
@@ -361,8 +384,10 @@ void mem_array_remove_at(mem_array_t *a, int chunk, int pos) {
     if (c->n == 0) {
         _table_remove(a, (uint32_t) chunk);
         _chunk_release(a, c);
+        _bases_shift(a, (uint32_t) chunk, (uint32_t) -1);
+    } else {
+        _bases_shift(a, (uint32_t) chunk + 1, (uint32_t) -1);
     }
-    mem_array_rebase(a, (uint32_t) chunk);
     a->count--;
 }
 
@@ -390,7 +415,7 @@ void mem_array_locate(const mem_array_t *a, uint32_t i, int *chunk, int *pos) {
     int found = 0;
     while (low <= high) {
         int mid = low + (high - low) / 2;
-        if (a->table[mid]->base <= i) {
+        if (a->bases[mid] <= i) {
             found = mid;
             low = mid + 1;
         } else {
@@ -398,7 +423,7 @@ void mem_array_locate(const mem_array_t *a, uint32_t i, int *chunk, int *pos) {
         }
     }
     *chunk = found;
-    *pos = (int) (i - a->table[found]->base);
+    *pos = (int) (i - a->bases[found]);
 }
 
 mem_ref_t mem_array_get(const mem_array_t *a, uint32_t i) {

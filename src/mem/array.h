@@ -6,8 +6,12 @@
 // - A mem_array_t of all zero bits is a valid empty array; a reset is mem_array_kill and then zeroing.
 // - The used slots of a chunk are one contiguous run starting at byte `offset` of the chunk (16 up to
 //   4,096); free slots on both sides let an insertion shift whichever side is shorter.
-// - Every chunk in the table holds at least one element, and its `base` is the index in the whole array
-//   of its first element. Every change recomputes the bases from the changed chunk on, in one walk.
+// - Every chunk in the table holds at least one element, and bases[i] is the index in the whole array of
+//   the first element of chunk i. The bases sit beside the table, in the same heap block, rather than in
+//   the chunk headers: a change in the middle of a large array moves every later base, and a walk over a
+//   packed run of numbers costs a fraction of one that visits a header on a page of its own per chunk.
+//   An insertion or removal inside a chunk shifts the later bases by one; only a change of the table
+//   itself (a chunk made or emptied) recomputes them from the chunks' counts.
 // - Chunks leave the array only when it dies: an emptied chunk goes to the array's free list and is
 //   reused by later insertions of the same array.
 // - Elements are opaque: 0 is never stored (it means "none" in every result), and the array never looks
@@ -29,8 +33,9 @@
 #define MEM_ARRAY_BULK_OFFSET 48
 
 struct mem_array_chunk_t {
-    // Used chunk: index of its first element in the whole array. Free chunk: the next free run.
-    uint32_t base;
+    // Free chunk: the next free run. Unused while the chunk is in a table (mem_array_t.bases says where it
+    // starts).
+    uint32_t link;
     // In the first chunk of each arena block: the next block of the array's chain.
     mem_ref_t block_link;
     // Used chunk: byte offset of the first element from the start of the chunk (16 .. 4,096).
@@ -44,7 +49,8 @@ static_assert(sizeof(mem_array_chunk_t) == MEM_ARRAY_CHUNK_SIZE, "a chunk is exa
 
 struct mem_array_t {
     mem_array_chunk_t **table; // chunks in sequence order
-    uint32_t table_cap;        // slots of table; 0 when table is not owned
+    uint32_t *bases;           // index of each chunk's first element; table_cap slots behind table's
+    uint32_t table_cap;        // slots of table and of bases; 0 when the table is not owned
     mem_ref_t blocks;          // chain of the arena blocks the chunks live in
     mem_ref_t free_chunks;     // head of the free chunk runs
     uint32_t count;            // elements in all chunks

@@ -20,7 +20,7 @@ static uint32_t _next_power_of_two(uint32_t n) {
 static void _append_chunk(mem_array_t *a, mem_array_chunk_t *c, uint32_t offset, uint32_t n) {
     c->offset = offset;
     c->n = n;
-    c->base = a->count;
+    a->bases[a->chunk_count] = a->count;
     a->table[a->chunk_count++] = c;
     a->count += n;
 }
@@ -33,8 +33,7 @@ static void _prepare(mem_array_t *a, uint32_t cap) {
     if (a->table_cap) {
         mem_free(a->table);
     }
-    a->table = cap ? (mem_array_chunk_t **) mem_alloc(cap * sizeof(*a->table)) : nullptr;
-    a->table_cap = cap;
+    mem_array_table_alloc(a, cap);
     a->chunk_count = 0;
     a->count = 0;
 }
@@ -135,8 +134,8 @@ bool mem_array_check(const mem_array_t *a) {
             debug_printf("mem_array_check: chunk %u: offset %u, n %u\n", i, c->offset, c->n);
             return false;
         }
-        if (c->base != base) {
-            debug_printf("mem_array_check: chunk %u: base %u, expected %u\n", i, c->base, base);
+        if (a->bases[i] != base) {
+            debug_printf("mem_array_check: chunk %u: base %u, expected %u\n", i, a->bases[i], base);
             return false;
         }
         base += c->n;

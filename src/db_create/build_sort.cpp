@@ -381,6 +381,9 @@ static bool _field_of(db_order_t order, db_field_t *field) {
 
 void db_build_value_order(const db_t *db, db_order_t order, bool folder, const db_ref_t *by_name, uint32_t n,
                           db_ref_t *out) {
+    // An empty source may hand over no buffers at all.
+    if (!n)
+        return;
     memcpy(out, by_name, (size_t) n * sizeof(db_ref_t));
     db_field_t field;
     if (order == DB_ORDER_NAME || (order == DB_ORDER_EXTENSION && folder))

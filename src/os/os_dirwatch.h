@@ -15,6 +15,10 @@
 // - An addition of something already added, and a modification of something just added, are possible
 //   (a folder created and filled before its watch is in place is listed, and what it holds is reported as
 //   added): the caller treats an add of a known item as an update.
+// - A folder removed with what it held may come as the removal of the folder alone (a file-system mark
+//   can't name entries of a folder that is gone when the event is read): the caller removes what is
+//   below a removed folder. For the same reason such a watch names an entry by its folder's path when
+//   read, so an entry below a folder renamed just after may come with the new path, ahead of the rename.
 // - Nothing is lost silently: when changes can't be delivered one by one, a read says OVERFLOW and the
 //   caller rescans. A watch that can't cover the whole tree (the user's inotify watch limit) isn't made.
 // - A watch stays signalled for os_dirwatch_wait from the first change until a read has taken it, and a

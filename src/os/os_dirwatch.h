@@ -123,7 +123,7 @@ const os_dirwatch_fault_t *os_dirwatch_fault(const os_dirwatch_t *w);
 
 // Walks size bytes of FILE_NOTIFY_INFORMATION entries as ReadDirectoryChangesW leaves them, checking every
 // entry against size, and calls back once per entry with its name in UTF-8 ('\\' stays as it is).
-// Entries with an action outside 1..5 are passed over. Returns OS_DIRWATCH_OK, or OS_DIRWATCH_MALFORMED
+// Entries with an action outside 1..5, or a name holding U+0000, are passed over. Returns OS_DIRWATCH_OK, or OS_DIRWATCH_MALFORMED
 // with *fault filled (entries before the bad one are delivered). size 0 is OS_DIRWATCH_OVERFLOW, which
 // is what a completed read of nothing means. Needs no alignment of bytes.
 int os_dirwatch_walk_rdc(const void *bytes, uint32_t size, os_dirwatch_callback_t callback, void *ctx,

@@ -258,6 +258,13 @@ static inotify_node_t *_inotify_add(inotify_watch_t *w, const char *full, inotif
     }
     inotify_node_t *node = _inotify_find(w, wd);
     if (node) {
+        // Back in the tree under a new name (moved out and in again as two unpaired halves): when the
+        // move out is counted as a removal later, it must not take this folder's watches with it.
+        for (int i = 0; i < w->held_count; i++) {
+            if (w->held[i].wd == wd) {
+                w->held[i].wd = -1;
+            }
+        }
         if (node != w->top && parent) {
             _inotify_unlink(node);
             mem_free(node->name);

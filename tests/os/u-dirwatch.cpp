@@ -873,3 +873,45 @@ TEST(OsDirwatch, FolderMovedOutAndBackKeepsItsWatches) {
     EXPECT_TRUE(dw_has(f.got, OS_DIRWATCH_ADDED, "back/sub/x.txt")) << dw_dump(f.got);
 }
 #endif
+
+#ifndef _WIN32
+// The watched folder may be named through a link (only what is below it is never followed).
+TEST(OsDirwatch, FolderNamedThroughALinkIsWatchedWhole) {
+    dw_fixture f;
+    ASSERT_TRUE(os_folder_create_path(f.at("real/sub").c_str()));
+    std::string link = f.out("link");
+    ASSERT_EQ(symlink(f.at("real").c_str(), link.c_str()), 0);
+    os_dirwatch_t *w = os_dirwatch_create(link.c_str(), 65536, OS_DIRWATCH_NO_FANOTIFY);
+    ASSERT_NE(w, nullptr);
+    dw_write(f.at("real/sub/deep.txt"), "x");
+    std::vector<dw_seen> got;
+    for (int tries = 0; tries < 50 && !dw_has(got, OS_DIRWATCH_ADDED, "sub/deep.txt"); tries++) {
+        if (os_dirwatch_wait(f.stop, &w, 1, 100) == 0) {
+            os_dirwatch_read(w, dw_collect, &got);
+        }
+    }
+    EXPECT_TRUE(dw_has(got, OS_DIRWATCH_ADDED, "sub/deep.txt")) << dw_dump(got);
+    os_dirwatch_destroy(w);
+    unlink(link.c_str());
+}
+
+// A file written in many small pieces costs one modification per read, not one per write.
+TEST(OsDirwatch, FileWrittenInManyPiecesDoesNotFlood) {
+    dw_fixture f;
+    ASSERT_NE(f.w, nullptr);
+    dw_write(f.at("log.txt"), "start\n");
+    f.settle();
+    os_file_t h = os_file_open(f.at("log.txt").c_str(), OS_OPEN_WRITE | OS_OPEN_APPEND);
+    ASSERT_NE(h, OS_FILE_INVALID);
+    for (int i = 0; i < 1000; i++) {
+        os_file_write(h, "line\n", 5);
+    }
+    os_file_close(h);
+    f.gather([](const std::vector<dw_seen> &got) { return dw_has(got, OS_DIRWATCH_MODIFIED, "log.txt"); });
+    size_t modified = 0;
+    for (const dw_seen &g : f.got) {
+        modified += g.action == OS_DIRWATCH_MODIFIED && g.path == "log.txt";
+    }
+    EXPECT_EQ(modified, 1u) << dw_dump(f.got);
+}
+#endif

@@ -8,9 +8,9 @@
 // opening them against a descriptor of the root and reading the link /proc/self/fd gives.
 //
 // The kernel folds events on one name that queue up unread into one event with several bits, so one
-// event may say both created and deleted. What exists when it is read decides: an addition (an update,
-// for the caller, if it knew it already) or a removal. Renames come as one event with both names where
-// the kernel has FAN_RENAME, else as adjacent halves that are paired here.
+// event may say both created and deleted. What exists when it is read decides that one: an addition (an
+// update, for the caller, if it knew it already) or a removal. Renames come as one event with both names
+// where the kernel has FAN_RENAME, else as adjacent halves that are paired here.
 #include "mem/mem.h"
 #include "os/os_internal.h"
 #include "os/posix/dirwatch.h"
@@ -169,12 +169,6 @@ static void _fan_resolve(fanotify_watch_t *w, const char *record, const char *en
     out->inside = true;
 }
 
-static void _fan_emit(os_dirwatch_callback_t callback, void *ctx, uint32_t action, const str_t *path,
-                      uint32_t kind) {
-    os_dirwatch_entry_t e = {action, path->len ? path->ptr : "", (uint32_t) path->len, kind};
-    callback(ctx, &e);
-}
-
 // Whether the entry at rel exists now (not following a final link).
 static bool _fan_exists(fanotify_watch_t *w, const str_t *rel) {
     struct stat st;
@@ -182,6 +176,13 @@ static bool _fan_exists(fanotify_watch_t *w, const str_t *rel) {
 }
 
 // Carries a first half of a rename (kernels without FAN_RENAME) to the next event of the same read.
+// An entry of one read, held until the read is over (see _fan_deliver).
+struct fanotify_entry_t {
+    uint32_t action, kind;
+    char *path; // relative, as resolved when read; owned
+    size_t len;
+};
+
 struct fanotify_read_t {
     os_dirwatch_callback_t callback;
     void *ctx;
@@ -189,11 +190,76 @@ struct fanotify_read_t {
     bool from_held;
     uint32_t from_kind;
     str_t from_path;
+    fanotify_entry_t *entries;
+    int count, cap;
 };
+
+static void _fan_emit(fanotify_read_t *r, uint32_t action, const str_t *path, uint32_t kind) {
+    if (r->count == r->cap) {
+        r->cap = r->cap ? r->cap * 2 : 64;
+        r->entries = (fanotify_entry_t *) mem_realloc(r->entries, (size_t) r->cap * sizeof(fanotify_entry_t));
+    }
+    fanotify_entry_t *e = &r->entries[r->count++];
+    e->action = action;
+    e->kind = kind;
+    e->len = (size_t) path->len;
+    e->path = mem_dup(path->len ? path->ptr : "", e->len);
+}
+
+// Rewrites a path under a renamed folder's new name to its old name. True when it did.
+static bool _fan_undo_rename(fanotify_entry_t *e, const fanotify_entry_t *old_name,
+                             const fanotify_entry_t *new_name) {
+    size_t n = new_name->len;
+    if (e->len < n || memcmp(e->path, new_name->path, n) != 0 || (e->len > n && e->path[n] != '/')) {
+        return false;
+    }
+    size_t len = old_name->len + (e->len - n);
+    char *path = (char *) mem_alloc(len + 1);
+    memcpy(path, old_name->path, old_name->len);
+    memcpy(path + old_name->len, e->path + n, e->len - n + 1);
+    mem_free(e->path);
+    e->path = path;
+    e->len = len;
+    return true;
+}
+
+// Delivers the read's entries. Folders are named by handle and resolved when read, so an entry from
+// before a folder was renamed comes out under the new name; the renames of the same read are undone,
+// latest first, on every entry that precedes them, so that each names its path as it was at its time.
+static void _fan_deliver(fanotify_read_t *r) {
+    // Indexes of the new-name entries of folder renames met so far, walking back: latest first.
+    int *renames = (int *) mem_alloc(((size_t) r->count + 1) * sizeof(int));
+    int rename_count = 0;
+    for (int i = r->count - 1; i >= 0; i--) {
+        bool pair = r->entries[i].action == OS_DIRWATCH_RENAMED_NEW && i > 0 &&
+                    r->entries[i - 1].action == OS_DIRWATCH_RENAMED_OLD;
+        for (int k = 0; k < rename_count; k++) {
+            const fanotify_entry_t *to = &r->entries[renames[k]];
+            _fan_undo_rename(&r->entries[i], to - 1, to);
+            if (pair) {
+                _fan_undo_rename(&r->entries[i - 1], to - 1, to);
+            }
+        }
+        if (pair) {
+            if (r->entries[i].kind == OS_DIRWATCH_FOLDER) {
+                renames[rename_count++] = i;
+            }
+            i--;
+        }
+    }
+    mem_free(renames);
+    for (int i = 0; i < r->count; i++) {
+        fanotify_entry_t *e = &r->entries[i];
+        os_dirwatch_entry_t out = {e->action, e->path, (uint32_t) e->len, e->kind};
+        r->callback(r->ctx, &out);
+        mem_free(e->path);
+    }
+    r->count = 0;
+}
 
 static void _fan_flush_from(fanotify_read_t *r) {
     if (r->from_held) {
-        _fan_emit(r->callback, r->ctx, OS_DIRWATCH_REMOVED, &r->from_path, r->from_kind);
+        _fan_emit(r, OS_DIRWATCH_REMOVED, &r->from_path, r->from_kind);
         r->from_held = false;
     }
 }
@@ -202,12 +268,12 @@ static void _fan_flush_from(fanotify_read_t *r) {
 static void _fan_rename(fanotify_read_t *r, bool a_inside, const str_t *a, bool b_inside, const str_t *b,
                         uint32_t kind) {
     if (a_inside && b_inside) {
-        _fan_emit(r->callback, r->ctx, OS_DIRWATCH_RENAMED_OLD, a, kind);
-        _fan_emit(r->callback, r->ctx, OS_DIRWATCH_RENAMED_NEW, b, kind);
+        _fan_emit(r, OS_DIRWATCH_RENAMED_OLD, a, kind);
+        _fan_emit(r, OS_DIRWATCH_RENAMED_NEW, b, kind);
     } else if (a_inside) {
-        _fan_emit(r->callback, r->ctx, OS_DIRWATCH_REMOVED, a, kind);
+        _fan_emit(r, OS_DIRWATCH_REMOVED, a, kind);
     } else if (b_inside) {
-        _fan_emit(r->callback, r->ctx, OS_DIRWATCH_ADDED, b, kind);
+        _fan_emit(r, OS_DIRWATCH_ADDED, b, kind);
     }
 }
 
@@ -259,11 +325,15 @@ static void _fan_event(fanotify_watch_t *w, const struct fanotify_event_metadata
         str_set_n(&r->from_path, r->a.path.ptr, r->a.path.len);
         return;
     }
-    if (m->mask & (FAN_CREATE | FAN_DELETE)) {
+    if ((m->mask & FAN_CREATE) && (m->mask & FAN_DELETE)) {
+        // Folded: made and removed (or the reverse) between two reads; what is there now says which came
+        // last. Only then: a name alone may be gone because a later rename moved it.
         bool exists = _fan_exists(w, &r->a.path);
-        _fan_emit(r->callback, r->ctx, exists ? OS_DIRWATCH_ADDED : OS_DIRWATCH_REMOVED, &r->a.path, kind);
+        _fan_emit(r, exists ? OS_DIRWATCH_ADDED : OS_DIRWATCH_REMOVED, &r->a.path, kind);
+    } else if (m->mask & (FAN_CREATE | FAN_DELETE)) {
+        _fan_emit(r, (m->mask & FAN_CREATE) ? OS_DIRWATCH_ADDED : OS_DIRWATCH_REMOVED, &r->a.path, kind);
     } else if (m->mask & (FAN_MODIFY | FAN_CLOSE_WRITE | FAN_ATTRIB)) {
-        _fan_emit(r->callback, r->ctx, OS_DIRWATCH_MODIFIED, &r->a.path, kind);
+        _fan_emit(r, OS_DIRWATCH_MODIFIED, &r->a.path, kind);
     }
 }
 
@@ -302,7 +372,7 @@ static int _fan_read(os_dirwatch_t *base, os_dirwatch_callback_t callback, void 
                 close(m.fd);
             }
             if (m.mask & FAN_Q_OVERFLOW) {
-                // Go on reading: the rest is still true, and the caller rescans for what was lost.
+                // The rest of this buffer is still true; the caller rescans for what was lost.
                 result = OS_DIRWATCH_OVERFLOW;
             } else {
                 _fan_event(w, &m, w->buffer + off, &r);
@@ -311,6 +381,8 @@ static int _fan_read(os_dirwatch_t *base, os_dirwatch_callback_t callback, void 
         }
     }
     _fan_flush_from(&r);
+    _fan_deliver(&r);
+    mem_free(r.entries);
     str_kill(&r.a.path);
     str_kill(&r.b.path);
     str_kill(&r.from_path);

@@ -517,14 +517,18 @@ static bool _inotify_moved_to(inotify_watch_t *w, inotify_node_t *parent, const 
         _inotify_rel_path(parent, e->name, &out->path);
         _inotify_emit(out, OS_DIRWATCH_RENAMED_NEW, &out->path, kind);
         inotify_node_t *node = h->wd >= 0 ? _inotify_find(w, h->wd) : nullptr;
+        mem_free(h->path);
+        w->held[i] = w->held[--w->held_count];
         if (node && node != w->top) {
             _inotify_unlink(node);
             mem_free(node->name);
             node->name = mem_dup(e->name, strlen(e->name));
             _inotify_link(node, parent);
+        } else if (is_dir && !node) {
+            // A folder renamed before it was ever watched (made and renamed between two reads): it is
+            // watched and listed under its new name now, or what it holds would never be told.
+            return _inotify_appeared(w, parent, e->name, out);
         }
-        mem_free(h->path);
-        w->held[i] = w->held[--w->held_count];
         return true;
     }
     _inotify_rel_path(parent, e->name, &out->path);

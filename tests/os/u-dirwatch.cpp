@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <random>
 #include <set>
 #include <string>
 #include <vector>
@@ -1038,5 +1039,113 @@ TEST(OsDirwatch, MarkedEntriesBeforeARenameNameTheOldPath) {
         GTEST_SKIP() << "no scratch mount with a fanotify file-system mark here";
     }
     dw_check_rename_after_entries(f);
+}
+#endif
+
+#ifndef _WIN32
+// Random bursts of changes, each made whole before the watch is read (so events, folders not yet watched
+// and listings interleave every way): after each burst, the entries applied to the model must give the
+// tree. Moves across the watched folder's edge only where the outside is on the same file system.
+static void dw_random_bursts(dw_fixture &f, unsigned seed, bool cross) {
+    f.settle();
+    dw_model model;
+    std::mt19937 rng(seed);
+    int serial = 0;
+    std::vector<std::string> parked; // moved out, in f.outside
+    for (int round = 0; round < 25; round++) {
+        std::string script;
+        int ops = 1 + (int) (rng() % 12);
+        for (int op = 0; op < ops; op++) {
+            std::set<std::string> tree;
+            dw_list(f.root, "", &tree);
+            std::vector<std::string> files, inner; // inner: folders below the root
+            for (const std::string &p : tree) {
+                (os_folder_exists(f.at(p.c_str()).c_str()) ? inner : files).push_back(p);
+            }
+            std::vector<std::string> folders = inner;
+            folders.push_back("");
+            auto pick = [&](const std::vector<std::string> &v) { return v[rng() % v.size()]; };
+            auto below = [](const std::string &folder, const std::string &name) {
+                return folder.empty() ? name : folder + "/" + name;
+            };
+            std::string name = std::to_string(serial++);
+            switch (rng() % 9) {
+            case 0:
+                dw_write(f.at(below(pick(folders), "f" + name).c_str()), "x");
+                break;
+            case 1:
+                os_folder_create(f.at(below(pick(folders), "d" + name).c_str()).c_str());
+                break;
+            case 2:
+                if (!files.empty()) {
+                    dw_write(f.at(pick(files).c_str()), "more");
+                }
+                break;
+            case 3:
+            case 4: {
+                const std::vector<std::string> &what = rng() % 2 ? files : inner;
+                if (what.empty()) {
+                    break;
+                }
+                std::string from = pick(what), to = below(pick(folders), "r" + name);
+                if (to.compare(0, from.size() + 1, from + "/") != 0) {
+                    os_file_rename(f.at(from.c_str()).c_str(), f.at(to.c_str()).c_str());
+                }
+                break;
+            }
+            case 5:
+                if (!files.empty()) {
+                    os_file_delete(f.at(pick(files).c_str()).c_str());
+                }
+                break;
+            case 6:
+                if (!inner.empty()) {
+                    dw_remove_tree(f.at(pick(inner).c_str()));
+                }
+                break;
+            case 7:
+                if (cross && !inner.empty()) {
+                    parked.push_back("p" + name);
+                    os_file_rename(f.at(pick(inner).c_str()).c_str(), f.out(parked.back().c_str()).c_str());
+                }
+                break;
+            case 8:
+                if (cross && !parked.empty()) {
+                    os_file_rename(f.out(parked.back().c_str()).c_str(),
+                                   f.at(below(pick(folders), "b" + name).c_str()).c_str());
+                    parked.pop_back();
+                }
+                break;
+            }
+        }
+        f.got.clear();
+        while (f.step(100)) {
+        }
+        std::string why = model.apply(f.got);
+        std::set<std::string> real;
+        dw_list(f.root, "", &real);
+        ASSERT_EQ(why, "") << "round " << round << "\n" << dw_dump(f.got);
+        ASSERT_EQ(model.paths, real) << "round " << round << "\n" << dw_dump(f.got);
+    }
+}
+
+TEST(OsDirwatch, RandomBurstsKeepAModelOfTheTree) {
+    for (unsigned seed : {1u, 2u, 3u}) {
+        dw_fixture f;
+        ASSERT_NE(f.w, nullptr);
+        SCOPED_TRACE(seed);
+        dw_random_bursts(f, seed, true);
+    }
+}
+
+TEST(OsDirwatch, MarkedRandomBurstsKeepAModelOfTheTree) {
+    for (unsigned seed : {1u, 2u, 3u}) {
+        dw_fixture f(0, 65536, true);
+        if (!f.mounted || strcmp(os_dirwatch_mechanism(f.w), "fanotify") != 0) {
+            GTEST_SKIP() << "no scratch mount with a fanotify file-system mark here";
+        }
+        SCOPED_TRACE(seed);
+        dw_random_bursts(f, seed, false);
+    }
 }
 #endif

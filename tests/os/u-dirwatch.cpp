@@ -1043,9 +1043,9 @@ TEST(OsDirwatch, MarkedEntriesBeforeARenameNameTheOldPath) {
 #endif
 
 #ifndef _WIN32
-// Random bursts of changes, each made whole before the watch is read (so events, folders not yet watched
-// and listings interleave every way): after each burst, the entries applied to the model must give the
-// tree. Moves across the watched folder's edge only where the outside is on the same file system.
+// Random bursts of changes, mostly made whole before the watch is read (so events, folders not yet
+// watched and listings interleave every way): after each burst, the entries applied to the model must give
+// the tree. Moves across the watched folder's edge only where the outside is on the same file system.
 static void dw_random_bursts(dw_fixture &f, unsigned seed, bool cross) {
     f.settle();
     dw_model model;
@@ -1053,9 +1053,14 @@ static void dw_random_bursts(dw_fixture &f, unsigned seed, bool cross) {
     int serial = 0;
     std::vector<std::string> parked; // moved out, in f.outside
     for (int round = 0; round < 25; round++) {
-        std::string script;
+        f.got.clear();
         int ops = 1 + (int) (rng() % 12);
         for (int op = 0; op < ops; op++) {
+            // Now and then the watch is read in the middle of a burst, splitting it at another place.
+            if (rng() % 4 == 0) {
+                while (f.step(0)) {
+                }
+            }
             std::set<std::string> tree;
             dw_list(f.root, "", &tree);
             std::vector<std::string> files, inner; // inner: folders below the root
@@ -1118,7 +1123,6 @@ static void dw_random_bursts(dw_fixture &f, unsigned seed, bool cross) {
                 break;
             }
         }
-        f.got.clear();
         while (f.step(100)) {
         }
         std::string why = model.apply(f.got);
@@ -1130,7 +1134,8 @@ static void dw_random_bursts(dw_fixture &f, unsigned seed, bool cross) {
 }
 
 TEST(OsDirwatch, RandomBurstsKeepAModelOfTheTree) {
-    for (unsigned seed : {1u, 2u, 3u}) {
+    // Seeds 6 and 22 move a folder out of the tree and then rename its parent in one burst.
+    for (unsigned seed : {1u, 6u, 22u}) {
         dw_fixture f;
         ASSERT_NE(f.w, nullptr);
         SCOPED_TRACE(seed);

@@ -7,9 +7,10 @@
 // change to one node and every path below it follows. Events name a watch by its descriptor (wd); a small
 // hash table finds the node.
 //
-// A rename gives two events joined by a cookie: the old name in one folder, the new name in another. They
-// are normally adjacent but may straddle two reads, so an unmatched old name is held back until the next
-// read, or for INOTIFY_HOLD_MS at most, before it counts as a removal (moved out of the tree).
+// A rename gives two events joined by a cookie: the old name in one folder, the new name in another,
+// queued one right after the other. An old name followed by any other event was a move out of the tree
+// and counts as a removal at once; one that ends a read may have its new name in the next, so it is held
+// until then, or for INOTIFY_HOLD_MS at most.
 //
 // Where the user's watch limit stops a watch, the whole watch is given up: watching part of a tree without
 // saying so would leave the index wrong without anyone knowing. A queue overflow rebuilds every watch,
@@ -474,6 +475,12 @@ static bool _inotify_appeared(inotify_watch_t *w, inotify_node_t *parent, const 
     return ok;
 }
 
+// Takes held entry i out, keeping the others in the order they came.
+static void _inotify_unhold(inotify_watch_t *w, int i) {
+    w->held_count--;
+    memmove(&w->held[i], &w->held[i + 1], (size_t) (w->held_count - i) * sizeof(inotify_held_t));
+}
+
 // Delivers the held first half i as a removal (its second half never came: moved out of the tree).
 static void _inotify_release(inotify_watch_t *w, int i, inotify_out_t *out) {
     inotify_held_t *h = &w->held[i];
@@ -484,7 +491,7 @@ static void _inotify_release(inotify_watch_t *w, int i, inotify_out_t *out) {
         _inotify_drop(w, node, true);
     }
     mem_free(h->path);
-    w->held[i] = w->held[--w->held_count];
+    _inotify_unhold(w, i);
 }
 
 static void _inotify_moved_from(inotify_watch_t *w, inotify_node_t *parent, const struct inotify_event *e,
@@ -518,7 +525,7 @@ static bool _inotify_moved_to(inotify_watch_t *w, inotify_node_t *parent, const 
         _inotify_emit(out, OS_DIRWATCH_RENAMED_NEW, &out->path, kind);
         inotify_node_t *node = h->wd >= 0 ? _inotify_find(w, h->wd) : nullptr;
         mem_free(h->path);
-        w->held[i] = w->held[--w->held_count];
+        _inotify_unhold(w, i);
         if (node && node != w->top) {
             _inotify_unlink(node);
             mem_free(node->name);
@@ -591,9 +598,26 @@ static int _inotify_event(inotify_watch_t *w, const struct inotify_event *e, ino
 }
 
 // Walks n bytes of events.
+// True when e is the second half of a held first half.
+static bool _inotify_completes(const inotify_watch_t *w, const struct inotify_event *e) {
+    for (int i = 0; (e->mask & IN_MOVED_TO) && i < w->held_count; i++) {
+        if (w->held[i].cookie == e->cookie) {
+            return true;
+        }
+    }
+    return false;
+}
+
 static int _inotify_events(inotify_watch_t *w, ssize_t n, inotify_out_t *out) {
     for (ssize_t off = 0; off + (ssize_t) sizeof(struct inotify_event) <= n;) {
         const struct inotify_event *e = (const struct inotify_event *) (w->buffer + off);
+        // The kernel queues the two halves of a rename one right after the other, so a first half
+        // followed by anything else was a move out of the tree. It is delivered before that event, in
+        // its place: held on, its old path could be stale by the time it goes out (its folder renamed
+        // meanwhile), and it would come after changes that happened after it.
+        while (w->held_count > 0 && !_inotify_completes(w, e)) {
+            _inotify_release(w, 0, out);
+        }
         int r = _inotify_event(w, e, out);
         if (r != INOTIFY_GO_ON) {
             return r;

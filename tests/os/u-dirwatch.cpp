@@ -1134,8 +1134,9 @@ static void dw_random_bursts(dw_fixture &f, unsigned seed, bool cross) {
 }
 
 TEST(OsDirwatch, RandomBurstsKeepAModelOfTheTree) {
-    // Seeds 6 and 22 move a folder out of the tree and then rename its parent in one burst.
-    for (unsigned seed : {1u, 6u, 22u}) {
+    // Seeds 6 and 22 move a folder out of the tree and then rename its parent in one burst; 38 moves a
+    // folder in and then renames its parent.
+    for (unsigned seed : {1u, 6u, 22u, 38u}) {
         dw_fixture f;
         ASSERT_NE(f.w, nullptr);
         SCOPED_TRACE(seed);
@@ -1152,5 +1153,40 @@ TEST(OsDirwatch, MarkedRandomBurstsKeepAModelOfTheTree) {
         SCOPED_TRACE(seed);
         dw_random_bursts(f, seed, false);
     }
+}
+#endif
+
+#ifndef _WIN32
+// A name renamed away and made again, all before the watch is read, as a log is rotated: the entries
+// must leave both the old item under its new name and the new item under the old one.
+static void dw_check_name_made_again(dw_fixture &f) {
+    f.settle();
+    dw_write(f.at("app.log"), "old lines");
+    os_folder_create(f.at("spool").c_str());
+    ASSERT_TRUE(os_file_rename(f.at("app.log").c_str(), f.at("app.log.1").c_str()));
+    dw_write(f.at("app.log"), "new lines");
+    ASSERT_TRUE(os_file_rename(f.at("spool").c_str(), f.at("spool.1").c_str()));
+    os_folder_create(f.at("spool").c_str());
+    dw_write(f.at("spool/job"), "x");
+    f.gather([](const std::vector<dw_seen> &got) { return dw_has(got, OS_DIRWATCH_ADDED, "spool/job"); });
+    dw_model model;
+    EXPECT_EQ(model.apply(f.got), "") << dw_dump(f.got);
+    std::set<std::string> real;
+    dw_list(f.root, "", &real);
+    EXPECT_EQ(model.paths, real) << dw_dump(f.got);
+}
+
+TEST(OsDirwatch, NameMadeAgainAfterARenameIsThere) {
+    dw_fixture f;
+    ASSERT_NE(f.w, nullptr);
+    dw_check_name_made_again(f);
+}
+
+TEST(OsDirwatch, MarkedNameMadeAgainAfterARenameIsThere) {
+    dw_fixture f(0, 65536, true);
+    if (!f.mounted || strcmp(os_dirwatch_mechanism(f.w), "fanotify") != 0) {
+        GTEST_SKIP() << "no scratch mount with a fanotify file-system mark here";
+    }
+    dw_check_name_made_again(f);
 }
 #endif

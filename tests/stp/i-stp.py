@@ -76,7 +76,8 @@ class Server:
         self.ini = os.path.join(work, "stp.ini")
         with open(self.ini, "w", encoding="utf-8") as f:
             f.write("[Sablewatch]\n")
-            f.write('folders="%s"\n' % native(tree))
+            # Unquoted: inside quotes a list item's backslashes are escapes.
+            f.write("folders=%s\n" % native(tree))
             f.write("stp_server_enabled=1\nstp_server_port=%d\nstp_server_bindings=%s\n" % (self.port, HOST))
             f.write("stp_server_username=%s\nstp_server_password=%s\n" % (USER, PASSWORD))
             f.write("stp_server_logging_enabled=1\nstp_server_log_file_name=%s\n" % native(self.log))
@@ -368,7 +369,18 @@ class StpTest(unittest.TestCase):
     # ---- bad input ----------------------------------------------------------------------------------------
 
     def assert_serving(self):
-        r = Raw(self.server.port)
+        # Dropped connections may still count against the limit until their close events are handled;
+        # the server says so ("421 Too many connections") and must serve again soon after.
+        deadline = time.time() + 60
+        while True:
+            r = Raw(self.server.port, login=False)
+            if not r.welcome.startswith("421 ") or time.time() > deadline:
+                break
+            r.close()
+            time.sleep(0.2)
+        self.assertTrue(r.welcome.startswith("220 "), r.welcome)
+        self.assertTrue(r.cmd("USER " + USER).startswith("331"))
+        self.assertEqual(r.cmd("PASS " + PASSWORD), "230 Logged on.")
         self.assertEqual(r.cmd("NOOP"), "200 OK.")
         r.close()
 
@@ -408,12 +420,13 @@ class StpTest(unittest.TestCase):
         # One round of the abuse below first, so that the start figure is the server's steady state, with
         # its allocator's pools already grown once; then the whole load, and the figure again.
         self.abuse(port, rounds=1)
+        # Under Wine the process started is Wine's loader, whose figure says nothing about the server.
         rss_start = self.server.rss_kib()
         self.abuse(port, rounds=10)
         time.sleep(1)
         rss_end = self.server.rss_kib()
-        print("VmRSS %d KiB before the bad input, %d KiB after" % (rss_start, rss_end), file=sys.stderr)
         if not WINDOWS:
+            print("VmRSS %d KiB before the bad input, %d KiB after" % (rss_start, rss_end), file=sys.stderr)
             self.assertLess(rss_end, rss_start * 1.10)
 
     def abuse(self, port, rounds):
@@ -421,7 +434,10 @@ class StpTest(unittest.TestCase):
         rng = random.Random(7)
         for _ in range(2 * rounds):
             s = socket.create_connection((HOST, port), timeout=30)
-            s.sendall(bytes(rng.getrandbits(8) for _ in range(rng.randint(1, 20000))))
+            try:
+                s.sendall(bytes(rng.getrandbits(8) for _ in range(rng.randint(1, 20000))))
+            except (ConnectionResetError, BrokenPipeError):
+                pass  # cut off: the server may close on a line it refuses, or when it is full
             s.close()
         s = socket.create_connection((HOST, port), timeout=30)
         s.sendall(b"NOOP and no line end")

@@ -256,6 +256,39 @@ TEST_F(loop_fixture, ConnectionsOverTheLimitAreRefusedWithTheText) {
     net_server_stop(s);
 }
 
+TEST_F(loop_fixture, AnIdleConnectionIsEndedWithItsReplyAndABusyOneIsNot) {
+    proto.idle_ms = 300;
+    net_server_t *s = net_server_start(&proto, nullptr, 0, "127.0.0.1");
+    ASSERT_NE(s, nullptr);
+    uint16_t port = port_of(s);
+    os_socket_t quiet = connect_to(port);
+    os_socket_t busy = connect_to(port);
+    std::string got, echoed;
+    // The busy client keeps talking well past the idle time; the quiet one says nothing.
+    uint32_t start = os_tick_ms();
+    bool quiet_open = true;
+    ASSERT_TRUE(pump_until([&] {
+        if (os_tick_ms() - start < 1500 && (os_tick_ms() - start) % 50 == 0) {
+            send_all(busy, "x\n");
+            os_sleep_ms(1);
+        }
+        if (quiet_open) {
+            quiet_open = drain(quiet, &got);
+        }
+        drain(busy, &echoed);
+        return !quiet_open && os_tick_ms() - start >= 1500;
+    }));
+    EXPECT_EQ(got, "hi\r\nidle\r\n");
+    EXPECT_EQ(s->connection_count, 1u);
+    send_all(busy, "still\n");
+    ASSERT_TRUE(
+        pump_until([&] { return drain(busy, &echoed) && echoed.find("still\n") != std::string::npos; }));
+    os_net_close(quiet);
+    os_net_close(busy);
+    ASSERT_TRUE(pump_until([&] { return s->connection_count == 0; }));
+    net_server_stop(s);
+}
+
 TEST_F(loop_fixture, TimersFireOnceOrPeriodically) {
     int once = 0, every = 0;
     os_main_timer_t *a = os_main_timer_start(

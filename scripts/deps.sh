@@ -31,7 +31,7 @@ fi
 
 pkgs=(cmake ninja-build g++ clang libclang-rt-14-dev llvm mingw-w64 wine wine64 xvfb xauth
       googletest libbz2-dev libpcre2-dev ntfs-3g fuse3 attr unicode-data dpkg-dev bzip2 findutils
-      plocate time locales tzdata python3)
+      plocate time locales tzdata python3 curl lftp)
 
 SUDO=
 [ "$(id -u)" = 0 ] || [ "$dry" = 1 ] || SUDO=sudo

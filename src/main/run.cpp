@@ -11,6 +11,7 @@
 #include "mem/mem.h"
 #include "os/os.h"
 #include "os/os_main.h"
+#include "stp/stp.h"
 
 int32_t exit_code = 0;
 bool read_only = false;
@@ -333,6 +334,8 @@ static void _main_kill() {
 
 static void _main_shutdown() {
     debug_color_printf(MAIN_STEP_COLOR, "shutdown\n");
+    // The servers' sessions own queries of the index, so they end before it.
+    _stp_server_stop();
     main_db_kill();
     main_loop_kill();
     os_instance_lock_destroy(instance_lock);
@@ -361,6 +364,7 @@ int main_run(int show_command) {
     read_only = switches.read_only;
     if (!_main_stop_service() && !_main_do_command_line_installs() && !_main_run_file_operation() &&
         _main_take_instance() && _main_create_window()) {
+        stp_server_apply_settings(nullptr);
         debug_color_printf(MAIN_STEP_COLOR, "enter main loop\n");
         main_loop_run();
     }

@@ -47,6 +47,25 @@ int os_main_pump();
 // Blocks until something is pending for os_main_pump. Never busy-waits.
 void os_main_wait();
 
+// ---- descriptors and timers on the loop -----------------------------------------------------------------
+
+// Linux: more descriptors for the loop's poll. interest is OS_MAIN_IN and OS_MAIN_OUT; hang-up and error
+// are always reported. proc(context, fd, ready) runs on the main thread from os_main_pump with the
+// OS_MAIN_ bits that are ready. A watch for an fd already watched replaces it; os_main_fd_unwatch stops it,
+// and no report for it comes after that. Windows returns false: its sockets report to their window
+// (os_net.h).
+enum { OS_MAIN_IN = 1, OS_MAIN_OUT = 2, OS_MAIN_HANGUP = 4 };
+typedef void (*os_main_fd_proc_t)(void *context, intptr_t fd, uint32_t ready);
+bool os_main_fd_watch(intptr_t fd, uint32_t interest, os_main_fd_proc_t proc, void *context);
+void os_main_fd_unwatch(intptr_t fd);
+
+// A main-thread timer: proc(context) runs from os_main_pump ms milliseconds after the start, then every
+// ms milliseconds when periodic. A one-shot timer that has fired stays allocated and silent: the caller
+// always ends a timer with os_main_timer_stop, which frees it; no call comes after that. Never null.
+struct os_main_timer_t;
+os_main_timer_t *os_main_timer_start(uint32_t ms, bool periodic, void (*proc)(void *), void *context);
+void os_main_timer_stop(os_main_timer_t *timer);
+
 // The instance lock. existed is set when another process holds it; the returned handle is then still
 // valid and must be destroyed. Null on failure.
 struct os_instance_lock_t;

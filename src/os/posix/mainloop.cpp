@@ -48,6 +48,42 @@ static os_main_procs_t procs;
 static mainloop_conn_t conns[MAINLOOP_MAX_CONNECTIONS];
 static int conn_count = 0;
 
+// Descriptors of other modules (sockets of the servers, eventfds of their windows), indexed by fd. serial
+// tells a report gathered by one poll from a watch made after it on a reused fd.
+struct mainloop_watch_t {
+    os_main_fd_proc_t proc; // null: not watched
+    void *context;
+    uint32_t interest;
+    uint32_t serial;
+};
+struct mainloop_ready_t {
+    int fd;
+    uint32_t serial;
+    uint32_t ready;
+};
+static mainloop_watch_t *watches = nullptr;
+static int watch_cap = 0;
+static int watch_max_fd = -1;
+static uint32_t watch_serial = 0;
+// What the last poll found ready among the watches; handed out one per pump, so that one poll of many
+// sockets serves them all before the next.
+static mainloop_ready_t *ready_list = nullptr;
+static int ready_cap = 0;
+static int ready_count = 0;
+static int ready_next = 0;
+
+struct os_main_timer_t {
+    os_main_timer_t *next;
+    void (*proc)(void *);
+    void *context;
+    uint32_t period_ms; // 0: one-shot
+    uint32_t due_ms;
+    bool armed;
+};
+static os_main_timer_t *timers = nullptr;
+static pollfd *poll_set = nullptr;
+static int poll_cap = 0;
+
 // The folder for per-user runtime files: $XDG_RUNTIME_DIR when set, else the temporary folder.
 static void _mainloop_runtime_path(str_t *out, const char *file_name, const char *suffix) {
     str_t folder;
@@ -143,6 +179,7 @@ static void _mainloop_conn_close(int i) {
 }
 
 void os_main_loop_destroy() {
+    ready_count = ready_next = 0;
     while (conn_count > 0) {
         _mainloop_conn_close(conn_count - 1);
     }
@@ -154,6 +191,12 @@ void os_main_loop_destroy() {
         }
     }
     str_kill(&socket_path);
+    mem_free(poll_set);
+    poll_set = nullptr;
+    poll_cap = 0;
+    mem_free(ready_list);
+    ready_list = nullptr;
+    ready_cap = 0;
     if (signal_fd >= 0) {
         // The default actions again: a signal during the rest of the shutdown ends the process at once.
         _mainloop_signals_release();
@@ -220,8 +263,110 @@ static void _mainloop_read(int i) {
     _mainloop_conn_close(i);
 }
 
-// The poll set: the wake-up eventfd, the signal eventfd, the listening socket, then each connection.
-static int _mainloop_fill(pollfd *fds) {
+// ---- watched descriptors and timers --------------------------------------------------------------------
+
+bool os_main_fd_watch(intptr_t fd, uint32_t interest, os_main_fd_proc_t proc, void *context) {
+    if (fd < 0 || fd > 0x7FFFFFF || !proc) {
+        return false;
+    }
+    if (fd >= watch_cap) {
+        int cap = watch_cap ? watch_cap : 64;
+        while (cap <= fd) {
+            cap *= 2;
+        }
+        watches = (mainloop_watch_t *) mem_realloc(watches, sizeof(mainloop_watch_t) * (size_t) cap);
+        memset(watches + watch_cap, 0, sizeof(mainloop_watch_t) * (size_t) (cap - watch_cap));
+        watch_cap = cap;
+    }
+    mainloop_watch_t *w = &watches[fd];
+    if (w->proc != proc || w->context != context) {
+        w->serial = ++watch_serial;
+    }
+    w->proc = proc;
+    w->context = context;
+    w->interest = interest;
+    if ((int) fd > watch_max_fd) {
+        watch_max_fd = (int) fd;
+    }
+    return true;
+}
+
+void os_main_fd_unwatch(intptr_t fd) {
+    if (fd < 0 || fd >= watch_cap) {
+        return;
+    }
+    watches[fd].proc = nullptr;
+    watches[fd].serial = ++watch_serial;
+    while (watch_max_fd >= 0 && !watches[watch_max_fd].proc) {
+        watch_max_fd--;
+    }
+    if (watch_max_fd < 0) {
+        mem_free(watches);
+        watches = nullptr;
+        watch_cap = 0;
+    }
+}
+
+os_main_timer_t *os_main_timer_start(uint32_t ms, bool periodic, void (*proc)(void *), void *context) {
+    os_main_timer_t *t = (os_main_timer_t *) mem_alloc(sizeof(os_main_timer_t));
+    t->proc = proc;
+    t->context = context;
+    t->period_ms = periodic ? (ms ? ms : 1) : 0;
+    t->due_ms = os_tick_ms() + ms;
+    t->armed = true;
+    t->next = timers;
+    timers = t;
+    return t;
+}
+
+void os_main_timer_stop(os_main_timer_t *timer) {
+    for (os_main_timer_t **p = &timers; *p; p = &(*p)->next) {
+        if (*p == timer) {
+            *p = timer->next;
+            mem_free(timer);
+            return;
+        }
+    }
+}
+
+// Milliseconds until the first armed timer is due (0 when one is due now), or -1 without any.
+static int _mainloop_timer_wait_ms() {
+    uint32_t now = os_tick_ms();
+    int best = -1;
+    for (os_main_timer_t *t = timers; t; t = t->next) {
+        if (!t->armed) {
+            continue;
+        }
+        int32_t left = (int32_t) (t->due_ms - now);
+        int ms = left < 0 ? 0 : left;
+        if (best < 0 || ms < best) {
+            best = ms;
+        }
+    }
+    return best;
+}
+
+// Runs one timer that is due. True when one ran.
+static bool _mainloop_timer_fire() {
+    uint32_t now = os_tick_ms();
+    for (os_main_timer_t *t = timers; t; t = t->next) {
+        if (!t->armed || (int32_t) (now - t->due_ms) < 0) {
+            continue;
+        }
+        if (t->period_ms) {
+            t->due_ms = now + t->period_ms;
+        } else {
+            t->armed = false;
+        }
+        t->proc(t->context);
+        return true;
+    }
+    return false;
+}
+
+// The poll set: the wake-up eventfd, the signal eventfd, the listening socket, each connection, then the
+// watched descriptors. Returns the count; *first_watch is where the watches begin.
+static int _mainloop_fill(pollfd *fds, int *first_watch) {
     int n = 0;
     fds[n++] = pollfd{wake_fd, POLLIN, 0};
     fds[n++] = pollfd{signal_fd, POLLIN, 0};
@@ -231,7 +376,24 @@ static int _mainloop_fill(pollfd *fds) {
     for (int i = 0; i < conn_count; i++) {
         fds[n++] = pollfd{conns[i].fd, POLLIN, 0};
     }
+    *first_watch = n;
+    for (int fd = 0; fd <= watch_max_fd; fd++) {
+        if (watches[fd].proc) {
+            short events = (short) (((watches[fd].interest & OS_MAIN_IN) ? POLLIN : 0) |
+                                    ((watches[fd].interest & OS_MAIN_OUT) ? POLLOUT : 0));
+            fds[n++] = pollfd{fd, events, 0};
+        }
+    }
     return n;
+}
+
+static pollfd *_mainloop_poll_set() {
+    int need = 3 + MAINLOOP_MAX_CONNECTIONS + watch_max_fd + 1;
+    if (need > poll_cap) {
+        poll_cap = need * 2;
+        poll_set = (pollfd *) mem_realloc(poll_set, sizeof(pollfd) * (size_t) poll_cap);
+    }
+    return poll_set;
 }
 
 static void _mainloop_drop_stale() {
@@ -243,15 +405,51 @@ static void _mainloop_drop_stale() {
     }
 }
 
+// Hands out the next report of the last poll whose watch still stands. True when one was delivered.
+static bool _mainloop_ready_deliver() {
+    while (ready_next < ready_count) {
+        mainloop_ready_t r = ready_list[ready_next++];
+        if (r.fd >= watch_cap || !watches[r.fd].proc || watches[r.fd].serial != r.serial) {
+            continue;
+        }
+        watches[r.fd].proc(watches[r.fd].context, r.fd, r.ready);
+        return true;
+    }
+    ready_count = ready_next = 0;
+    return false;
+}
+
+static void _mainloop_ready_collect(const pollfd *fds, int first, int n) {
+    ready_count = ready_next = 0;
+    if (n - first > ready_cap) {
+        ready_cap = (n - first) * 2;
+        ready_list =
+            (mainloop_ready_t *) mem_realloc(ready_list, sizeof(mainloop_ready_t) * (size_t) ready_cap);
+    }
+    for (int k = first; k < n; k++) {
+        if (!fds[k].revents) {
+            continue;
+        }
+        uint32_t ready = ((fds[k].revents & POLLIN) ? OS_MAIN_IN : 0) |
+                         ((fds[k].revents & POLLOUT) ? OS_MAIN_OUT : 0) |
+                         ((fds[k].revents & (POLLHUP | POLLERR | POLLNVAL)) ? OS_MAIN_HANGUP : 0);
+        ready_list[ready_count++] = mainloop_ready_t{fds[k].fd, watches[fds[k].fd].serial, ready};
+    }
+}
+
 int os_main_pump() {
     if (wake_fd < 0) {
         return 0;
     }
-    pollfd fds[3 + MAINLOOP_MAX_CONNECTIONS];
-    int n = _mainloop_fill(fds);
+    if (_mainloop_ready_deliver()) {
+        return 1;
+    }
+    pollfd *fds = _mainloop_poll_set();
+    int first_watch;
+    int n = _mainloop_fill(fds, &first_watch);
     if (poll(fds, (nfds_t) n, 0) <= 0) {
         _mainloop_drop_stale();
-        return 0;
+        return _mainloop_timer_fire() ? 1 : 0;
     }
     // A request to end comes before anything else that waits, as WM_QUIT ends the loop on Windows.
     if (fds[1].revents) {
@@ -278,22 +476,30 @@ int os_main_pump() {
             return 1;
         }
     }
-    for (int k = n - 1; k >= first_conn; k--) {
+    for (int k = first_watch - 1; k >= first_conn; k--) {
         if (fds[k].revents) {
             _mainloop_read(k - first_conn);
             return 1;
         }
     }
-    return 0;
+    _mainloop_ready_collect(fds, first_watch, n);
+    if (_mainloop_ready_deliver()) {
+        return 1;
+    }
+    return _mainloop_timer_fire() ? 1 : 0;
 }
 
 void os_main_wait() {
     if (wake_fd < 0) {
         return;
     }
-    pollfd fds[3 + MAINLOOP_MAX_CONNECTIONS];
-    int n = _mainloop_fill(fds);
-    while (poll(fds, (nfds_t) n, -1) < 0 && errno == EINTR) {
+    if (ready_next < ready_count) {
+        return;
+    }
+    pollfd *fds = _mainloop_poll_set();
+    int first_watch;
+    int n = _mainloop_fill(fds, &first_watch);
+    while (poll(fds, (nfds_t) n, _mainloop_timer_wait_ms()) < 0 && errno == EINTR) {
     }
 }
 

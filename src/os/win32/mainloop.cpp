@@ -137,6 +137,74 @@ void os_main_wait() {
     WaitMessage();
 }
 
+// ---- descriptors and timers -----------------------------------------------------------------------------
+
+bool os_main_fd_watch(intptr_t fd, uint32_t interest, os_main_fd_proc_t proc, void *context) {
+    (void) fd;
+    (void) interest;
+    (void) proc;
+    (void) context;
+    return false;
+}
+
+void os_main_fd_unwatch(intptr_t fd) {
+    (void) fd;
+}
+
+// Thread timers of the main thread: WM_TIMER reaches the timer procedure through DispatchMessageW in the
+// pump, with the id SetTimer chose, which finds the record.
+struct os_main_timer_t {
+    os_main_timer_t *next;
+    UINT_PTR id;
+    void (*proc)(void *);
+    void *context;
+    bool periodic;
+};
+static os_main_timer_t *timers = nullptr;
+
+static void CALLBACK _mainloop_timer_proc(HWND hwnd, UINT msg, UINT_PTR id, DWORD time) {
+    (void) hwnd;
+    (void) msg;
+    (void) time;
+    for (os_main_timer_t *t = timers; t; t = t->next) {
+        if (t->id == id) {
+            if (!t->periodic) {
+                KillTimer(nullptr, t->id);
+                t->id = 0;
+            }
+            t->proc(t->context);
+            return;
+        }
+    }
+}
+
+os_main_timer_t *os_main_timer_start(uint32_t ms, bool periodic, void (*proc)(void *), void *context) {
+    os_main_timer_t *t = (os_main_timer_t *) mem_alloc(sizeof(os_main_timer_t));
+    t->proc = proc;
+    t->context = context;
+    t->periodic = periodic;
+    t->id = SetTimer(nullptr, 0, ms ? ms : 1, _mainloop_timer_proc);
+    if (!t->id) {
+        debug_printf("SetTimer: %u\n", (unsigned) GetLastError());
+    }
+    t->next = timers;
+    timers = t;
+    return t;
+}
+
+void os_main_timer_stop(os_main_timer_t *timer) {
+    for (os_main_timer_t **p = &timers; *p; p = &(*p)->next) {
+        if (*p == timer) {
+            *p = timer->next;
+            if (timer->id) {
+                KillTimer(nullptr, timer->id);
+            }
+            mem_free(timer);
+            return;
+        }
+    }
+}
+
 // ---- instance lock -------------------------------------------------------------------------------------
 
 struct os_instance_lock_t {

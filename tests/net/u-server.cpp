@@ -1,0 +1,277 @@
+// A server on the loopback address with a small test protocol, driven by the main loop's pump, and
+// clients on non-blocking sockets in the same thread.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <functional>
+#include <string>
+
+#include "debug/debug.h"
+#include "mem/mem.h"
+#include "net/net.h"
+#include "os/os.h"
+#include "os/os_main.h"
+
+namespace {
+
+// The protocol: on open it sends "hi\r\n"; the line "FLOOD n" makes it produce n bytes of numbered
+// lines, pausing whenever the send queue is full; other lines are echoed back.
+struct flood_t {
+    uint64_t left;
+    uint64_t serial;
+};
+int writable_calls = 0;
+int closes = 0;
+int boxes = 0;
+uint64_t peak_queued = 0;
+
+void produce(net_conn_t *c) {
+    flood_t *f = (flood_t *) c->session;
+    while (f->left > 0 && net_send_room(c)) {
+        char line[64];
+        int n = text_format_args(line, "%016I64u\r\n", f->serial++);
+        uint32_t take = f->left < (uint64_t) n ? (uint32_t) f->left : (uint32_t) n;
+        net_send(c, line, take);
+        f->left -= take;
+        if (c->queued > peak_queued) {
+            peak_queued = c->queued;
+        }
+    }
+}
+
+void t_open(net_conn_t *c) {
+    c->session = mem_alloc(sizeof(flood_t));
+    memset(c->session, 0, sizeof(flood_t));
+    net_send_text(c, "hi\r\n");
+}
+void t_line(net_conn_t *c, char *line, uint32_t len) {
+    if (strncmp(line, "FLOOD ", 6) == 0) {
+        ((flood_t *) c->session)->left = strtoull(line + 6, nullptr, 10);
+        produce(c);
+        return;
+    }
+    if (strcmp(line, "QUIT") == 0) {
+        net_send_text(c, "bye\r\n");
+        net_conn_quit(c);
+        return;
+    }
+    net_send(c, line, len);
+    net_send_text(c, "\n");
+}
+void t_writable(net_conn_t *c) {
+    writable_calls++;
+    produce(c);
+}
+void t_close(net_conn_t *c) {
+    closes++;
+    mem_free(c->session);
+}
+void t_box(void *, const char *) {
+    boxes++;
+}
+
+uint8_t logging_off = 0;
+char empty_name[1] = "";
+char *log_name = empty_name;
+int32_t max_size = 0, delta_size = 0;
+
+net_proto_t make_proto() {
+    net_proto_t p = {};
+    p.name = "TEST";
+    p.window_class = "SABLEWATCH_TEST_SERVER";
+    p.log_base = "Test_Log";
+    p.max_line = 1000;
+    p.max_connections = 3;
+    p.send_queue_cap = 64 * 1024;
+    p.idle_ms = 0;
+    p.too_many_text = "busy\r\n";
+    p.line_too_long_text = "long\r\n";
+    p.idle_text = "idle\r\n";
+    p.logging_enabled = &logging_off;
+    p.log_file_name = &log_name;
+    p.log_max_size = &max_size;
+    p.log_delta_size = &delta_size;
+    p.open = t_open;
+    p.line = t_line;
+    p.writable = t_writable;
+    p.close = t_close;
+    return p;
+}
+
+struct loop_fixture : ::testing::Test {
+    net_proto_t proto = make_proto();
+    void SetUp() override {
+        debug_init();
+        static const os_main_procs_t procs = {nullptr, nullptr, nullptr};
+        ASSERT_TRUE(os_main_loop_create("SABLEWATCH_NET_TEST", nullptr, &procs));
+        writable_calls = closes = boxes = 0;
+        peak_queued = 0;
+        net_show_error = t_box;
+    }
+    void TearDown() override {
+        net_show_error = os_net_show_error;
+        os_main_loop_destroy();
+    }
+    // Pumps until done() or ten seconds pass.
+    bool pump_until(const std::function<bool()> &done) {
+        uint32_t start = os_tick_ms();
+        while (!done()) {
+            if (os_tick_ms() - start > 10000) {
+                return false;
+            }
+            if (os_main_pump() == 0) {
+                os_sleep_ms(1);
+            }
+        }
+        return true;
+    }
+    static uint16_t port_of(net_server_t *s) {
+        os_net_addr_t a;
+        EXPECT_EQ(os_net_local_address(s->listen_sockets->socket, &a), 0);
+        return os_net_addr_port(&a);
+    }
+    os_socket_t connect_to(uint16_t port) {
+        os_net_addr_t a;
+        EXPECT_TRUE(os_net_addr_parse("127.0.0.1", OS_NET_INET, port, &a));
+        int error;
+        os_socket_t s = os_net_socket(OS_NET_INET, &error);
+        EXPECT_NE(s, OS_SOCKET_NONE);
+        int r = os_net_connect(s, &a, &error);
+        EXPECT_NE(r, OS_NET_ERROR) << error;
+        return s;
+    }
+    // Reads what is there now; false at end of stream or on error.
+    static bool drain(os_socket_t s, std::string *into) {
+        char buf[65536];
+        for (;;) {
+            int error;
+            int64_t r = os_net_recv(s, buf, sizeof(buf), false, &error);
+            if (r == OS_NET_WOULD_BLOCK) {
+                return true;
+            }
+            if (r <= 0) {
+                return false;
+            }
+            into->append(buf, (size_t) r);
+        }
+    }
+    static void send_all(os_socket_t s, const std::string &text) {
+        int error;
+        EXPECT_EQ(os_net_send(s, text.data(), (uint32_t) text.size(), &error), (int64_t) text.size());
+    }
+};
+
+TEST_F(loop_fixture, BindingsGiveOneListenerEachAndAFailedOneOnlyLogs) {
+    net_server_t *s = net_server_start(&proto, nullptr, 0, "127.0.0.1;;::1");
+    ASSERT_NE(s, nullptr);
+    int n = 0;
+    for (net_listen_t *l = s->listen_sockets; l; l = l->next) {
+        n++;
+    }
+    EXPECT_EQ(n, 2);
+    net_server_stop(s);
+    // The second binding can't be bound: the first stays up, and no box is shown.
+    s = net_server_start(&proto, nullptr, 0, "127.0.0.1;203.0.113.1");
+    ASSERT_NE(s, nullptr);
+    EXPECT_EQ(boxes, 0);
+    EXPECT_NE(s->listen_sockets, nullptr);
+    net_server_stop(s);
+    // Nothing listens: the box says so.
+    s = net_server_start(&proto, nullptr, 0, "203.0.113.1");
+    EXPECT_EQ(s, nullptr);
+    EXPECT_EQ(boxes, 1);
+}
+
+TEST_F(loop_fixture, LinesEchoAndQuitFlushesBeforeClosing) {
+    net_server_t *s = net_server_start(&proto, nullptr, 0, "127.0.0.1");
+    ASSERT_NE(s, nullptr);
+    os_socket_t c = connect_to(port_of(s));
+    std::string got;
+    ASSERT_TRUE(pump_until([&] { return drain(c, &got) && got == "hi\r\n"; }));
+    send_all(c, "one\r\ntwo\nQU");
+    ASSERT_TRUE(pump_until([&] { return drain(c, &got) && got == "hi\r\none\r\ntwo\n"; })) << got;
+    send_all(c, "IT\n");
+    bool open = true;
+    ASSERT_TRUE(pump_until([&] { return !(open = drain(c, &got)); }));
+    EXPECT_EQ(got, "hi\r\none\r\ntwo\nbye\r\n");
+    ASSERT_TRUE(pump_until([&] { return closes == 1; }));
+    EXPECT_EQ(s->connection_count, 0u);
+    os_net_close(c);
+    net_server_stop(s);
+}
+
+TEST_F(loop_fixture, AClientThatStopsReadingHoldsOnlyItsCapOfQueue) {
+    net_server_t *s = net_server_start(&proto, nullptr, 0, "127.0.0.1");
+    ASSERT_NE(s, nullptr);
+    uint16_t port = port_of(s);
+    os_socket_t slow = connect_to(port);
+    os_socket_t other = connect_to(port);
+    ASSERT_TRUE(pump_until([&] { return s->connection_count == 2; }));
+    const uint64_t total = 2u << 20;
+    send_all(slow, "FLOOD " + std::to_string(total) + "\n");
+    net_conn_t *c = s->connections_head;
+    ASSERT_TRUE(pump_until([&] { return c->reading_paused; }));
+    // The slow client reads nothing: the queue stays at its cap while the other is served.
+    for (int i = 0; i < 200; i++) {
+        os_main_pump();
+    }
+    EXPECT_TRUE(c->reading_paused);
+    EXPECT_LT(c->queued, (uint64_t) proto.send_queue_cap + 64);
+    std::string got;
+    send_all(other, "ping\n");
+    ASSERT_TRUE(pump_until([&] { return drain(other, &got) && got == "hi\r\nping\n"; }));
+    // Now it reads everything: all bytes arrive, in order, and the producer was resumed.
+    std::string flood;
+    ASSERT_TRUE(pump_until([&] { return drain(slow, &flood) && flood.size() == total + 4; }));
+    EXPECT_GT(writable_calls, 0);
+    EXPECT_LT(peak_queued, (uint64_t) proto.send_queue_cap + 64);
+    EXPECT_EQ(flood.substr(4, 18), "0000000000000000\r\n");
+    EXPECT_EQ(flood.substr(4 + 18 * 1000, 18), "0000000000001000\r\n");
+    EXPECT_FALSE(c->reading_paused);
+    os_net_close(slow);
+    os_net_close(other);
+    ASSERT_TRUE(pump_until([&] { return s->connection_count == 0; }));
+    net_server_stop(s);
+}
+
+TEST_F(loop_fixture, ConnectionsOverTheLimitAreRefusedWithTheText) {
+    net_server_t *s = net_server_start(&proto, nullptr, 0, "127.0.0.1");
+    ASSERT_NE(s, nullptr);
+    uint16_t port = port_of(s);
+    os_socket_t c[4];
+    for (int i = 0; i < 3; i++) {
+        c[i] = connect_to(port);
+    }
+    ASSERT_TRUE(pump_until([&] { return s->connection_count == 3; }));
+    c[3] = connect_to(port);
+    std::string got;
+    ASSERT_TRUE(pump_until([&] { return !drain(c[3], &got); }));
+    EXPECT_EQ(got, "busy\r\n");
+    EXPECT_EQ(s->connection_count, 3u);
+    for (os_socket_t x : c) {
+        os_net_close(x);
+    }
+    ASSERT_TRUE(pump_until([&] { return s->connection_count == 0; }));
+    EXPECT_EQ(closes, 3);
+    net_server_stop(s);
+}
+
+TEST_F(loop_fixture, TimersFireOnceOrPeriodically) {
+    int once = 0, every = 0;
+    os_main_timer_t *a = os_main_timer_start(
+        5, false, [](void *p) { ++*(int *) p; }, &once);
+    os_main_timer_t *b = os_main_timer_start(
+        5, true, [](void *p) { ++*(int *) p; }, &every);
+    ASSERT_TRUE(pump_until([&] { return every >= 3; }));
+    EXPECT_EQ(once, 1);
+    os_main_timer_stop(a);
+    os_main_timer_stop(b);
+    int seen = every;
+    for (int i = 0; i < 20; i++) {
+        os_main_pump();
+        os_sleep_ms(2);
+    }
+    EXPECT_EQ(every, seen);
+}
+
+} // namespace

@@ -106,41 +106,35 @@ static void _child_row(http_server_t *server, db_ref_t r, bool folder, str_t *fu
     }
 }
 
-static void _folder_json(http_connection_t *c, const _children_t *ch) {
-    http_page_t p;
-    http_page_begin(&p, c);
-    str_cat_z(&p.out, "{\r\n\t\"results\":[\r\n");
-    str_t full;
-    str_init(&full);
-    for (uint32_t i = 0; i < ch->count; i++) {
-        http_row_t row;
-        _child_row(c->server, ch->items[i], i < ch->folders, &full, &row);
-        str_cat_printf(&p.out, "\t\t{\r\n\t\t\t\"type\":\"%s\",\r\n\t\t\t\"name\":\"",
-                       row.folder ? "folder" : "file");
-        http_cat_json(&p.out, row.name, row.name_len);
-        str_cat_z(&p.out, "\",\r\n\t\t\t\"size\":\"");
-        http_json_value(&p.out, row.folder ? DB_UNKNOWN : row.size);
-        str_cat_z(&p.out, "\",\r\n\t\t\t\"date_modified\":\"");
-        http_json_value(&p.out, row.date_modified);
-        str_cat_printf(&p.out, "\"\r\n\t\t}%s", i + 1 < ch->count ? ",\r\n" : "\r\n");
-        http_page_flush(&p, c, false);
+void http_folder_row(http_connection_t *c, http_page_t *p, str_t *full) {
+    http_row_t row;
+    _child_row(c->server, c->children[c->row], c->row < c->child_folders, full, &row);
+    if (c->session.json) {
+        // A listing always shows size and date, and no path.
+        http_json_row(p, &row, false, true, true, c->row + 1 == c->row_end);
+    } else {
+        http_page_row(p, &row, c->row, false);
     }
-    str_kill(&full);
-    str_cat_z(&p.out, "\t]\r\n}\r\n");
-    http_page_end(&p, c);
 }
 
-static void _folder_html(http_connection_t *c, const str_t *path, const _children_t *ch) {
+void http_folder_trailer(http_connection_t *c, http_page_t *p) {
+    if (c->session.json) {
+        str_cat_z(&p->out, "\t]\r\n}\r\n");
+    } else {
+        http_page_cat(p, c->server->fragments[HTTP_F_TE_END]);
+        http_page_cat(p, c->server->fragments[HTTP_F_BODY_END]);
+    }
+}
+
+static void _folder_html_top(http_connection_t *c, http_page_t *p, const str_t *path) {
     http_server_t *server = c->server;
     char **f = server->fragments;
-    http_page_t p;
-    http_page_begin(&p, c);
-    http_page_head(&p, path->len ? path->ptr : "/");
-    http_page_top(&p, "");
-    http_page_cat(&p, f[HTTP_F_PATH_INDEX_OF]);
-    http_page_html_z(&p, "Index of ");
-    http_page_html_z(&p, path->len ? path->ptr : "/");
-    http_page_cat(&p, f[HTTP_F_PATH_INDEX_OF2]);
+    http_page_head(p, path->len ? path->ptr : "/");
+    http_page_top(p, "");
+    http_page_cat(p, f[HTTP_F_PATH_INDEX_OF]);
+    http_page_html_z(p, "Index of ");
+    http_page_html_z(p, path->len ? path->ptr : "/");
+    http_page_cat(p, f[HTTP_F_PATH_INDEX_OF2]);
     if (path->len) {
         // The parent: the path less its last component, or the list of roots when that isn't indexed.
         int cut = path->len;
@@ -152,7 +146,7 @@ static void _folder_html(http_connection_t *c, const str_t *path, const _childre
         if (!http_find_record(server, path->ptr, (size_t) parent_len, true, &parent)) {
             parent_len = 0;
         }
-        http_page_cat(&p, f[HTTP_F_PATH_UPDIR]);
+        http_page_cat(p, f[HTTP_F_PATH_UPDIR]);
         str_t slashed, link;
         str_init(&slashed);
         str_init(&link);
@@ -161,26 +155,14 @@ static void _folder_html(http_connection_t *c, const str_t *path, const _childre
             slashed.ptr[i] = slashed.ptr[i] == '\\' ? '/' : slashed.ptr[i];
         }
         http_cat_url(&link, slashed.ptr, (size_t) slashed.len, false, false);
-        http_page_html(&p, link.ptr, (size_t) link.len);
+        http_page_html(p, link.ptr, (size_t) link.len);
         str_kill(&link);
         str_kill(&slashed);
-        http_page_cat(&p, f[HTTP_F_PATH_UPDIR2]);
-        http_page_html_z(&p, "Up one directory...");
-        http_page_cat(&p, f[HTTP_F_PATH_UPDIR3]);
+        http_page_cat(p, f[HTTP_F_PATH_UPDIR2]);
+        http_page_html_z(p, "Up one directory...");
+        http_page_cat(p, f[HTTP_F_PATH_UPDIR3]);
     }
-    http_page_table_head(&p, false);
-    str_t full;
-    str_init(&full);
-    for (uint32_t i = 0; i < ch->count; i++) {
-        http_row_t row;
-        _child_row(server, ch->items[i], i < ch->folders, &full, &row);
-        http_page_row(&p, &row, i, false);
-        http_page_flush(&p, c, false);
-    }
-    str_kill(&full);
-    http_page_cat(&p, f[HTTP_F_TE_END]);
-    http_page_cat(&p, f[HTTP_F_BODY_END]);
-    http_page_end(&p, c);
+    http_page_table_head(p, false);
 }
 
 bool http_folder_answer(http_connection_t *c, const str_t *path) {
@@ -190,20 +172,25 @@ bool http_folder_answer(http_connection_t *c, const str_t *path) {
         return false;
     }
     http_log(c, "send path %s\n", path->ptr);
-    _children_t ch;
+    _children_t ch = {nullptr, 0, 0};
     if (server->db->is_loaded) {
         _children(server, folder, &ch);
-    } else {
-        ch = {nullptr, 0, 0};
     }
     _sort_children(server, &c->session, &ch);
     http_send_page_head(c);
+    http_page_t p;
+    http_page_begin(&p, c);
     if (c->session.json) {
-        _folder_json(c, &ch);
+        str_cat_z(&p.out, "{\r\n\t\"results\":[\r\n");
     } else {
-        _folder_html(c, path, &ch);
+        _folder_html_top(c, &p, path);
     }
-    mem_free(ch.items);
-    http_finish(c);
+    http_page_end(&p, c);
+    c->children = ch.items;
+    c->child_folders = ch.folders;
+    c->row = c->first = 0;
+    c->row_end = c->total = ch.count;
+    c->streaming = HTTP_STREAM_FOLDER;
+    http_stream_more(c);
     return true;
 }

@@ -108,6 +108,8 @@ struct http_sink_t {
     // Sends size bytes of the open file f from start behind what is queued, then ends the answer. Takes
     // the handle, whatever happens.
     void (*send_file)(void *context, os_file_t f, uint64_t start, uint64_t size);
+    // Whether the send queue has room for more; a long table waits for http_connection_writable when not.
+    bool (*room)(void *context);
     // Ends the answer: the connection closes once the queue has gone out. It must not close the
     // connection from inside the call; the close comes later through http_connection_close.
     void (*end)(void *context);
@@ -126,7 +128,15 @@ struct http_connection_t {
     bool queued;
     bool request_done;    // the request ended; no more bytes are read
     bool end_of_response; // the answer has been handed whole to the sink
+    // A table being written a block at a time as the peer takes it: rows [row, row_end) are still to
+    // come. A search keeps the query (it stays running) until its last row is out.
+    int streaming; // HTTP_STREAM_*
+    uint32_t row, row_end, first, total;
+    uint32_t *children; // a folder's children, folders first; owned
+    uint32_t child_folders;
 };
+
+enum { HTTP_STREAM_NONE, HTTP_STREAM_SEARCH, HTTP_STREAM_FOLDER };
 
 // What the server reads at start; the texts are owned copies.
 struct http_settings_t {
@@ -172,6 +182,8 @@ void http_server_destroy(http_server_t *server);
 http_connection_t *http_connection_open(http_server_t *server, const http_sink_t *sink, uint32_t now);
 // Bytes received. May answer at once, or queue a search whose answer comes from the query's callback.
 void http_connection_receive(http_connection_t *c, const char *bytes, size_t n);
+// The send queue has room again: a table that waited goes on.
+void http_connection_writable(http_connection_t *c);
 // The timer: a request not ended in time is answered 408 and ended.
 void http_connection_tick(http_connection_t *c, uint32_t now);
 // The peer went away or the answer went out: unlinks the connection, cancels its search if it runs, and

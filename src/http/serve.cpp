@@ -222,9 +222,6 @@ static void _home_path(http_server_t *server, const str_t *path, str_t *out) {
     str_path_cat(out, out->ptr, out->len, path->ptr, path->len);
 }
 
-// Whether a canonical path names an indexed record of that kind; sets *record.
-bool http_find_record(http_server_t *server, const char *path, size_t len, bool folder, db_ref_t *record);
-
 static bool _file_answer(http_connection_t *c, const str_t *path) {
     http_server_t *server = c->server;
     if (path->len > 0) {
@@ -247,8 +244,6 @@ static bool _file_answer(http_connection_t *c, const str_t *path) {
     }
     return false;
 }
-
-bool http_folder_answer(http_connection_t *c, const str_t *path);
 
 void http_path_answer(http_connection_t *c, str_t *path) {
     http_server_t *server = c->server;

@@ -40,5 +40,16 @@ void http_send_page_head(http_connection_t *c);
 void http_search_answer(http_connection_t *c);
 // A canonical path: the default page, a file, or a folder listing; 404 when none fits.
 void http_path_answer(http_connection_t *c, str_t *path);
+// A canonical path's record of that kind in the index; false when the index holds none (or isn't loaded).
+bool http_find_record(http_server_t *server, const char *path, size_t len, bool folder, db_ref_t *record);
+// A folder listing (the roots for the empty path); false when the folder isn't in the index.
+bool http_folder_answer(http_connection_t *c, const str_t *path);
+// One JSON result object, with the optional fields asked for; last leaves out the comma.
+void http_json_row(http_page_t *p, const http_row_t *row, bool path, bool size, bool date, bool last);
+// Writes the rows of a streaming table while the sink has room; ends the answer after the last one.
+void http_stream_more(http_connection_t *c);
+// The folder listing's row c->row, and what follows the last one.
+void http_folder_row(http_connection_t *c, http_page_t *p, str_t *full);
+void http_folder_trailer(http_connection_t *c, http_page_t *p);
 // The text of a JSON size or date: the number, or nothing when unknown.
 void http_json_value(str_t *out, uint64_t value);

@@ -92,11 +92,15 @@ void http_connection_close(http_connection_t *c) {
     http_server_t *server = c->server;
     _unqueue(server, c);
     if (server->running == c) {
-        // The query stays whole but no longer matches what it was asked: the next search starts over.
-        db_cancel_query(server->query);
+        // A search or sort cut short leaves the query no longer matching what it was asked: the next
+        // search starts over. A finished one that was still being written stays good.
+        if (c->streaming != HTTP_STREAM_SEARCH) {
+            db_cancel_query(server->query);
+            server->last_valid = false;
+        }
         server->running = nullptr;
-        server->last_valid = false;
     }
+    mem_free(c->children);
     (c->prev ? c->prev->next : server->first) = c->next;
     (c->next ? c->next->prev : server->last) = c->prev;
     http_session_kill(&c->session);
@@ -182,11 +186,14 @@ void http_search_answer(http_connection_t *c) {
     }
 }
 
-// The row of result index i, with its texts in the two buffers.
-static void _result_row(http_server_t *server, int i, http_row_t *row, str_t *full, str_t *path) {
+// The row of result index i, with its texts in the two buffers. False when the index no longer holds it
+// (the results changed under a long answer).
+static bool _result_row(http_server_t *server, int i, http_row_t *row, str_t *full, str_t *path) {
     db_ref_t record = 0;
     bool folder = true;
-    _db_result_at(server->query, i, &record, &folder);
+    if (!_db_result_at(server->query, i, &record, &folder)) {
+        return false;
+    }
     db_get_full_path(full, record);
     db_get_result_path(server->query, i, path);
     row->folder = folder;
@@ -198,6 +205,7 @@ static void _result_row(http_server_t *server, int i, http_row_t *row, str_t *fu
     uint64_t (*get)(const db_t *, db_ref_t, db_field_t) = folder ? db_folder_get : db_file_get;
     row->size = get(server->db, record, DB_FIELD_SIZE);
     row->date_modified = get(server->db, record, DB_FIELD_DATE_MODIFIED);
+    return true;
 }
 
 void http_json_value(str_t *out, uint64_t value) {
@@ -206,94 +214,148 @@ void http_json_value(str_t *out, uint64_t value) {
     }
 }
 
-static void _write_results_json(http_connection_t *c, uint32_t total, uint32_t first, uint32_t items) {
-    http_server_t *server = c->server;
-    const http_session_t *s = &c->session;
-    http_page_t p;
-    http_page_begin(&p, c);
-    str_cat_printf(&p.out, "{\r\n\t\"totalResults\":%u,\r\n\t\"results\":[\r\n", total);
-    str_t full, path;
-    str_init(&full);
-    str_init(&path);
-    for (uint32_t k = 0; k < items; k++) {
-        http_row_t row;
-        _result_row(server, (int) (first + k), &row, &full, &path);
-        str_cat_printf(&p.out, "\t\t{\r\n\t\t\t\"type\":\"%s\",\r\n\t\t\t\"name\":\"",
-                       row.folder ? "folder" : "file");
-        http_cat_json(&p.out, row.name, row.name_len);
-        if (s->path_column) {
-            str_cat_z(&p.out, "\",\r\n\t\t\t\"path\":\"");
-            http_cat_json(&p.out, row.path, row.path_len);
-        }
-        if (s->size_column) {
-            str_cat_z(&p.out, "\",\r\n\t\t\t\"size\":\"");
-            http_json_value(&p.out, row.size);
-        }
-        if (s->date_modified_column) {
-            str_cat_z(&p.out, "\",\r\n\t\t\t\"date_modified\":\"");
-            http_json_value(&p.out, row.date_modified);
-        }
-        str_cat_printf(&p.out, "\"\r\n\t\t}%s\r\n", k + 1 < items ? "," : "");
-        http_page_flush(&p, c, false);
+void http_json_row(http_page_t *p, const http_row_t *row, bool path, bool size, bool date, bool last) {
+    str_cat_printf(&p->out, "\t\t{\r\n\t\t\t\"type\":\"%s\",\r\n\t\t\t\"name\":\"",
+                   row->folder ? "folder" : "file");
+    http_cat_json(&p->out, row->name, row->name_len);
+    if (path) {
+        str_cat_z(&p->out, "\",\r\n\t\t\t\"path\":\"");
+        http_cat_json(&p->out, row->path, row->path_len);
     }
-    str_cat_z(&p.out, "\t]\r\n}\r\n");
-    str_kill(&full);
-    str_kill(&path);
-    http_page_end(&p, c);
+    if (size) {
+        str_cat_z(&p->out, "\",\r\n\t\t\t\"size\":\"");
+        http_json_value(&p->out, row->folder ? DB_UNKNOWN : row->size);
+    }
+    if (date) {
+        str_cat_z(&p->out, "\",\r\n\t\t\t\"date_modified\":\"");
+        http_json_value(&p->out, row->date_modified);
+    }
+    str_cat_printf(&p->out, "\"\r\n\t\t}%s\r\n", last ? "" : ",");
 }
 
-static void _write_results_html(http_connection_t *c, uint32_t total, uint32_t first, uint32_t items) {
-    http_server_t *server = c->server;
+static bool _search_row(http_connection_t *c, http_page_t *p, str_t *a, str_t *b) {
     const http_session_t *s = &c->session;
+    http_row_t row;
+    if (!_result_row(c->server, (int) c->row, &row, a, b)) {
+        return false;
+    }
+    if (s->json) {
+        http_json_row(p, &row, s->path_column, s->size_column, s->date_modified_column,
+                      c->row + 1 == c->row_end);
+    } else {
+        http_page_row(p, &row, c->row - c->first, true);
+    }
+    return true;
+}
+
+static void _search_trailer(http_connection_t *c, http_page_t *p) {
+    const http_session_t *s = &c->session;
+    if (s->json) {
+        str_cat_z(&p->out, "\t]\r\n}\r\n");
+        return;
+    }
+    http_page_cat(p, c->server->fragments[HTTP_F_TE_END]);
+    if (s->count != 0 && (s->offset != 0 || c->total > s->count)) {
+        http_page_bar(p, c->total);
+    }
+    http_page_cat(p, c->server->fragments[HTTP_F_BODY_END]);
+}
+
+void http_stream_more(http_connection_t *c) {
     http_page_t p;
     http_page_begin(&p, c);
-    http_page_top(&p, s->search);
-    http_page_cat(&p, server->fragments[HTTP_F_QUERY_NUMRESULTS]);
-    str_t a, b, t;
+    str_t a, b;
     str_init(&a);
     str_init(&b);
-    str_init(&t);
-    http_format_grouped(&t, total);
-    if (total == 1) {
-        str_cat_printf(&p.out, "%s result", t.ptr);
-    } else if (items == total || items == 0) {
-        str_cat_printf(&p.out, "%s results", t.ptr);
-    } else {
-        http_format_grouped(&a, (uint64_t) first + 1);
-        http_format_grouped(&b, (uint64_t) first + items);
-        str_cat_printf(&p.out, "%s to %s of %s results", a.ptr, b.ptr, t.ptr);
+    while (c->row < c->row_end) {
+        if (c->streaming == HTTP_STREAM_SEARCH) {
+            if (!_search_row(c, &p, &a, &b)) {
+                c->row_end = c->row;
+                break;
+            }
+        } else {
+            http_folder_row(c, &p, &a);
+        }
+        c->row++;
+        if (p.out.len >= HTTP_BODY_BLOCK) {
+            http_page_flush(&p, c, true);
+            if (c->sink.room && !c->sink.room(c->sink.context)) {
+                break;
+            }
+        }
     }
-    http_page_cat(&p, server->fragments[HTTP_F_QUERY_NUMRESULTS2]);
-    http_page_table_head(&p, true);
-    for (uint32_t k = 0; k < items; k++) {
-        http_row_t row;
-        _result_row(server, (int) (first + k), &row, &a, &b);
-        http_page_row(&p, &row, k, true);
-        http_page_flush(&p, c, false);
-    }
-    http_page_cat(&p, server->fragments[HTTP_F_TE_END]);
-    if (s->count != 0 && (s->offset != 0 || total > s->count)) {
-        http_page_bar(&p, total);
-    }
-    http_page_cat(&p, server->fragments[HTTP_F_BODY_END]);
     str_kill(&a);
     str_kill(&b);
-    str_kill(&t);
+    if (c->row < c->row_end) {
+        http_page_end(&p, c);
+        return;
+    }
+    int kind = c->streaming;
+    if (kind == HTTP_STREAM_SEARCH) {
+        _search_trailer(c, &p);
+    } else {
+        http_folder_trailer(c, &p);
+    }
     http_page_end(&p, c);
+    c->streaming = HTTP_STREAM_NONE;
+    mem_free(c->children);
+    c->children = nullptr;
+    http_finish(c);
+    http_server_t *server = c->server;
+    if (kind == HTTP_STREAM_SEARCH && server->running == c) {
+        server->running = nullptr;
+        _run_next(server);
+    }
 }
 
-// The page of results the connection asked for, from what the query holds now; ends the answer.
+void http_connection_writable(http_connection_t *c) {
+    if (c->streaming != HTTP_STREAM_NONE) {
+        http_stream_more(c);
+    }
+}
+
+// Starts the answer from what the query holds now: the part above the rows, then the rows as the peer
+// takes them. The connection is running until its last row is out.
 static void _write_results(http_connection_t *c) {
+    http_server_t *server = c->server;
     const http_session_t *s = &c->session;
-    uint32_t total = (uint32_t) db_get_result_count(c->server->query);
+    uint32_t total = (uint32_t) db_get_result_count(server->query);
     uint32_t first = s->offset < total ? s->offset : total;
     uint32_t items = total - first < s->count ? total - first : s->count;
+    http_page_t p;
+    http_page_begin(&p, c);
     if (s->json) {
-        _write_results_json(c, total, first, items);
+        str_cat_printf(&p.out, "{\r\n\t\"totalResults\":%u,\r\n\t\"results\":[\r\n", total);
     } else {
-        _write_results_html(c, total, first, items);
+        http_page_top(&p, s->search);
+        http_page_cat(&p, server->fragments[HTTP_F_QUERY_NUMRESULTS]);
+        str_t a, b, t;
+        str_init(&a);
+        str_init(&b);
+        str_init(&t);
+        http_format_grouped(&t, total);
+        if (total == 1) {
+            str_cat_printf(&p.out, "%s result", t.ptr);
+        } else if (items == total || items == 0) {
+            str_cat_printf(&p.out, "%s results", t.ptr);
+        } else {
+            http_format_grouped(&a, (uint64_t) first + 1);
+            http_format_grouped(&b, (uint64_t) first + items);
+            str_cat_printf(&p.out, "%s to %s of %s results", a.ptr, b.ptr, t.ptr);
+        }
+        str_kill(&a);
+        str_kill(&b);
+        str_kill(&t);
+        http_page_cat(&p, server->fragments[HTTP_F_QUERY_NUMRESULTS2]);
+        http_page_table_head(&p, true);
     }
-    http_finish(c);
+    http_page_end(&p, c);
+    c->streaming = HTTP_STREAM_SEARCH;
+    c->first = c->row = first;
+    c->row_end = first + items;
+    c->total = total;
+    server->running = c;
+    http_stream_more(c);
 }
 
 static bool _same_search(const http_server_t *server, const http_session_t *s) {
@@ -341,11 +403,12 @@ static void _http_query_proc(void *user, int code, db_query_t *query) {
     if (code != DB_QUERY_RESULTS || !server->running) {
         return;
     }
-    _server_log(server, "results changed\n");
     http_connection_t *c = server->running;
-    server->running = nullptr;
+    if (c->streaming != HTTP_STREAM_NONE) {
+        return; // a change of the index while a long answer goes out; it ends with what it has
+    }
+    _server_log(server, "results changed\n");
     _write_results(c);
-    _run_next(server);
 }
 
 // ---- the server ------------------------------------------------------------------------------------------

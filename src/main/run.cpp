@@ -7,6 +7,7 @@
 #include "db_create/db_create.h"
 #include "debug/debug.h"
 #include "filelist/create.h"
+#include "http/http.h"
 #include "main/main.h"
 #include "mem/mem.h"
 #include "os/os.h"
@@ -315,6 +316,7 @@ static bool _main_create_window() {
         return false;
     }
     main_apply_command_line(&switches, false);
+    http_server_apply_settings(nullptr);
     return true;
 }
 
@@ -333,6 +335,8 @@ static void _main_kill() {
 
 static void _main_shutdown() {
     debug_color_printf(MAIN_STEP_COLOR, "shutdown\n");
+    // The server's query belongs to the index, so the server stops first.
+    http_server_shutdown();
     main_db_kill();
     main_loop_kill();
     os_instance_lock_destroy(instance_lock);

@@ -1,0 +1,224 @@
+// The HTTP server on the socket layer: the protocol table, each connection's sink (send queue, file
+// transfer, log), the timer that cuts off requests that never end, and starting and stopping by the
+// settings.
+#include <cstring>
+
+#include "config/config.h"
+#include "config/config_vars.h"
+#include "http/http.h"
+#include "main/main.h"
+#include "net/net.h"
+#include "os/os_main.h"
+
+// Queued bytes above which a connection stops producing until the peer has taken some: a table or a
+// file goes out in steps of this size, whatever its length.
+#define HTTP_SEND_QUEUE_CAP (256u * 1024u)
+#define HTTP_FILE_BLOCK     65536u
+
+static net_server_t *_net;
+static http_server_t *_http;
+static os_main_timer_t *_timer;
+
+// What the socket layer keeps for each connection.
+struct _conn_t {
+    net_conn_t *net;
+    http_connection_t *http;
+    os_file_t file; // a transfer in progress, or OS_FILE_INVALID
+    uint64_t file_left;
+    char *buffer; // HTTP_FILE_BLOCK bytes while a transfer runs
+};
+
+static void _sink_send(void *context, const char *bytes, size_t n) {
+    _conn_t *k = (_conn_t *) context;
+    while (n > 0) {
+        uint32_t part = n > HTTP_FILE_BLOCK ? HTTP_FILE_BLOCK : (uint32_t) n;
+        net_send(k->net, bytes, part);
+        bytes += part;
+        n -= part;
+    }
+}
+
+static void _file_done(_conn_t *k) {
+    if (k->file != OS_FILE_INVALID) {
+        os_file_close(k->file);
+        k->file = OS_FILE_INVALID;
+    }
+    mem_free(k->buffer);
+    k->buffer = nullptr;
+}
+
+// Reads the file on while the queue has room; the peer's pace sets the reading's. A read that fails
+// cuts the answer short: the peer sees fewer bytes than Content-Length said.
+static void _file_more(_conn_t *k) {
+    while (k->file != OS_FILE_INVALID && k->file_left > 0 && net_send_room(k->net)) {
+        uint32_t want = k->file_left < HTTP_FILE_BLOCK ? (uint32_t) k->file_left : HTTP_FILE_BLOCK;
+        int64_t got = os_file_read(k->file, k->buffer, want);
+        if (got <= 0) {
+            net_log(k->net->server, k->net, "read error\r\n");
+            k->file_left = 0;
+            break;
+        }
+        net_send(k->net, k->buffer, (uint32_t) got);
+        k->file_left -= (uint64_t) got;
+    }
+    if (k->file != OS_FILE_INVALID && k->file_left == 0) {
+        _file_done(k);
+        net_conn_quit(k->net);
+    }
+}
+
+static void _sink_send_file(void *context, os_file_t f, uint64_t start, uint64_t size) {
+    _conn_t *k = (_conn_t *) context;
+    k->file = f;
+    k->file_left = size;
+    k->buffer = (char *) mem_alloc(HTTP_FILE_BLOCK);
+    if (start && !os_file_seek(f, start)) {
+        net_log(k->net->server, k->net, "seek failed\r\n");
+        k->file_left = 0;
+    }
+    _file_more(k);
+}
+
+static bool _sink_room(void *context) {
+    return net_send_room(((_conn_t *) context)->net);
+}
+
+static void _sink_end(void *context) {
+    net_conn_quit(((_conn_t *) context)->net);
+}
+
+static void _sink_log(void *context, const char *text) {
+    _conn_t *k = (_conn_t *) context;
+    net_log(k->net->server, k->net, "%s", text);
+}
+
+static void _server_log(void *context, const char *text) {
+    if (_net) {
+        net_log(_net, nullptr, "%s", text);
+    }
+}
+
+static void _proto_open(net_conn_t *c) {
+    _conn_t *k = (_conn_t *) mem_alloc(sizeof *k);
+    memset(k, 0, sizeof *k);
+    k->net = c;
+    k->file = OS_FILE_INVALID;
+    c->session = k;
+    http_sink_t sink = {k, _sink_send, _sink_send_file, _sink_room, _sink_end, _sink_log};
+    k->http = http_connection_open(_http, &sink, os_tick_ms());
+}
+
+static void _proto_line(net_conn_t *c, char *line, uint32_t len) {
+    _conn_t *k = (_conn_t *) c->session;
+    // The layer took the LF; the request's own line rules see it again.
+    line[len] = '\n';
+    http_connection_receive(k->http, line, len + 1);
+    line[len] = 0;
+}
+
+static void _proto_writable(net_conn_t *c) {
+    _conn_t *k = (_conn_t *) c->session;
+    if (k->file != OS_FILE_INVALID) {
+        _file_more(k);
+    } else {
+        http_connection_writable(k->http);
+    }
+}
+
+static void _proto_close(net_conn_t *c) {
+    _conn_t *k = (_conn_t *) c->session;
+    if (!k) {
+        return;
+    }
+    _file_done(k);
+    http_connection_close(k->http);
+    mem_free(k);
+    c->session = nullptr;
+}
+
+static const net_proto_t _proto = {
+    "HTTP",
+    "SABLEWATCH_HTTP_SERVER",
+    "HTTP_Server_Log",
+    false,
+    HTTP_MAX_REQUEST_LINE + 1, // the CR before the LF
+    4096,
+    HTTP_SEND_QUEUE_CAP,
+    120000,
+    "HTTP/1.0 503 Service Unavailable\r\nContent-Type: text/html; charset=UTF-8\r\n\r\n503 Service "
+    "Unavailable",
+    "HTTP/1.0 414 Request-URI Too Long\r\nContent-Type: text/html; charset=UTF-8\r\n\r\n414 Request-URI Too "
+    "Long",
+    "HTTP/1.0 408 Request Timeout\r\nContent-Type: text/html; charset=UTF-8\r\n\r\n408 Request Timeout",
+    &http_server_logging_enabled,
+    &http_server_log_file_name,
+    &http_server_log_max_size,
+    &http_server_log_delta_size,
+    _proto_open,
+    _proto_line,
+    _proto_writable,
+    _proto_close,
+    nullptr,
+};
+
+// Cuts off requests that haven't ended in time, however slowly their bytes keep coming.
+static void _timer_proc(void *) {
+    if (!_net) {
+        return;
+    }
+    uint32_t now = os_tick_ms();
+    for (net_conn_t *c = _net->connections_head; c; c = c->next) {
+        _conn_t *k = (_conn_t *) c->session;
+        if (k && !c->ending) {
+            http_connection_tick(k->http, now);
+        }
+    }
+}
+
+static void _stop() {
+    if (!_net) {
+        return;
+    }
+    os_main_timer_stop(_timer);
+    _timer = nullptr;
+    net_server_stop(_net);
+    _net = nullptr;
+    http_server_destroy(_http);
+    _http = nullptr;
+}
+
+bool http_server_apply_settings(void *parent_window) {
+    if (!http_server_enabled || !allow_http_server) {
+        _stop();
+        return false;
+    }
+    if (_net && _net->port == http_server_port && strcmp(_net->bindings, http_server_bindings) == 0) {
+        return true;
+    }
+    _stop();
+    if (!db) {
+        main_db_load();
+    }
+    http_settings_t settings;
+    http_settings_from_config(&settings);
+    str_t strings;
+    str_init(&strings);
+    if (*http_server_strings) {
+        config_resolve_path(http_server_strings, &strings);
+    }
+    _http = http_server_create(db, &settings, strings.ptr);
+    str_kill(&strings);
+    _http->log = _server_log;
+    _net = net_server_start(&_proto, parent_window, http_server_port, http_server_bindings);
+    if (!_net) {
+        http_server_destroy(_http);
+        _http = nullptr;
+        return false;
+    }
+    _timer = os_main_timer_start(1000, true, _timer_proc, nullptr);
+    return true;
+}
+
+void http_server_shutdown() {
+    _stop();
+}

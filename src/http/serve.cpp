@@ -59,10 +59,11 @@ static const char *_status_text(int status) {
 
 // The user's "<status>.html" from the home folder into out; false when there is none.
 static bool _read_error_page(http_server_t *server, int status, str_t *out) {
+    char file[16];
+    int file_len = text_format_args(file, "%d.html", status);
     str_t name;
     str_init(&name);
-    str_printf(&name, "%d.html", status);
-    str_path_cat(&name, server->settings.home, (int) strlen(server->settings.home), name.ptr, name.len);
+    str_path_cat(&name, server->settings.home, (int) strlen(server->settings.home), file, file_len);
     bool ok = false;
     os_file_info_t info;
     if (os_get_file_info(name.ptr, &info) && !(info.attributes & OS_ATTR_DIRECTORY) &&

@@ -132,8 +132,9 @@ const char *http_sort_name(uint32_t column);
 size_t http_percent_decode(char *text, bool plus_blank);
 // Canonical form of a decoded path with sep as separator: "." dropped, ".." taking the component before
 // it (never more than there are), runs of separators after the leading ones made one, no trailing one.
-// Up to two leading separators stay (a Linux full path, a UNC name). False, with out emptied, for a path
-// with a NUL (len counts it) or bytes that are not UTF-8.
+// Up to two leading separators stay (a Linux full path, a UNC name). With "\\" as separator trailing dots
+// and blanks leave each component, as Windows drops them. False, with out emptied, for a path with a NUL
+// (len counts it), bytes that are not UTF-8, or (Windows) a component of only dots and blanks.
 bool http_path_canonicalise(const char *path, size_t len, char sep, str_t *out);
 // Whether n bytes are well-formed UTF-8 (no overlong forms, no surrogates, nothing above U+10FFFF).
 bool http_utf8_valid(const char *text, size_t n);

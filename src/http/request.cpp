@@ -389,7 +389,20 @@ bool http_path_canonicalise(const char *path, size_t len, char sep, str_t *out) 
         while (j < len && !is_sep(path[j])) {
             j++;
         }
-        _path_component(out, start, sep, path + i, j - i);
+        size_t n = j - i;
+        bool dots = (n == 1 && path[i] == '.') || (n == 2 && path[i] == '.' && path[i + 1] == '.');
+        if (sep == '\\' && !dots) {
+            // Windows drops trailing dots and blanks from a component when it opens a path. A name made
+            // of nothing else (".. ", "...") could become a climb there: it names nothing here.
+            while (n > 0 && (path[i + n - 1] == '.' || path[i + n - 1] == ' ')) {
+                n--;
+            }
+            if (n == 0 && j > i) {
+                str_clear(out);
+                return false;
+            }
+        }
+        _path_component(out, start, sep, path + i, n);
         i = j + 1;
     }
     return true;

@@ -211,15 +211,12 @@ static bool _send_resource(http_connection_t *c, const char *name) {
     return true;
 }
 
-// home joined with a canonical path, with the long-path prefix where the platform has one.
+// home joined with a canonical path. The long-path prefix is left out: the platform layer's file
+// information refuses a path with "?", and what the prefix would guard against (Windows dropping
+// trailing dots and blanks) the canonical form has already dealt with.
 static void _home_path(http_server_t *server, const str_t *path, str_t *out) {
     const char *home = server->settings.home;
-    str_set(out, "");
-    if (OS_SEP == '\\' && strncmp(home, "\\\\?\\", 4) != 0) {
-        str_cat_z(out, strncmp(home, "\\\\", 2) == 0 ? "\\\\?\\UNC\\" : "\\\\?\\");
-        home += strncmp(home, "\\\\", 2) == 0 ? 2 : 0;
-    }
-    str_cat_z(out, home);
+    str_set(out, home);
     str_path_cat(out, out->ptr, out->len, path->ptr, path->len);
 }
 

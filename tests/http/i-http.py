@@ -353,6 +353,8 @@ class HttpTest(unittest.TestCase):
             "/" + secret, "/" + secret.replace("..", "%2e%2e"), "/" + secret.replace("..", "%2E%2e"),
             "/" + secret.replace("/", "%2f"), "/" + secret.replace("/", "%5c"), "/" + secret.replace("..", ".%2e"),
             "/" + secret.replace("..", "%c0%ae%c0%ae"), "/" + secret + "%00.html", "/./" + secret,
+            "/" + secret.replace("..", "..%20"), "/" + secret.replace("..", "..."), "/" + secret.replace("..", "..."),
+            "/" + secret.replace("..", "%2e%2e%2e%20"),
             "/" + "../" * 12 + "etc/passwd", "/" + "%2e%2e%2f" * 12 + "etc/passwd", "//etc/passwd",
             link_of(native(os.path.join(self.root, "secret.txt"))),
         ]

@@ -291,7 +291,9 @@ TEST(HttpRoute, TargetsToAnswers) {
         {"/a/b/../../../../c", "", false, HTTP_ROUTE_PATH, "c"},
         {"/./a/./b/.", "", false, HTTP_ROUTE_PATH, "a" + S + "b"},
         {"/a/%2e/b", "", false, HTTP_ROUTE_PATH, "a" + S + "b"},
-        {"/a/...", "", false, HTTP_ROUTE_PATH, "a" + S + "..."},
+        // Windows would drop the dots of "...": there it names nothing; on Linux it is a name.
+        {"/a/...", "", false, OS_SEP == '\\' ? HTTP_ROUTE_NOT_FOUND : HTTP_ROUTE_PATH,
+         OS_SEP == '\\' ? "" : "a" + S + "..."},
         {"/a+b", "", false, HTTP_ROUTE_PATH, "a+b"},
         // A NUL or bytes that aren't UTF-8 can name nothing.
         {"/a%00/../b", "", false, HTTP_ROUTE_NOT_FOUND, ""},
@@ -326,6 +328,11 @@ TEST(HttpPath, CanonicalFormsForBothSeparators) {
         {'\\', "\\\\server\\share\\..\\..\\x", "\\\\x", true},
         {'\\', "C:/a\\b/../c", "C:\\a\\c", true},
         {'\\', "\\\\\\a", "\\\\a", true},
+        // Windows drops trailing dots and blanks; a name of only those could climb there.
+        {'\\', "a\\b. .\\c", "a\\b\\c", true},
+        {'\\', "a\\.. \\..\\x", "", false},
+        {'\\', "a\\...\\x", "", false},
+        {'/', "a/.. /...", "a/.. /...", true}, // ordinary names on Linux
         {'/', std::string("a\0b", 3), "", false},
         {'/', "\xed\xa0\x80", "", false}, // a surrogate
         {'/', "\xf4\x90\x80\x80", "", false},

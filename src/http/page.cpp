@@ -265,8 +265,7 @@ void http_page_row(http_page_t *p, const http_row_t *row, uint32_t index, bool s
         const char *cls;
         bool size;
         uint64_t value;
-    } cells[] = {{"sizedata", true, row->folder ? DB_UNKNOWN : row->size},
-                 {"modifieddata", false, row->date_modified}};
+    } cells[] = {{"sizedata", true, row->size}, {"modifieddata", false, row->date_modified}};
     for (const auto &cell : cells) {
         http_page_cat(p, F(RESULT_TD));
         http_page_cat(p, cell.cls);

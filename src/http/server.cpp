@@ -224,7 +224,7 @@ void http_json_row(http_page_t *p, const http_row_t *row, bool path, bool size, 
     }
     if (size) {
         str_cat_z(&p->out, "\",\r\n\t\t\t\"size\":\"");
-        http_json_value(&p->out, row->folder ? DB_UNKNOWN : row->size);
+        http_json_value(&p->out, row->size);
     }
     if (date) {
         str_cat_z(&p->out, "\",\r\n\t\t\t\"date_modified\":\"");

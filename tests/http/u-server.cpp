@@ -271,3 +271,39 @@ TEST(HttpPage, TitleFormats) {
 }
 
 } // namespace
+
+namespace {
+
+TEST(HttpFragments, UserFileReplacesNamedOnes) {
+    str_t tmp;
+    str_init(&tmp);
+    os_temp_folder(&tmp);
+    std::string path = std::string(tmp.ptr) + OS_SEP_STR + "sw-http-strings.ini";
+    str_kill(&tmp);
+    {
+        FILE *f = fopen(path.c_str(), "wb");
+        ASSERT_NE(f, nullptr);
+        fputs("[Other]\nTE_END=wrong section\n[HTTP_SERVER_STRINGS]\nte_end=</table><!-- mine -->\n"
+              "HEAD_BEGIN=<html><title>\nNOT_A_FRAGMENT=x\n",
+              f);
+        fclose(f);
+    }
+    char *fragments[HTTP_FRAGMENT_COUNT];
+    http_fragments_load(fragments, path.c_str());
+    EXPECT_STREQ(fragments[HTTP_F_TE_END], "</table><!-- mine -->");
+    EXPECT_STREQ(fragments[HTTP_F_HEAD_BEGIN], "<html><title>");
+    EXPECT_STREQ(fragments[HTTP_F_THS_LINE], "<tr><td colspan=\"");
+    http_fragments_free(fragments);
+    remove(path.c_str());
+
+    // No file, or one that can't be read: the defaults, each named in the file's order.
+    http_fragments_load(fragments, "/no/such/file.ini");
+    EXPECT_EQ(std::string(fragments[HTTP_F_HEAD_BEGIN]).rfind("<!DOCTYPE HTML PUBLIC", 0), 0u);
+    http_fragments_free(fragments);
+    EXPECT_STREQ(http_fragment_name(0), "HEAD_BEGIN");
+    EXPECT_STREQ(http_fragment_name(HTTP_F_QUERY_NUMRESULTS), "QUERY_NUMRESULTS");
+    EXPECT_STREQ(http_fragment_name(HTTP_FRAGMENT_COUNT - 1), "TE_END");
+    EXPECT_EQ(HTTP_FRAGMENT_COUNT, 68);
+}
+
+} // namespace

@@ -12,6 +12,7 @@
 #include "mem/mem.h"
 #include "os/os.h"
 #include "os/os_main.h"
+#include "stp/stp.h"
 
 int32_t exit_code = 0;
 bool read_only = false;
@@ -316,7 +317,6 @@ static bool _main_create_window() {
         return false;
     }
     main_apply_command_line(&switches, false);
-    http_server_apply_settings(nullptr);
     return true;
 }
 
@@ -335,7 +335,8 @@ static void _main_kill() {
 
 static void _main_shutdown() {
     debug_color_printf(MAIN_STEP_COLOR, "shutdown\n");
-    // The server's query belongs to the index, so the server stops first.
+    // The servers' sessions own queries of the index, so they end before it.
+    _stp_server_stop();
     http_server_shutdown();
     main_db_kill();
     main_loop_kill();
@@ -365,6 +366,8 @@ int main_run(int show_command) {
     read_only = switches.read_only;
     if (!_main_stop_service() && !_main_do_command_line_installs() && !_main_run_file_operation() &&
         _main_take_instance() && _main_create_window()) {
+        stp_server_apply_settings(nullptr);
+        http_server_apply_settings(nullptr);
         debug_color_printf(MAIN_STEP_COLOR, "enter main loop\n");
         main_loop_run();
     }

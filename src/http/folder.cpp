@@ -147,22 +147,16 @@ static void _folder_html_top(http_connection_t *c, http_page_t *p, const str_t *
             parent_len = 0;
         }
         http_page_cat(p, f[HTTP_F_PATH_UPDIR]);
-        str_t slashed, link;
-        str_init(&slashed);
+        str_t link;
         str_init(&link);
-        str_set_n(&slashed, path->ptr, parent_len);
-        for (int i = 0; OS_SEP == '\\' && i < slashed.len; i++) {
-            slashed.ptr[i] = slashed.ptr[i] == '\\' ? '/' : slashed.ptr[i];
-        }
-        http_cat_url(&link, slashed.ptr, (size_t) slashed.len, false, false);
+        http_cat_url_path(&link, path->ptr, (size_t) parent_len);
         http_page_html(p, link.ptr, (size_t) link.len);
         str_kill(&link);
-        str_kill(&slashed);
         http_page_cat(p, f[HTTP_F_PATH_UPDIR2]);
         http_page_html_z(p, "Up one directory...");
         http_page_cat(p, f[HTTP_F_PATH_UPDIR3]);
     }
-    http_page_table_head(p, false);
+    http_page_table_head(p, path->ptr);
 }
 
 bool http_folder_answer(http_connection_t *c, const str_t *path) {

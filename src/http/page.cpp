@@ -140,6 +140,13 @@ void http_page_path_link(http_page_t *p, const char *path, size_t n) {
     str_t link;
     str_init(&link);
     str_cat_char(&link, '/');
+    http_cat_url_path(&link, path, n);
+    http_page_html(p, link.ptr, (size_t) link.len);
+    str_kill(&link);
+}
+
+void http_cat_url_path(str_t *out, const char *path, size_t n) {
+    // Windows paths are linked with "/" between components, as a browser expects them.
     str_t slashed;
     str_init(&slashed);
     str_set_n(&slashed, path, (int) n);
@@ -148,13 +155,12 @@ void http_page_path_link(http_page_t *p, const char *path, size_t n) {
             slashed.ptr[i] = '/';
         }
     }
-    http_cat_url(&link, slashed.ptr, (size_t) slashed.len, false, false);
-    http_page_html(p, link.ptr, (size_t) link.len);
+    http_cat_url(out, slashed.ptr, (size_t) slashed.len, false, false);
     str_kill(&slashed);
-    str_kill(&link);
 }
 
-void http_page_table_head(http_page_t *p, bool search) {
+void http_page_table_head(http_page_t *p, const char *folder) {
+    bool search = folder == nullptr;
     const http_session_t *s = p->session;
     static const struct {
         uint32_t column;
@@ -179,7 +185,13 @@ void http_page_table_head(http_page_t *p, bool search) {
         if (search) {
             http_page_link(p, c.column, ascending, 0);
         } else {
-            str_cat_printf(&p->out, "?sort=%s&amp;ascending=%d", http_sort_name(c.column), ascending ? 1 : 0);
+            // A folder's own address, sorted another way.
+            str_t link;
+            str_init(&link);
+            http_cat_url_path(&link, folder, strlen(folder));
+            str_cat_printf(&link, "?sort=%s&ascending=%d", http_sort_name(c.column), ascending ? 1 : 0);
+            http_page_html(p, link.ptr, (size_t) link.len);
+            str_kill(&link);
         }
         http_page_cat(p, F(TH_TD4));
         http_page_cat(p, F(TH_NOBR));

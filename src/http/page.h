@@ -43,8 +43,11 @@ void http_page_top(http_page_t *p, const char *search);
 void http_page_link(http_page_t *p, uint32_t column, bool ascending, uint32_t offset);
 // "/" and the path URL-encoded with "/" between components (a URL from a file list as it is), escaped.
 void http_page_path_link(http_page_t *p, const char *path, size_t n);
-// The header row with sort links and the arrow on the current column; search adds the path column.
-void http_page_table_head(http_page_t *p, bool search);
+// The header row with sort links and the arrow on the current column: for a search (folder null) with
+// the path column, else for the listing of folder (canonical path, "" for the roots).
+void http_page_table_head(http_page_t *p, const char *folder);
+// Appends a path URL-encoded, with "/" between its components, without a leading "/".
+void http_cat_url_path(str_t *out, const char *path, size_t n);
 // One row; index gives the alternating colour.
 void http_page_row(http_page_t *p, const http_row_t *row, uint32_t index, bool search);
 // The pages the bar lists (from 0, ascending, at most 10) for total results shown count at a time from

@@ -347,7 +347,7 @@ static void _write_results(http_connection_t *c) {
         str_kill(&b);
         str_kill(&t);
         http_page_cat(&p, server->fragments[HTTP_F_QUERY_NUMRESULTS2]);
-        http_page_table_head(&p, true);
+        http_page_table_head(&p, nullptr);
     }
     http_page_end(&p, c);
     c->streaming = HTTP_STREAM_SEARCH;

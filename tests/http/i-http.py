@@ -295,6 +295,10 @@ class HttpTest(unittest.TestCase):
         self.assertIn("blob.bin", html)
         self.assertIn('href="%s"' % link_of(native(os.path.join(self.tree, "docs"))), html)
         self.assertIn("Up one directory...", html)
+        # The sort links of a listing lead back to the same folder.
+        self.assertIn('href="%s?sort=size&amp;ascending=0"' % link_of(sub), html)
+        largest = self.get(link_of(sub) + "?sort=size&ascending=0")[2].decode("utf-8")
+        self.assertIn('href="%s?sort=size&amp;ascending=1"' % link_of(sub), largest)
         # A non-empty path wins over a search.
         html = self.get(link_of(sub) + "/?search=report")[2].decode("utf-8")
         self.assertIn("Index of", html)

@@ -469,6 +469,38 @@ class HttpTest(unittest.TestCase):
         finally:
             closed.stop()
 
+    def test_settings_shape_the_pages(self):
+        with open(os.path.join(self.server.home, "start.html"), "w") as f:
+            f.write("<p>start</p>")
+        strings = os.path.join(self.root, "strings.ini")
+        with open(strings, "w") as f:
+            f.write("[HTTP_SERVER_STRINGS]\nTE_END=</table></center><!-- mine -->\r\n\n")
+        extra = ("http_server_default_page=start.html\nhttp_server_header=X-One: 1\n"
+                 "http_title_format=$t: $s\nhttp_server_items_per_page=10\nhttp_server_strings=%s\n" % native(strings))
+        shaped = Server(self.root, self.tree, extra)
+        try:
+            port = shaped.port
+            deadline = time.time() + 60
+            while time.time() < deadline and b"of 75 results" not in curl(port, "/?search=report")[2]:
+                time.sleep(0.3)
+            status, headers, body = curl(port, "/")
+            self.assertEqual((status, body), (200, b"<p>start</p>"))
+            status, headers, body = curl(port, "/?search=report")
+            html = body.decode("utf-8")
+            # The settings file holds one line: it gets its CR LF.
+            self.assertEqual(headers.get("x-one"), "1")
+            self.assertIn("<title>Sablewatch: report</title>", html)
+            self.assertIn("1 to 10 of 75 results", html)
+            self.assertEqual(html.count('class="trdata'), 10)
+            self.assertIn("<!-- mine -->", html)
+            # The page links leave out the count that is the default.
+            self.assertIn('href="/?search=report&amp;offset=10">2<', html)
+            status, headers, _ = curl(port, "/nothing")
+            self.assertEqual((status, headers.get("x-one")), (404, "1"))
+        finally:
+            shaped.stop()
+            os.remove(os.path.join(self.server.home, "start.html"))
+
     # ---- a browser ------------------------------------------------------------------------------------
 
     def test_browser_searches_pages_and_sorts(self):

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "config/config_vars.h"
 #include "db_query/exec_reference.h"
 #include "http/http.h"
 #include "http/page.h"
@@ -304,6 +305,31 @@ TEST(HttpFragments, UserFileReplacesNamedOnes) {
     EXPECT_STREQ(http_fragment_name(HTTP_F_QUERY_NUMRESULTS), "QUERY_NUMRESULTS");
     EXPECT_STREQ(http_fragment_name(HTTP_FRAGMENT_COUNT - 1), "TE_END");
     EXPECT_EQ(HTTP_FRAGMENT_COUNT, 68);
+}
+
+} // namespace
+
+namespace {
+
+TEST(HttpSettings, ExtraHeaderLinesEndInCrLf) {
+    struct Case {
+        const char *text, *header;
+    } cases[] = {
+        {"", ""},
+        {"X-A: 1", "X-A: 1\r\n"},
+        {"X-A: 1\nX-B: 2", "X-A: 1\r\nX-B: 2\r\n"},
+        {"X-A: 1\r\nX-B: 2\r\n", "X-A: 1\r\nX-B: 2\r\n"},
+    };
+    char *saved = http_server_header;
+    for (const Case &c : cases) {
+        std::string text = c.text;
+        http_server_header = text.data();
+        http_settings_t s;
+        http_settings_from_config(&s);
+        EXPECT_STREQ(s.header, c.header) << c.text;
+        http_settings_kill(&s);
+    }
+    http_server_header = saved;
 }
 
 } // namespace

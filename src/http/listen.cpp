@@ -1,5 +1,5 @@
-// The HTTP server on the socket layer: the protocol table, each connection's sink (send queue, file
-// transfer, log), the timer that cuts off requests that never end, and starting and stopping by the
+// The HTTP server on the socket layer: the protocol table, each connection's sink (send queue, a
+// download's reader thread, log), the timer that cuts off requests that never end, and starting and stopping by the
 // settings.
 #include <cstring>
 
@@ -19,13 +19,28 @@ static net_server_t *_net;
 static http_server_t *_http;
 static os_main_timer_t *_timer;
 
+// A download's reader thread and what it shares with the main thread under lock: one buffer that the
+// reader fills while it is empty, and the main thread empties into the send queue. The reader reads no
+// more than the answer's length; end_state tells the main thread how it stopped.
+struct _reader_t {
+    os_file_t file;
+    char *buffer;
+    uint32_t bytes; // bytes in buffer; 0 while the reader may fill it
+    uint64_t left;  // bytes of the answer not yet read
+    int end_state;  // 0 running, 1 all read, 2 read error
+    bool stop;
+    os_lock_t lock;
+    os_event_t *event;
+    os_raw_thread_t *thread;
+    os_net_window_t *window;
+    os_socket_t socket; // the connection the reader's posts name
+};
+
 // What the socket layer keeps for each connection.
 struct _conn_t {
     net_conn_t *net;
     http_connection_t *http;
-    os_file_t file; // a transfer in progress, or OS_FILE_INVALID
-    uint64_t file_left;
-    char *buffer; // HTTP_FILE_BLOCK bytes while a transfer runs
+    _reader_t *reader; // a download in progress, or null
 };
 
 static void _sink_send(void *context, const char *bytes, size_t n) {
@@ -38,45 +53,113 @@ static void _sink_send(void *context, const char *bytes, size_t n) {
     }
 }
 
-static void _file_done(_conn_t *k) {
-    if (k->file != OS_FILE_INVALID) {
-        os_file_close(k->file);
-        k->file = OS_FILE_INVALID;
+static void _reader_proc(void *arg) {
+    _reader_t *r = (_reader_t *) arg;
+    for (;;) {
+        os_event_wait(r->event, OS_INFINITE);
+        os_event_reset(r->event);
+        os_lock_enter(&r->lock);
+        bool stop = r->stop;
+        bool want = r->bytes == 0 && r->end_state == 0;
+        uint64_t left = r->left;
+        os_lock_leave(&r->lock);
+        if (stop) {
+            return;
+        }
+        if (!want) {
+            continue;
+        }
+        int64_t got = left == 0 ? 0
+                                : os_file_read(r->file, r->buffer,
+                                               left < HTTP_FILE_BLOCK ? (size_t) left : HTTP_FILE_BLOCK);
+        os_lock_enter(&r->lock);
+        if (got < 0 || (got == 0 && left > 0)) {
+            r->end_state = 2; // an error, or a file that became shorter than its head said
+        } else if (got == 0) {
+            r->end_state = 1;
+        } else {
+            r->bytes = (uint32_t) got;
+            r->left -= (uint64_t) got;
+        }
+        os_lock_leave(&r->lock);
+        os_net_post(r->window, NET_MSG_DATA, r->socket);
     }
-    mem_free(k->buffer);
-    k->buffer = nullptr;
 }
 
-// Reads the file on while the queue has room; the peer's pace sets the reading's. A read that fails
-// cuts the answer short: the peer sees fewer bytes than Content-Length said.
-static void _file_more(_conn_t *k) {
-    while (k->file != OS_FILE_INVALID && k->file_left > 0 && net_send_room(k->net)) {
-        uint32_t want = k->file_left < HTTP_FILE_BLOCK ? (uint32_t) k->file_left : HTTP_FILE_BLOCK;
-        int64_t got = os_file_read(k->file, k->buffer, want);
-        if (got <= 0) {
-            net_log(k->net->server, k->net, "read error\r\n");
-            k->file_left = 0;
-            break;
-        }
-        net_send(k->net, k->buffer, (uint32_t) got);
-        k->file_left -= (uint64_t) got;
+static void _file_done(_conn_t *k) {
+    _reader_t *r = k->reader;
+    if (!r) {
+        return;
     }
-    if (k->file != OS_FILE_INVALID && k->file_left == 0) {
+    k->reader = nullptr;
+    if (r->thread) {
+        os_lock_enter(&r->lock);
+        r->stop = true;
+        os_lock_leave(&r->lock);
+        os_event_set(r->event);
+        os_raw_thread_join(r->thread);
+    }
+    os_event_destroy(r->event);
+    os_lock_kill(&r->lock);
+    os_file_close(r->file);
+    mem_free(r->buffer);
+    mem_free(r);
+}
+
+// The main thread's half: takes what the reader read into the send queue, and asks for more while the
+// queue has room. The peer's pace sets the reading's. A read that fails cuts the answer short: the peer
+// sees fewer bytes than Content-Length said.
+static void _file_more(_conn_t *k) {
+    _reader_t *r = k->reader;
+    if (!r) {
+        return;
+    }
+    os_lock_enter(&r->lock);
+    uint32_t bytes = r->bytes;
+    int end_state = r->end_state;
+    os_lock_leave(&r->lock);
+    if (bytes > 0) {
+        net_send(k->net, r->buffer, bytes);
+        os_lock_enter(&r->lock);
+        r->bytes = 0;
+        os_lock_leave(&r->lock);
+    }
+    if (end_state != 0) {
+        if (end_state == 2) {
+            net_log(k->net->server, k->net, "read error\r\n");
+        }
         _file_done(k);
         net_conn_quit(k->net);
+    } else if (net_send_room(k->net)) {
+        os_event_set(r->event);
     }
 }
 
 static void _sink_send_file(void *context, os_file_t f, uint64_t start, uint64_t size) {
     _conn_t *k = (_conn_t *) context;
-    k->file = f;
-    k->file_left = size;
-    k->buffer = (char *) mem_alloc(HTTP_FILE_BLOCK);
+    _reader_t *r = (_reader_t *) mem_alloc(sizeof *r);
+    memset(r, 0, sizeof *r);
+    r->file = f;
+    r->buffer = (char *) mem_alloc(HTTP_FILE_BLOCK);
+    r->left = size;
+    r->window = k->net->server->window;
+    r->socket = k->net->socket;
+    os_lock_init(&r->lock);
+    r->event = os_event_create(false);
+    k->reader = r;
     if (start && !os_file_seek(f, start)) {
-        net_log(k->net->server, k->net, "seek failed\r\n");
-        k->file_left = 0;
+        r->end_state = 2;
+    } else {
+        r->thread = os_raw_thread_start(_reader_proc, r);
+        if (!r->thread) {
+            r->end_state = 2;
+        }
     }
-    _file_more(k);
+    if (r->end_state) {
+        _file_more(k);
+    } else {
+        os_event_set(r->event);
+    }
 }
 
 static bool _sink_room(void *context) {
@@ -102,7 +185,6 @@ static void _proto_open(net_conn_t *c) {
     _conn_t *k = (_conn_t *) mem_alloc(sizeof *k);
     memset(k, 0, sizeof *k);
     k->net = c;
-    k->file = OS_FILE_INVALID;
     c->session = k;
     http_sink_t sink = {k, _sink_send, _sink_send_file, _sink_room, _sink_end, _sink_log};
     k->http = http_connection_open(_http, &sink, os_tick_ms());
@@ -118,7 +200,7 @@ static void _proto_line(net_conn_t *c, char *line, uint32_t len) {
 
 static void _proto_writable(net_conn_t *c) {
     _conn_t *k = (_conn_t *) c->session;
-    if (k->file != OS_FILE_INVALID) {
+    if (k->reader) {
         _file_more(k);
     } else {
         http_connection_writable(k->http);
@@ -134,6 +216,14 @@ static void _proto_close(net_conn_t *c) {
     http_connection_close(k->http);
     mem_free(k);
     c->session = nullptr;
+}
+
+// The reader thread's post: its buffer is full or it has stopped.
+static void _proto_message(net_server_t *server, uint32_t message, os_socket_t s, uint32_t, int) {
+    net_conn_t *c = message == NET_MSG_DATA ? net_conn_find(server, s) : nullptr;
+    if (c && c->session && !c->ending) {
+        _file_more((_conn_t *) c->session);
+    }
 }
 
 static const net_proto_t _proto = {
@@ -158,7 +248,7 @@ static const net_proto_t _proto = {
     _proto_line,
     _proto_writable,
     _proto_close,
-    nullptr,
+    _proto_message,
 };
 
 // Cuts off requests that haven't ended in time, however slowly their bytes keep coming.

@@ -160,6 +160,10 @@ class HttpTest(unittest.TestCase):
         cls.blob = bytes(random.Random(5).getrandbits(8) for _ in range(100000))
         with open(os.path.join(docs, "sub", "blob.bin"), "wb") as f:
             f.write(cls.blob)
+        # Larger than the send queue's limit: it goes out as the reader and the peer keep pace.
+        cls.big = os.urandom(3 << 20)
+        with open(os.path.join(cls.tree, "big.bin"), "wb") as f:
+            f.write(cls.big)
         cls.server = Server(cls.root, cls.tree)
         os.makedirs(os.path.join(cls.server.home, "pages"), exist_ok=True)
         with open(os.path.join(cls.server.home, "pages", "hello.html"), "w") as f:
@@ -331,6 +335,10 @@ class HttpTest(unittest.TestCase):
             self.assertEqual(status, 206, spec)
             self.assertEqual(headers["content-range"], "bytes %d-%d/%d" % (first, last, len(self.blob)))
             self.assertEqual(body, self.blob[first:last + 1])
+        big = link_of(native(os.path.join(self.tree, "big.bin")))
+        self.assertEqual(self.get(big)[2], self.big)
+        status, _, body = self.get(big, "-H", "Range: bytes=1000000-2999999")
+        self.assertEqual((status, body), (206, self.big[1000000:3000000]))
         # A range that can't be served is no range.
         status, _, body = self.get(path, "-H", "Range: bytes=200000-")
         self.assertEqual((status, len(body)), (200, len(self.blob)))
@@ -388,6 +396,16 @@ class HttpTest(unittest.TestCase):
             except OSError:
                 pass
         self.still_serves()
+
+    def test_downloads_dropped_midway(self):
+        big = link_of(native(os.path.join(self.tree, "big.bin")))
+        for _ in range(20):
+            s = socket.create_connection(("127.0.0.1", self.server.port), timeout=10)
+            s.sendall(b"GET " + big.encode() + b" HTTP/1.0\r\n\r\n")
+            s.recv(1000)
+            s.close()
+        self.still_serves()
+        self.assertEqual(self.get(big)[2], self.big)
 
     def test_slowloris_is_cut_off(self):
         s = socket.create_connection(("127.0.0.1", self.server.port), timeout=60)

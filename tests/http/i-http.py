@@ -330,9 +330,9 @@ class HttpTest(unittest.TestCase):
         self.assertEqual(headers["pragma"], "no-cache")
         ranges = [("bytes=100-", 100, len(self.blob) - 1), ("bytes=0-0", 0, 0), ("bytes=10-19", 10, 19),
                   ("bytes=99990-200000", 99990, len(self.blob) - 1)]
-        for spec, first, last in ranges:
-            status, headers, body = self.get(path, "-H", "Range: " + spec)
-            self.assertEqual(status, 206, spec)
+        for asked, first, last in ranges:
+            status, headers, body = self.get(path, "-H", "Range: " + asked)
+            self.assertEqual(status, 206, asked)
             self.assertEqual(headers["content-range"], "bytes %d-%d/%d" % (first, last, len(self.blob)))
             self.assertEqual(body, self.blob[first:last + 1])
         big = link_of(native(os.path.join(self.tree, "big.bin")))

@@ -186,16 +186,21 @@ void http_search_answer(http_connection_t *c) {
     }
 }
 
-// The row of result index i, with its texts in the two buffers. False when the index no longer holds it
-// (the results changed under a long answer).
-static bool _result_row(http_server_t *server, int i, http_row_t *row, str_t *full, str_t *path) {
+// The row of result index i, with its texts in the two buffers (the paths only when paths is on). False when
+// the index no longer holds it (the results changed under a long answer).
+static bool _result_row(http_server_t *server, int i, http_row_t *row, str_t *full, str_t *path, bool paths) {
     db_ref_t record = 0;
     bool folder = true;
     if (!_db_result_at(server->query, i, &record, &folder)) {
         return false;
     }
-    db_get_full_path(full, record);
-    db_get_result_path(server->query, i, path);
+    // Paths cost a walk up the tree for each row: only the pages that show them build them.
+    str_clear(full);
+    str_clear(path);
+    if (paths) {
+        db_get_full_path(full, record);
+        db_get_result_path(server->query, i, path);
+    }
     row->folder = folder;
     row->name = db_record_name(record, &row->name_len);
     row->full_path = full->ptr;
@@ -236,7 +241,7 @@ void http_json_row(http_page_t *p, const http_row_t *row, bool path, bool size, 
 static bool _search_row(http_connection_t *c, http_page_t *p, str_t *a, str_t *b) {
     const http_session_t *s = &c->session;
     http_row_t row;
-    if (!_result_row(c->server, (int) c->row, &row, a, b)) {
+    if (!_result_row(c->server, (int) c->row, &row, a, b, !s->json || s->path_column)) {
         return false;
     }
     if (s->json) {

@@ -3,7 +3,8 @@
 //
 // The session must never hold more than its limits, feeding the same bytes in one read or in two must
 // end the same way, and a routed path must be valid UTF-8 without NUL and without a "." or ".." component,
-// so that joined behind a root it stays inside. The escapes of the path must come out valid UTF-8.
+// so that joined behind a root it stays inside; the same holds for the input as a path under Windows'
+// separator and its rule for trailing dots and blanks. The escapes of the path must come out valid UTF-8.
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -13,7 +14,9 @@
 #include "mem/mem.h"
 #include "os/os.h"
 
-static void _check_path(const str_t *path) {
+// No component may be "." or "..", nor (with Windows' separator) end in a dot or a blank, which Windows
+// would drop on opening and so turn into one.
+static void _check_path(const str_t *path, char sep = OS_SEP) {
     if (!http_utf8_valid(path->ptr, (size_t) path->len) || memchr(path->ptr, 0, (size_t) path->len)) {
         abort();
     }
@@ -21,11 +24,12 @@ static void _check_path(const str_t *path) {
     const char *end = p + path->len;
     while (p < end) {
         const char *q = p;
-        while (q < end && *q != OS_SEP && *q != '/') {
+        while (q < end && *q != sep && *q != '/') {
             q++;
         }
         std::string component(p, (size_t) (q - p));
-        if (component == "." || component == "..") {
+        if (component == "." || component == ".." ||
+            (sep == '\\' && !component.empty() && (component.back() == '.' || component.back() == ' '))) {
             abort();
         }
         p = q + 1;
@@ -85,5 +89,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     }
     http_session_kill(&whole);
     http_session_kill(&split);
+
+    // The same bytes as a decoded path under Windows' rule, whatever platform this runs on.
+    str_t windows;
+    str_init(&windows);
+    if (http_path_canonicalise((const char *) data, size, '\\', &windows)) {
+        _check_path(&windows, '\\');
+    }
+    str_kill(&windows);
     return 0;
 }

@@ -351,6 +351,13 @@ class HttpTest(unittest.TestCase):
                          b"HTTP/1.0 400 Bad Request")
         self.assertEqual(raw(self.server.port, b"GET x HTTP/1.0\r\n\r\n").split(b"\r\n")[0],
                          b"HTTP/1.0 400 Bad Request")
+        # Each request and its answer are in the server's log.
+        self.get("/nowhere-%d" % os.getpid())
+        with open(self.server.log, encoding="utf-8", errors="replace") as f:
+            log = f.read()
+        self.assertIn("GET /nowhere-%d\n" % os.getpid(), log.replace("\r\n", "\n"))
+        self.assertIn("404 Not Found", log)
+        self.assertIn("HTTP server online.", log)
         # The user's own error page.
         with open(os.path.join(self.server.home, "404.html"), "w") as f:
             f.write("<p>lost</p>")

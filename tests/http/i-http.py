@@ -46,7 +46,9 @@ def free_port():
 
 def link_of(full_path):
     """The URL path the server gives a record: "/" and the path with "/" between components."""
-    return "/" + urllib.parse.quote(full_path.replace("\\", "/"), safe="/-._~!'()*")
+    if WINDOWS:
+        full_path = full_path.replace("\\", "/")
+    return "/" + urllib.parse.quote(full_path, safe="/-._~!'()*")
 
 
 class Server:
@@ -164,6 +166,11 @@ class HttpTest(unittest.TestCase):
         cls.big = os.urandom(3 << 20)
         with open(os.path.join(cls.tree, "big.bin"), "wb") as f:
             f.write(cls.big)
+        if not WINDOWS:
+            # Linux names may hold a backslash, CR or LF.
+            for name in ("back\\slash.txt", "line\nfeed.txt"):
+                with open(os.path.join(docs, "sub", name), "w") as f:
+                    f.write(name)
         cls.server = Server(cls.root, cls.tree)
         os.makedirs(os.path.join(cls.server.home, "pages"), exist_ok=True)
         with open(os.path.join(cls.server.home, "pages", "hello.html"), "w") as f:
@@ -281,6 +288,20 @@ class HttpTest(unittest.TestCase):
         bar = self.get("/?search=report&count=7&offset=35")[2].decode()
         pages = re.findall(r'class="nav">(?:<b>|<a class=num href="[^"]*">)?([^<]*)<', bar)
         self.assertEqual(pages, ["1", "...", "5", "6", "7", "...", "11"])
+
+    def test_linux_names_with_backslash_and_line_feed(self):
+        if WINDOWS:
+            self.skipTest("Windows names hold neither")
+        doc = self.json("/?s=%5C&j=1&path_column=1")
+        self.assertEqual([r["name"] for r in doc["results"]], ["back\\slash.txt"])
+        doc = self.json("/?s=feed&j=1")
+        self.assertEqual([r["name"] for r in doc["results"]], ["line\nfeed.txt"])
+        for name in ("back\\slash.txt", "line\nfeed.txt"):
+            path = link_of(os.path.join(self.tree, "docs", "sub", name))
+            self.assertEqual(self.get(path)[2], name.encode(), name)
+        html = self.get(link_of(os.path.join(self.tree, "docs", "sub")))[2].decode()
+        self.assertIn("back%5Cslash.txt", html)
+        self.assertIn("line%0Afeed.txt", html)
 
     def test_names_are_escaped_in_pages(self):
         html = self.get("/?search=odd")[2].decode("utf-8")

@@ -109,6 +109,7 @@ struct http_sink_t {
     // the handle, whatever happens.
     void (*send_file)(void *context, os_file_t f, uint64_t start, uint64_t size);
     // Whether the send queue has room for more; a long table waits for http_connection_writable when not.
+    // Null: always.
     bool (*room)(void *context);
     // Ends the answer: the connection closes once the queue has gone out. It must not close the
     // connection from inside the call; the close comes later through http_connection_close.
@@ -134,6 +135,7 @@ struct http_connection_t {
     uint32_t row, row_end, first, total;
     uint32_t *children; // a folder's children, folders first; owned
     uint32_t child_folders;
+    uint32_t stall_row, stall_since; // where a streaming answer stood at the tick it last moved
 };
 
 enum { HTTP_STREAM_NONE, HTTP_STREAM_SEARCH, HTTP_STREAM_FOLDER };
@@ -184,7 +186,8 @@ http_connection_t *http_connection_open(http_server_t *server, const http_sink_t
 void http_connection_receive(http_connection_t *c, const char *bytes, size_t n);
 // The send queue has room again: a table that waited goes on.
 void http_connection_writable(http_connection_t *c);
-// The timer: a request not ended in time is answered 408 and ended.
+// The timer: a request not ended in time is answered 408 and ended; a search answer that a peer has
+// stopped taking for as long gives up the query when others wait for it (its peer gets a cut answer).
 void http_connection_tick(http_connection_t *c, uint32_t now);
 // The peer went away or the answer went out: unlinks the connection, cancels its search if it runs, and
 // frees it.

@@ -1,6 +1,6 @@
 // The HTTP server on the socket layer: the protocol table, each connection's sink (send queue, a
-// download's reader thread, log), the timer that cuts off requests that never end, and starting and stopping by the
-// settings.
+// download's reader thread, log), the timer that cuts off requests that never end, and starting and stopping
+// by the settings.
 #include <cstring>
 
 #include "config/config.h"

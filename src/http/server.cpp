@@ -116,6 +116,29 @@ void http_connection_tick(http_connection_t *c, uint32_t now) {
         c->session.done = true;
         http_log(c, "request timed out after %u ms\r\n", (uint32_t) HTTP_REQUEST_TIMEOUT_MS);
         http_send_error(c, 408);
+        return;
+    }
+    if (c->streaming != HTTP_STREAM_SEARCH) {
+        return;
+    }
+    if (c->row != c->stall_row || c->stall_since == 0) {
+        c->stall_row = c->row;
+        c->stall_since = now ? now : 1;
+        return;
+    }
+    http_server_t *server = c->server;
+    if (now - c->stall_since < (uint32_t) HTTP_REQUEST_TIMEOUT_MS || !server->waiting_head) {
+        return;
+    }
+    // A peer that stopped reading may block only itself: the rest of its answer is dropped and the
+    // query goes to the searches waiting for it.
+    http_log(c, "answer stalled for %u ms, cut short\r\n", (uint32_t) HTTP_REQUEST_TIMEOUT_MS);
+    c->streaming = HTTP_STREAM_NONE;
+    c->row_end = c->row;
+    http_finish(c);
+    if (server->running == c) {
+        server->running = nullptr;
+        _run_next(server);
     }
 }
 

@@ -214,6 +214,43 @@ TEST_F(ServerTest, LongAnswersWaitForThePeerAndHoldTheQuery) {
     }
 }
 
+TEST_F(ServerTest, APeerThatStopsReadingGivesUpTheQueryToOthers) {
+    Peer *whole = request("/?search=&json=1&path_column=1");
+    settle();
+    Peer *stuck = request("/?search=&json=1&path_column=1", false);
+    Peer *next = request("/?search=abc&json=1");
+    settle();
+    ASSERT_FALSE(stuck->ended);
+    size_t sent = stuck->sent.size();
+    // The clock moves, the peer takes nothing: after the time-out the waiting search is served.
+    http_connection_tick(stuck->c, 5000);
+    http_connection_tick(stuck->c, 5000 + HTTP_REQUEST_TIMEOUT_MS - 1);
+    EXPECT_FALSE(next->ended);
+    http_connection_tick(stuck->c, 5000 + HTTP_REQUEST_TIMEOUT_MS);
+    EXPECT_TRUE(stuck->ended);
+    EXPECT_EQ(stuck->sent.size(), sent);
+    settle();
+    EXPECT_TRUE(next->ended);
+    EXPECT_EQ(json_names(next->sent), expected("abc", DB_SORT_NAME));
+    // A peer that keeps taking rows is never cut, however long its answer runs.
+    Peer *reading = request("/?search=&json=1&path_column=1", false);
+    Peer *behind = request("/?search=abc&json=1");
+    settle();
+    ASSERT_EQ(reading->c->streaming, HTTP_STREAM_SEARCH);
+    for (uint32_t t = 1; !reading->ended; t += HTTP_REQUEST_TIMEOUT_MS) {
+        http_connection_tick(reading->c, t);
+        ASSERT_FALSE(behind->ended);
+        http_connection_writable(reading->c);
+    }
+    EXPECT_EQ(reading->sent.substr(reading->sent.find("\r\n\r\n")),
+              whole->sent.substr(whole->sent.find("\r\n\r\n")));
+    settle();
+    EXPECT_TRUE(behind->ended);
+    for (Peer *p : {whole, stuck, next, reading, behind}) {
+        http_connection_close(p->c);
+    }
+}
+
 TEST_F(ServerTest, HtmlPagesCountAndLinkTheirPages) {
     std::vector<std::string> all = expected("readme", DB_SORT_NAME);
     ASSERT_GT(all.size(), 12u);

@@ -149,6 +149,9 @@ static void _net_accept_one(net_server_t *server, os_socket_t s, const os_net_ad
         return;
     }
     os_net_set_reuse(s);
+    // The send queue already gathers what is ready into few writes; the rest must not wait for the
+    // client's delayed acknowledgement.
+    os_net_set_nodelay(s);
     net_conn_t *c = (net_conn_t *) mem_alloc(sizeof(net_conn_t));
     memset(c, 0, sizeof(*c));
     c->server = server;

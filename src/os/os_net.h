@@ -100,6 +100,10 @@ int os_net_resolve(const char *host, const char *port, bool passive, os_net_reso
 os_socket_t os_net_socket(int family, int *error);
 // Socket option 4 (address reuse) on, as the servers set it on every socket they accept.
 void os_net_set_reuse(os_socket_t s);
+// Sends small writes at once instead of waiting for the peer's acknowledgement of the last (TCP_NODELAY):
+// a request-reply protocol whose replies come in several writes would otherwise wait out the peer's
+// delayed acknowledgement on each.
+void os_net_set_nodelay(os_socket_t s);
 // Binds a local address. On Linux a port whose old connections linger may be bound again at once.
 // Returns 0 or the error code.
 int os_net_bind(os_socket_t s, const os_net_addr_t *addr);

@@ -140,15 +140,28 @@ void stp_query_stream(stp_session_t *s) {
     str_init(&text);
     // Results go out while the control connection has room; the rest follows from its writable call,
     // so a client that stops reading holds only its own queue's cap.
+    // Lines are gathered into blocks of about 64 KiB, so that a page of results is one write.
+    str_t block;
+    str_init(&block);
     while (s->streaming && s->stream_next < s->stream_end && net_send_room(s->conn) && !s->conn->ending) {
         _stp_stream_result(s, s->stream_next++, &line, &text);
-        net_send(s->conn, line.ptr, (uint32_t) line.len);
+        str_cat(&block, line.ptr, line.len);
+        if (block.len >= 65536) {
+            net_send(s->conn, block.ptr, (uint32_t) block.len);
+            str_clear(&block);
+        }
     }
     if (s->streaming && s->stream_next >= s->stream_end) {
         s->streaming = false;
-        _stp_text(s, "200 End.\r\n");
+        // The final line goes out in the same write, and to the log as every final reply does.
+        str_cat_z(&block, "200 End.\r\n");
+        _stp_log(s, "200 End.\r\n");
+        net_send(s->conn, block.ptr, (uint32_t) block.len);
         net_conn_pause_reading(s->conn, false);
+    } else if (block.len > 0) {
+        net_send(s->conn, block.ptr, (uint32_t) block.len);
     }
+    str_kill(&block);
     str_kill(&text);
     str_kill(&line);
 }

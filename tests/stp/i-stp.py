@@ -98,7 +98,10 @@ class Server:
                 break
             except OSError:
                 if time.time() > deadline or self.proc.poll() is not None:
-                    raise RuntimeError("the server did not start")
+                    self.err.flush()
+                    with open(os.path.join(work, "server.err"), "rb") as f:
+                        raise RuntimeError("the server did not start (status %s):\n%s" % (
+                            self.proc.poll(), f.read().decode("utf-8", "replace")[-3000:]))
                 time.sleep(0.2)
 
     def rss_kib(self):

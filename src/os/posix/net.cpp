@@ -324,6 +324,11 @@ void os_net_set_reuse(os_socket_t s) {
     setsockopt((int) s, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
 }
 
+void os_net_set_nodelay(os_socket_t s) {
+    int one = 1;
+    setsockopt((int) s, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
+}
+
 int os_net_bind(os_socket_t s, const os_net_addr_t *addr) {
     // Here address reuse only lets a restarted server take its port while old connections linger; it
     // never lets two listeners share a port, as it would on Windows.

@@ -185,6 +185,11 @@ void os_net_set_reuse(os_socket_t s) {
     setsockopt((SOCKET) s, SOL_SOCKET, SO_REUSEADDR, (const char *) &one, sizeof(one));
 }
 
+void os_net_set_nodelay(os_socket_t s) {
+    BOOL one = TRUE;
+    setsockopt((SOCKET) s, IPPROTO_TCP, TCP_NODELAY, (const char *) &one, sizeof(one));
+}
+
 int os_net_bind(os_socket_t s, const os_net_addr_t *addr) {
     return bind((SOCKET) s, (const sockaddr *) addr->data, (int) addr->len) == 0 ? 0 : WSAGetLastError();
 }

@@ -256,6 +256,10 @@ static void _timer_proc(void *) {
     if (!_net) {
         return;
     }
+    // A flood of connections can fill the window's message queue, and a notice that a connection waits
+    // is then lost for good (it comes again only after the next accept). Asking once a second costs a
+    // failed accept and keeps the server reachable.
+    os_net_post(_net->window, NET_MSG_ACCEPT, OS_SOCKET_NONE);
     uint32_t now = os_tick_ms();
     for (net_conn_t *c = _net->connections_head; c; c = c->next) {
         _conn_t *k = (_conn_t *) c->session;

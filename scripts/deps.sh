@@ -32,6 +32,8 @@ fi
 pkgs=(cmake ninja-build g++ clang libclang-rt-14-dev llvm mingw-w64 wine wine64 xvfb xauth
       googletest libbz2-dev libpcre2-dev ntfs-3g fuse3 attr unicode-data dpkg-dev bzip2 findutils
       plocate time locales tzdata python3 curl lftp)
+# The HTTP server's tests and load bench: real clients, a browser and a peer server.
+pkgs+=(chromium chromium-driver python3-selenium apache2-utils lighttpd)
 
 SUDO=
 [ "$(id -u)" = 0 ] || [ "$dry" = 1 ] || SUDO=sudo

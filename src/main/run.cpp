@@ -7,6 +7,7 @@
 #include "db_create/db_create.h"
 #include "debug/debug.h"
 #include "filelist/create.h"
+#include "http/http.h"
 #include "main/main.h"
 #include "mem/mem.h"
 #include "os/os.h"
@@ -336,6 +337,7 @@ static void _main_shutdown() {
     debug_color_printf(MAIN_STEP_COLOR, "shutdown\n");
     // The servers' sessions own queries of the index, so they end before it.
     _stp_server_stop();
+    http_server_shutdown();
     main_db_kill();
     main_loop_kill();
     os_instance_lock_destroy(instance_lock);
@@ -365,6 +367,7 @@ int main_run(int show_command) {
     if (!_main_stop_service() && !_main_do_command_line_installs() && !_main_run_file_operation() &&
         _main_take_instance() && _main_create_window()) {
         stp_server_apply_settings(nullptr);
+        http_server_apply_settings(nullptr);
         debug_color_printf(MAIN_STEP_COLOR, "enter main loop\n");
         main_loop_run();
     }

@@ -1,0 +1,372 @@
+// The server's core without sockets: connections fed requests through a sink that keeps what they are
+// sent, over a generated index. The waiting queue, the one query shared by them, answers written as the
+// peer takes them, and the page bar and title that every page carries.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "config/config_vars.h"
+#include "db_query/exec_reference.h"
+#include "http/http.h"
+#include "http/page.h"
+#include "main/main.h"
+
+namespace {
+
+struct Peer {
+    std::string sent;
+    std::vector<std::string> log;
+    bool ended = false;
+    bool room = true;
+    http_connection_t *c = nullptr;
+};
+
+void peer_send(void *ctx, const char *bytes, size_t n) {
+    ((Peer *) ctx)->sent.append(bytes, n);
+}
+void peer_send_file(void *ctx, os_file_t f, uint64_t, uint64_t) {
+    os_file_close(f);
+    ((Peer *) ctx)->ended = true;
+}
+bool peer_room(void *ctx) {
+    return ((Peer *) ctx)->room;
+}
+void peer_end(void *ctx) {
+    ((Peer *) ctx)->ended = true;
+}
+void peer_log(void *ctx, const char *text) {
+    ((Peer *) ctx)->log.push_back(text);
+}
+
+// The names of a JSON answer's results, in order.
+std::vector<std::string> json_names(const std::string &body) {
+    std::vector<std::string> out;
+    const std::string key = "\"name\":\"";
+    for (size_t at = body.find(key); at != std::string::npos; at = body.find(key, at + 1)) {
+        size_t start = at + key.size(), end = start;
+        while (body[end] != '"' || body[end - 1] == '\\') {
+            end++;
+        }
+        out.push_back(body.substr(start, end - start));
+    }
+    return out;
+}
+
+std::string json_escaped(const std::string &name) {
+    str_t s;
+    str_init(&s);
+    http_cat_json(&s, name.data(), name.size());
+    std::string out(s.ptr, (size_t) s.len);
+    str_kill(&s);
+    return out;
+}
+
+struct ServerTest : ::testing::Test {
+    static ref_index_t idx;
+    static void SetUpTestSuite() {
+        event_init();
+        idx.build(3000, 17);
+    }
+    static void TearDownTestSuite() { idx.destroy(); }
+
+    http_server_t *server = nullptr;
+    std::vector<Peer *> peers;
+
+    void SetUp() override {
+        http_settings_t s = {};
+        s.username = mem_dup("", 0);
+        s.password = mem_dup("", 0);
+        s.home = mem_dup("/nonexistent-home", 17);
+        s.default_page = mem_dup("", 0);
+        s.header = mem_dup("", 0);
+        s.title_format = mem_dup("", 0);
+        s.allow_download = true;
+        s.items_per_page = 32;
+        server = http_server_create(idx.db, &s, nullptr);
+    }
+    void TearDown() override {
+        http_server_destroy(server);
+        for (Peer *p : peers) {
+            delete p;
+        }
+    }
+    Peer *request(const std::string &target, bool room = true) {
+        Peer *p = new Peer;
+        p->room = room;
+        peers.push_back(p);
+        http_sink_t sink = {p, peer_send, peer_send_file, peer_room, peer_end, peer_log};
+        p->c = http_connection_open(server, &sink, 0);
+        std::string req = "GET " + target + " HTTP/1.0\r\n\r\n";
+        http_connection_receive(p->c, req.data(), req.size());
+        return p;
+    }
+    void settle() {
+        for (int i = 0; i < 20; i++) {
+            db_wait(idx.db, "test");
+            event_dispatch();
+        }
+    }
+    // The names the query gives for a search and sort, escaped as the JSON writes them.
+    std::vector<std::string> expected(const char *search, int sort) {
+        db_query_t *q = db_query_create(idx.db, false, nullptr, nullptr);
+        exec_run(q, search, sort);
+        std::vector<std::string> out;
+        for (db_ref_t r : exec_results(q)) {
+            uint32_t len;
+            const char *name = db_record_name(r, &len);
+            out.push_back(json_escaped(std::string(name, len)));
+        }
+        db_destroy_query(q);
+        return out;
+    }
+    static bool logged(const Peer *p, const std::string &line) {
+        for (const std::string &l : p->log) {
+            if (l == line) {
+                return true;
+            }
+        }
+        return false;
+    }
+};
+ref_index_t ServerTest::idx;
+
+TEST_F(ServerTest, QueuedSearchesShareTheQueryAndEachGetsItsOwnOrder) {
+    Peer *a = request("/?search=readme&json=1");
+    Peer *b = request("/?search=readme&json=1&sort=size&ascending=0");
+    Peer *c = request("/?search=readme&json=1&offset=5&count=7");
+    Peer *d = request("/?search=abc&json=1&sort=path");
+    // One search runs; the others wait for it.
+    EXPECT_EQ(server->running, a->c);
+    EXPECT_FALSE(a->ended || b->ended || c->ended || d->ended);
+    settle();
+    for (Peer *p : {a, b, c, d}) {
+        EXPECT_TRUE(p->ended);
+        EXPECT_EQ(p->sent.find("HTTP/1.0 200 OK\r\n"), 0u);
+    }
+    std::vector<std::string> by_name = expected("readme", DB_SORT_NAME);
+    ASSERT_GT(by_name.size(), 20u);
+    EXPECT_EQ(json_names(a->sent), by_name);
+    EXPECT_EQ(json_names(b->sent), expected("readme", DB_SORT_SIZE + 1));
+    EXPECT_EQ(json_names(c->sent), std::vector<std::string>(by_name.begin() + 5, by_name.begin() + 12));
+    EXPECT_EQ(json_names(d->sent), expected("abc", DB_SORT_PATH));
+    EXPECT_NE(a->sent.find("\"totalResults\":" + std::to_string(by_name.size()) + ","), std::string::npos);
+    EXPECT_TRUE(logged(b, "same query, different sort\n"));
+    EXPECT_TRUE(logged(c, "same query, different sort\n"));
+    // Only a page of the same search and order costs nothing: it is written at once.
+    Peer *e = request("/?search=abc&json=1&sort=path&offset=3");
+    EXPECT_TRUE(e->ended);
+    EXPECT_TRUE(logged(e, "same query\n"));
+    for (Peer *p : {a, b, c, d, e}) {
+        http_connection_close(p->c);
+    }
+}
+
+TEST_F(ServerTest, AConnectionThatGoesAwayLeavesTheQueue) {
+    Peer *a = request("/?search=readme&json=1");
+    Peer *b = request("/?search=resume&json=1");
+    Peer *c = request("/?search=abc&json=1");
+    // b leaves while waiting, a while its search runs: c is answered all the same, and right.
+    http_connection_close(b->c);
+    http_connection_close(a->c);
+    EXPECT_EQ(server->running, c->c);
+    settle();
+    EXPECT_TRUE(c->ended);
+    EXPECT_EQ(json_names(c->sent), expected("abc", DB_SORT_NAME));
+    EXPECT_TRUE(a->sent.find("\"results\"") == std::string::npos);
+    http_connection_close(c->c);
+    // The cut search was forgotten: asking it again runs it again.
+    Peer *again = request("/?search=readme&json=1");
+    settle();
+    EXPECT_FALSE(logged(again, "same query\n"));
+    EXPECT_EQ(json_names(again->sent), expected("readme", DB_SORT_NAME));
+    http_connection_close(again->c);
+}
+
+TEST_F(ServerTest, LongAnswersWaitForThePeerAndHoldTheQuery) {
+    Peer *whole = request("/?search=&json=1&path_column=1");
+    settle();
+    ASSERT_TRUE(whole->ended);
+    ASSERT_GT(whole->sent.size(), 3u * 65536);
+
+    // The same search again is written at once, as far as the peer takes it.
+    Peer *slow = request("/?search=&json=1&path_column=1", false);
+    settle();
+    EXPECT_FALSE(slow->ended);
+    size_t first = slow->sent.size();
+    EXPECT_LT(first, whole->sent.size());
+    // A search behind it waits until the last row is out.
+    Peer *next = request("/?search=abc&json=1");
+    settle();
+    EXPECT_FALSE(next->ended);
+    while (!slow->ended) {
+        http_connection_writable(slow->c);
+        ASSERT_GT(slow->sent.size(), first);
+        first = slow->sent.size();
+    }
+    // Apart from the Date line the answers are the same.
+    auto body = [](const std::string &s) { return s.substr(s.find("\r\n\r\n")); };
+    EXPECT_EQ(body(slow->sent), body(whole->sent));
+    settle();
+    EXPECT_TRUE(next->ended);
+    for (Peer *p : {whole, slow, next}) {
+        http_connection_close(p->c);
+    }
+}
+
+TEST_F(ServerTest, APeerThatStopsReadingGivesUpTheQueryToOthers) {
+    Peer *whole = request("/?search=&json=1&path_column=1");
+    settle();
+    Peer *stuck = request("/?search=&json=1&path_column=1", false);
+    Peer *next = request("/?search=abc&json=1");
+    settle();
+    ASSERT_FALSE(stuck->ended);
+    size_t sent = stuck->sent.size();
+    // The clock moves, the peer takes nothing: after the time-out the waiting search is served.
+    http_connection_tick(stuck->c, 5000);
+    http_connection_tick(stuck->c, 5000 + HTTP_REQUEST_TIMEOUT_MS - 1);
+    EXPECT_FALSE(next->ended);
+    http_connection_tick(stuck->c, 5000 + HTTP_REQUEST_TIMEOUT_MS);
+    EXPECT_TRUE(stuck->ended);
+    EXPECT_EQ(stuck->sent.size(), sent);
+    settle();
+    EXPECT_TRUE(next->ended);
+    EXPECT_EQ(json_names(next->sent), expected("abc", DB_SORT_NAME));
+    // A peer that keeps taking rows is never cut, however long its answer runs.
+    Peer *reading = request("/?search=&json=1&path_column=1", false);
+    Peer *behind = request("/?search=abc&json=1");
+    settle();
+    ASSERT_EQ(reading->c->streaming, HTTP_STREAM_SEARCH);
+    for (uint32_t t = 1; !reading->ended; t += HTTP_REQUEST_TIMEOUT_MS) {
+        http_connection_tick(reading->c, t);
+        ASSERT_FALSE(behind->ended);
+        http_connection_writable(reading->c);
+    }
+    EXPECT_EQ(reading->sent.substr(reading->sent.find("\r\n\r\n")),
+              whole->sent.substr(whole->sent.find("\r\n\r\n")));
+    settle();
+    EXPECT_TRUE(behind->ended);
+    for (Peer *p : {whole, stuck, next, reading, behind}) {
+        http_connection_close(p->c);
+    }
+}
+
+TEST_F(ServerTest, HtmlPagesCountAndLinkTheirPages) {
+    std::vector<std::string> all = expected("readme", DB_SORT_NAME);
+    ASSERT_GT(all.size(), 12u);
+    Peer *p = request("/?search=readme&count=5&offset=5");
+    settle();
+    std::string total = std::to_string(all.size());
+    EXPECT_NE(p->sent.find("6 to 10 of " + total + " results"), std::string::npos);
+    EXPECT_NE(p->sent.find("?search=readme&amp;count=5\">&lt; Previous"), std::string::npos);
+    EXPECT_NE(p->sent.find("?search=readme&amp;offset=10&amp;count=5\">Next &gt;"), std::string::npos);
+    EXPECT_NE(p->sent.find("<title>readme - Sablewatch</title>"), std::string::npos);
+    // The current column's link flips its direction; another starts where a reader expects.
+    EXPECT_NE(p->sent.find("?search=readme&amp;sort=name&amp;ascending=0&amp;count=5\""), std::string::npos);
+    EXPECT_NE(p->sent.find("?search=readme&amp;sort=size&amp;ascending=0&amp;count=5\""), std::string::npos);
+    http_connection_close(p->c);
+}
+
+TEST(HttpPageBar, PagesListed) {
+    struct Case {
+        uint32_t total, count, offset;
+        std::vector<uint32_t> pages;
+    } cases[] = {
+        {75, 32, 0, {0, 1, 2}},
+        {320, 32, 0, {0, 1, 2, 3, 4, 5, 6, 7, 8, 9}},
+        {77, 7, 35, {0, 4, 5, 6, 10}}, // eleven pages, the sixth shown: 1 ... 5 6 7 ... 11
+        {77, 7, 0, {0, 1, 10}},
+        {77, 7, 70, {0, 9, 10}},
+        {77, 7, 7, {0, 1, 2, 10}},
+        {77, 7, 3, {0, 1, 2, 10}}, // an offset between pages counts as the page it reaches into
+        {0, 32, 0, {}},
+        {0xFFFFFFFF, 1, 0xFFFFFFFE, {0, 0xFFFFFFFD, 0xFFFFFFFE}},
+    };
+    for (const Case &c : cases) {
+        uint32_t pages[10];
+        uint32_t n = http_page_bar_pages(c.total, c.count, c.offset, pages);
+        EXPECT_EQ(std::vector<uint32_t>(pages, pages + n), c.pages)
+            << c.total << " " << c.count << " " << c.offset;
+    }
+}
+
+TEST(HttpPage, TitleFormats) {
+    struct Case {
+        const char *format, *subject, *title;
+    } cases[] = {
+        {"", "report", "report - Sablewatch"}, {"", "", "Sablewatch"},
+        {"$t: $s", "x", "Sablewatch: x"},      {"$s?{[$s]} $$", "", " $"},
+        {"$s?{[$s]} $$", "a", "[a] $"},        {"?{x}", "a", "?{x}"},
+        {"$s?{unclosed", "a", "unclosed"},
+    };
+    for (const Case &c : cases) {
+        str_t out;
+        str_init(&out);
+        http_page_title(&out, c.format, c.subject);
+        EXPECT_STREQ(out.ptr, c.title) << c.format;
+        str_kill(&out);
+    }
+}
+
+} // namespace
+
+namespace {
+
+TEST(HttpFragments, UserFileReplacesNamedOnes) {
+    str_t tmp;
+    str_init(&tmp);
+    os_temp_folder(&tmp);
+    std::string path = std::string(tmp.ptr) + OS_SEP_STR + "sw-http-strings.ini";
+    str_kill(&tmp);
+    {
+        FILE *f = fopen(path.c_str(), "wb");
+        ASSERT_NE(f, nullptr);
+        fputs("[Other]\nTE_END=wrong section\n[HTTP_SERVER_STRINGS]\nte_end=</table><!-- mine -->\n"
+              "HEAD_BEGIN=<html><title>\nNOT_A_FRAGMENT=x\n",
+              f);
+        fclose(f);
+    }
+    char *fragments[HTTP_FRAGMENT_COUNT];
+    http_fragments_load(fragments, path.c_str());
+    EXPECT_STREQ(fragments[HTTP_F_TE_END], "</table><!-- mine -->");
+    EXPECT_STREQ(fragments[HTTP_F_HEAD_BEGIN], "<html><title>");
+    EXPECT_STREQ(fragments[HTTP_F_THS_LINE], "<tr><td colspan=\"");
+    http_fragments_free(fragments);
+    remove(path.c_str());
+
+    // No file, or one that can't be read: the defaults, each named in the file's order.
+    http_fragments_load(fragments, "/no/such/file.ini");
+    EXPECT_EQ(std::string(fragments[HTTP_F_HEAD_BEGIN]).rfind("<!DOCTYPE HTML PUBLIC", 0), 0u);
+    http_fragments_free(fragments);
+    EXPECT_STREQ(http_fragment_name(0), "HEAD_BEGIN");
+    EXPECT_STREQ(http_fragment_name(HTTP_F_QUERY_NUMRESULTS), "QUERY_NUMRESULTS");
+    EXPECT_STREQ(http_fragment_name(HTTP_FRAGMENT_COUNT - 1), "TE_END");
+    EXPECT_EQ(HTTP_FRAGMENT_COUNT, 68);
+}
+
+} // namespace
+
+namespace {
+
+TEST(HttpSettings, ExtraHeaderLinesEndInCrLf) {
+    struct Case {
+        const char *text, *header;
+    } cases[] = {
+        {"", ""},
+        {"X-A: 1", "X-A: 1\r\n"},
+        {"X-A: 1\nX-B: 2", "X-A: 1\r\nX-B: 2\r\n"},
+        {"X-A: 1\r\nX-B: 2\r\n", "X-A: 1\r\nX-B: 2\r\n"},
+    };
+    char *saved = http_server_header;
+    for (const Case &c : cases) {
+        std::string text = c.text;
+        http_server_header = text.data();
+        http_settings_t s;
+        http_settings_from_config(&s);
+        EXPECT_STREQ(s.header, c.header) << c.text;
+        http_settings_kill(&s);
+    }
+    http_server_header = saved;
+}
+
+} // namespace

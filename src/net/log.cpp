@@ -112,7 +112,12 @@ void net_log_v(net_server_t *server, net_conn_t *c, const char *format, va_list 
     str_vprintf(&text, format, args);
     net_log_path(proto, &path);
     net_log_trim(path.ptr, *proto->log_max_size, *proto->log_delta_size);
-    debug_printf("%s", text.ptr);
+    // The debug log takes the entry as one line of its own, whatever line end the protocol's text has.
+    str_set(&line, text.ptr);
+    while (line.len && (line.ptr[line.len - 1] == '\n' || line.ptr[line.len - 1] == '\r')) {
+        line.ptr[--line.len] = 0;
+    }
+    debug_printf("%s\n", line.ptr);
     os_systemtime_t t;
     if (!os_filetime_to_local(os_filetime_now(), &t)) {
         memset(&t, 0, sizeof(t));

@@ -8,6 +8,7 @@
 
 #include "debug/debug.h"
 #include "os/os.h"
+#include "os/os_watch.h"
 
 // FILETIME of 1970-01-01 00:00:00 UTC, and the ticks in a second.
 #define OS_FILETIME_UNIX_EPOCH 116444736000000000ull
@@ -34,6 +35,10 @@ void os_civil_from_days(int64_t days, int *year, int *month, int *day);
 // (the thread may run shell calls). The returned token goes back to os_thread_leave.
 int os_thread_enter();
 void os_thread_leave(int token);
+
+// The platform object behind a stop object, for the other waits of src/os that include one: the eventfd
+// on Linux, the event HANDLE on Windows.
+uintptr_t os_watch_stop_native(os_watch_stop_t *s);
 
 #ifndef _WIN32
 // Details of name in the folder dirfd (AT_FDCWD: name is a path), never following a final link, with the

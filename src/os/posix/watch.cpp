@@ -103,6 +103,10 @@ void os_watch_stop_set(os_watch_stop_t *s) {
     }
 }
 
+uintptr_t os_watch_stop_native(os_watch_stop_t *s) {
+    return (uintptr_t) s->fd;
+}
+
 bool os_watch_stop_is_set(os_watch_stop_t *s) {
     struct pollfd p = {s->fd, POLLIN, 0};
     return poll(&p, 1, 0) == 1 && (p.revents & POLLIN);

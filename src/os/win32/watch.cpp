@@ -69,6 +69,10 @@ void os_watch_stop_set(os_watch_stop_t *s) {
     SetEvent(s->event);
 }
 
+uintptr_t os_watch_stop_native(os_watch_stop_t *s) {
+    return (uintptr_t) s->event;
+}
+
 bool os_watch_stop_is_set(os_watch_stop_t *s) {
     return WaitForSingleObject(s->event, 0) == WAIT_OBJECT_0;
 }

@@ -230,9 +230,9 @@ void db_structure_from_frozen(db_structure_t *out, const config_frozen_t *config
 // The resolved form of a configured path, as the sources store it: resolved against the settings folder,
 // without a trailing separator (the Linux "/" becomes "").
 void db_build_resolve_path(str_t *out, const char *path);
-// A folder source's update type and value from its schedule settings, and the next update time from now.
-void db_folder_schedule(const config_folder_t *folder, uint32_t *update_type, uint32_t *update_value);
-uint64_t db_folder_next_update(uint32_t update_type, uint32_t update_value, uint64_t now);
+// A folder source's update type and value, and its next update time: db_folder_schedule and
+// db_folder_next_update of the folder sources' own module.
+#include "db_monitor/db_monitor.h"
 
 // ---- parts of the build, for the rebuild thread and its tests ------------------------------------------
 

@@ -68,9 +68,9 @@ int os_dirwatch_walk_rdc(const void *bytes, uint32_t size, os_dirwatch_callback_
         uint32_t next = rdc_u32(e);
         uint32_t action = rdc_u32(e + 4);
         uint32_t name_bytes = rdc_u32(e + 8);
-        // A next entry must lie past this one's fixed part, start inside the buffer, and keep the 4-byte
-        // alignment the kernel gives every entry; anything else is a buffer we can't follow.
-        if (next != 0 && (next < RDC_HEADER_BYTES || (next & 3) || off + next + RDC_HEADER_BYTES > size)) {
+        // A next entry must lie past this one's fixed part and have its own fixed part inside the buffer.
+        // Windows keeps entries 4-byte aligned but Wine packs them, so alignment is not required.
+        if (next != 0 && (next < RDC_HEADER_BYTES || off + next + RDC_HEADER_BYTES > size)) {
             result = rdc_fail(fault, OS_DIRWATCH_FAULT_NEXT_OFFSET, off + next, size);
             break;
         }

@@ -87,7 +87,9 @@ enum {
     // The server refused the buffer size (ERROR_INVALID_PARAMETER): shrink it, destroy and re-create.
     OS_DIRWATCH_BUFFER_REFUSED = 2,
     // The watch can't go on (its folder went away, a read or re-arm failed, os_last_error() says why):
-    // destroy it and re-create it after a delay.
+    // destroy it and re-create it after a delay. When a new folder would pass the user's watch limit the
+    // read says BROKEN too, with os_dirwatch_error_is_limit(os_last_error()) true: entries up to then were
+    // delivered, and re-creating will report the limit.
     OS_DIRWATCH_BROKEN = 3,
     // An entry didn't fit the bytes received; the entries before it were delivered and the rest of the
     // buffer dropped. os_dirwatch_fault tells which check failed. The watch goes on.

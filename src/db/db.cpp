@@ -7,6 +7,7 @@
 #include "db/db.h"
 #include "db/dbfile.h"
 #include "db_create/filelist_monitor.h"
+#include "db_update/db_update.h"
 
 #include <cstring>
 
@@ -72,6 +73,7 @@ void db_destroy(db_t *db) {
     event_remove(_db_ready_proc, db);
     event_remove(_db_load_complete_proc, db);
     event_remove(_db_status_proc, db);
+    event_remove(_db_changed_records_proc, db);
     db_arrays_kill(db);
     db_pool_kill(&db->pool);
     db_fs_kill_all(db);
@@ -169,6 +171,10 @@ void _db_ready_proc(void *ctx) {
     // Queries first: a search stored while the index was loading runs now, and each query hears that
     // the job ended.
     db_queries_idle(db);
+    if (db->job_thread)
+        return;
+    // Records whose values a job changed: their rows are drawn again now that nothing changes them.
+    db_changed_records_dispatch(db);
     if (db->job_thread)
         return;
     // Later, in this order, each stopping when a new job begins: post each query its codes 8 and 6;

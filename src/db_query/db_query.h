@@ -419,3 +419,13 @@ bool db_query_record_removed(db_query_t *query, db_ref_t record, bool is_folder)
 // The same for every query of the index.
 void db_queries_record_added(db_t *db, db_ref_t record, bool is_folder);
 void db_queries_record_removed(db_t *db, db_ref_t record, bool is_folder);
+// A record about to change its key in place (a sorted value, its path) or to be replaced by a new record
+// (a rename): it leaves the results, the selection and the ghosts like a removed record. Returns
+// DB_LIVE_* flags saying where it was, for db_query_record_attach.
+enum { DB_LIVE_IN_RESULTS = 1, DB_LIVE_IN_SELECTION = 2 };
+uint32_t db_query_record_detach(db_query_t *query, db_ref_t record, bool is_folder);
+// The record (the same under its new key, or its replacement) comes back: into the results when the
+// query's chain takes it, and into the selection too when flags say the old one was selected. True when
+// it went into the results.
+bool db_query_record_attach(db_query_t *query, db_ref_t record, bool is_folder, uint32_t flags,
+                            db_eval_scratch_t *scratch);

@@ -113,3 +113,30 @@ void db_queries_record_removed(db_t *db, db_ref_t record, bool folder) {
     for (db_query_t *q = db->queries_first; q; q = q->next)
         db_query_record_removed(q, record, folder);
 }
+
+// A record whose key is about to change (a value the sort reads, its path) or that a new record replaces
+// leaves the query the same way as one that goes, but the query remembers whether it was selected, so
+// that the record under its new key, or its replacement, comes back selected when it still matches.
+uint32_t db_query_record_detach(db_query_t *q, db_ref_t record, bool folder) {
+    mem_array_t *selection = folder ? &q->folder_selection : &q->file_selection;
+    uint32_t before = selection->count + q->head_selection.count;
+    bool in_results = db_query_record_removed(q, record, folder);
+    uint32_t flags = in_results ? DB_LIVE_IN_RESULTS : 0;
+    if (selection->count + q->head_selection.count < before)
+        flags |= DB_LIVE_IN_SELECTION;
+    return flags;
+}
+
+bool db_query_record_attach(db_query_t *q, db_ref_t record, bool folder, uint32_t flags,
+                            db_eval_scratch_t *s) {
+    if (!db_query_record_added(q, record, folder, s))
+        return false;
+    if (flags & DB_LIVE_IN_SELECTION) {
+        live_key_t key = {q, folder, record};
+        q->db->sort_query = q;
+        if (mem_array_insert_sorted(folder ? &q->folder_selection : &q->file_selection, _live_compare, &key,
+                                    record))
+            _db_update_selection_totals(q);
+    }
+    return true;
+}

@@ -12,12 +12,14 @@ void db_monitor_set_pause(db_t *db, bool pause) {
     debug_printf("monitor pause %d\n", pause ? 1 : 0);
     if (pause) {
         db_filelists_monitor_stop(db);
+        db_folder_monitors_stop(db);
         return;
     }
     // Before the load has ended there is nothing to resume: the load's end starts them under the cleared
     // setting. The start itself checks -read-only and catches up with lists changed during the pause.
     if (db->is_loaded) {
         db_filelists_monitor_start(db);
+        db_folder_monitors_start(db);
     }
 }
 
@@ -33,9 +35,10 @@ int db_folder_rescan_all(db_t *db) {
         marked++;
     }
     debug_printf("rescan all: %d folders due\n", marked);
-    // The folder update check runs at the next moment the index has no job; it picks the due sources.
+    // The check starts one due source now, or, while a job holds the index, when it ends; each update's end
+    // checks again, so the others follow one after another.
     if (marked) {
-        db->folder_update_pending = true;
+        db_folders_check_for_updates(db);
     }
     return marked;
 }

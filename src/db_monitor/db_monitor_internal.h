@@ -37,6 +37,7 @@ struct rdc_event_t {
     char *old_long_path;
     uint32_t type;
     bool is_folder;   // what the notification or the details say the item is
+    bool kind_known;  // the notification said whether it is a folder (ReadDirectoryChangesW doesn't)
     bool got_details; // the details thread has been over it
     os_file_info_t item, old_item, parent, old_parent;
     scan_result_t *scan; // type 0, once scanned

@@ -49,6 +49,9 @@ struct rdc_listener_t {
     void *details_match_data; // the details thread's
 };
 
+// While set, the monitor thread waits on it before each read, as a thread that can't keep up would: tests
+// close it to make changes pile up until the watch overflows. Null (the default) never waits.
+extern os_event_t *rdc_read_gate;
 // Flags every new watch is made with (tests force the per-folder watch with OS_DIRWATCH_NO_FANOTIFY).
 extern uint32_t rdc_dirwatch_flags;
 

@@ -56,7 +56,11 @@ TEST_F(ListenTest, ChangesBecomeReadyEventsWithDetails) {
     EXPECT_LT(pos("1 t/new.txt"), pos("5 t/a.txt > t/b.txt"));
     EXPECT_LT(pos("5 t/a.txt > t/b.txt"), pos("2 t/new.txt"));
     EXPECT_LT(pos("2 t/new.txt"), pos("1 t/dir"));
+#ifndef _WIN32
+    // Where the watch says what an entry is, an excluded file name makes no event; ReadDirectoryChangesW
+    // doesn't say, and the apply step's own exclude test leaves it out there.
     EXPECT_EQ(pos("1 t/skip.tmp"), (long) r.size()) << "excluded names make no event";
+#endif
     {
         db_folder_state_t *st = db_folder_state(db);
         os_lock_guard guard(&db->monitor_lock);

@@ -100,11 +100,27 @@ class LiveTest : public MonitorTest {
 };
 
 TEST_F(LiveTest, ListeningKeepsTheIndexEqualToTheFolder) {
+    if (!watch_sees_existing_folders()) {
+        GTEST_SKIP() << "this platform's tree watch misses changes in folders older than the watch";
+    }
     make_tree();
     folder_source("t", true);
     rebuild();
     query = db_query_create(db, false, query_proc, nullptr);
     search(query);
+    change_tree();
+    expect_settled_on(fresh());
+}
+
+// The same script on a tree that is made while the listener runs: every folder is younger than the watch,
+// which every platform's watch follows.
+TEST_F(LiveTest, ListeningFollowsATreeMadeAfterTheStart) {
+    fs::create_directories(at("t"));
+    folder_source("t", true);
+    rebuild();
+    query = db_query_create(db, false, query_proc, nullptr);
+    search(query);
+    make_tree();
     change_tree();
     expect_settled_on(fresh());
 }
@@ -121,6 +137,9 @@ TEST_F(LiveTest, RescanKeepsTheIndexEqualToTheFolder) {
 }
 
 TEST_F(LiveTest, OverflowEndsInARescanWithRescanIfFull) {
+    if (!watch_sees_existing_folders()) {
+        GTEST_SKIP() << "this platform's tree watch misses changes in folders older than the watch";
+    }
     make_tree();
     // Watched from the start, so that the burst below is reported entry by entry and fills the queue.
     fs::create_directories(at("t/burst"));
@@ -153,19 +172,20 @@ TEST_F(LiveTest, OverflowEndsInARescanWithRescanIfFull) {
     EXPECT_NE(text.find("rescan update db"), std::string::npos);
 }
 
-// The index file saved at exit holds what was heard, and the next start loads it and leaves a source
-// that isn't due alone.
+// The index file saved at exit holds what changed since the build, and the next start loads it and leaves a
+// source that isn't due alone.
 TEST_F(LiveTest, SavedIndexHoldsTheChangesAndTheNextLoadDoesntRescan) {
     folder_update_rescan_asap = 0;
     std::string file_name = at("index.db");
     db_file_set_command_line(file_name.c_str(), nullptr, false, false);
     make_tree();
-    folder_source("t", true);
+    folder_source("t", false);
     rebuild();
     query = db_query_create(db, false, query_proc, nullptr);
     search(query);
     change_tree();
     snapshot_t want = fresh();
+    db_folders_update_now(db, nullptr);
     expect_settled_on(want);
     uint64_t next = source()->next_update;
     EXPECT_GT(next, os_filetime_now());

@@ -24,6 +24,13 @@ void db_monitor_set_pause(db_t *db, bool pause) {
 }
 
 int db_folder_rescan_all(db_t *db) {
+    // Still loading: the sources are the load's to make, and are marked as it ends (without waiting here,
+    // which would hold the start-up until the load is done).
+    if (!db->is_loaded) {
+        db_folders_update_now_at_load(db);
+        debug_printf("rescan all: folders due once loaded\n");
+        return 0;
+    }
     db_wait(db, "db_folder_rescan_all");
     int marked = 0;
     for (db_fs_t *fs = db->fs_first; fs; fs = fs->next) {

@@ -316,6 +316,7 @@ void db_build_value_order(const db_t *db, db_order_t order, bool folder, const d
 // lists changed meanwhile). Nothing starts under -read-only or before the index is loaded: the load's
 // end starts them. Main thread.
 void db_monitor_set_pause(db_t *db, bool pause);
-// Marks every folder source as due for its update now and asks for the folder update check, which runs
-// when no job holds the index. Returns the number of folder sources marked. Main thread.
+// Marks every folder source as due for its update now and runs the folder update check, which starts one
+// at once or when the job that holds the index ends. Returns the number of folder sources marked; an index
+// that is still loading has them marked as its load ends, and 0 is returned. Main thread.
 int db_folder_rescan_all(db_t *db);

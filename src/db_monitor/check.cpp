@@ -89,6 +89,10 @@ int db_folders_update_now(db_t *db, const char *path) {
     return marked;
 }
 
+void db_folders_update_now_at_load(db_t *db) {
+    db_folder_state(db)->update_all_at_load = true;
+}
+
 // ---- the tick ------------------------------------------------------------------------------------------
 
 // Indexes of the process with a running tick: the log says when the first one starts and the last ends,

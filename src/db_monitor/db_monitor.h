@@ -41,6 +41,9 @@ void db_folders_check_for_updates(db_t *db);
 // Sets update_now on the folder source whose path is path (any folder source when path is null) and runs
 // the check. Returns how many sources were marked.
 int db_folders_update_now(db_t *db, const char *path);
+// For an index that is still loading: every folder source it ends up with is marked update_now when the
+// load (or the rebuild it leads to) ends, and checked at the next idle moment.
+void db_folders_update_now_at_load(db_t *db);
 
 // The tick: a thread that posts the check to the main thread every db_folder_tick_ms while any folder
 // source has a schedule. Logged "TRAY_TIMER_FOLDER_UPDATE create" when the first index of the process
@@ -56,6 +59,10 @@ extern uint32_t db_folder_tick_ms; // 60,000; tests make it short
 bool db_folder_rescan_start(db_t *db, db_fs_t *fs);
 // Whether a scan runs or its result waits to be applied.
 bool db_folder_rescan_running(const db_t *db);
+// Waits for the running scan and applies it, and so on for each source that the check then starts (those
+// marked update_now, and those due): for the end of the session, so that an update under way or asked for
+// on the command line is in the index before it is saved. The index must be idle.
+void db_folders_update_finish(db_t *db);
 
 // ---- listening -----------------------------------------------------------------------------------------
 

@@ -81,10 +81,11 @@ struct db_folder_state_t {
     void *listener;
 
     // The queues, under db->monitor_lock.
-    rdc_queue_t details; // waiting for the details thread
-    rdc_queue_t ready;   // waiting for the apply step
-    rdc_queue_t held;    // of a source whose rescan is being applied
-    bool applying;       // the apply step runs (main thread only)
+    rdc_queue_t details;     // waiting for the details thread
+    rdc_queue_t ready;       // waiting for the apply step
+    rdc_queue_t held;        // of a source whose rescan is being applied
+    bool applying;           // the apply step runs (main thread only)
+    bool update_all_at_load; // mark every folder source due when the load ends
 };
 
 // The state of the index, made on first use.

@@ -242,6 +242,15 @@ os_event_t *rdc_read_gate = nullptr;
 
 void db_folder_monitors_start(db_t *db) {
     db_folder_monitors_stop(db);
+    db_folder_state_t *pending = db_folder_state_peek(db);
+    if (pending && pending->update_all_at_load && db->is_loaded) {
+        // A rescan asked for while the index was loading: the sources are there now.
+        pending->update_all_at_load = false;
+        for (db_fs_t *fs = db->fs_first; fs; fs = fs->next) {
+            fs->update_now = fs->update_now || fs->type == DB_FS_FOLDER;
+        }
+        db->folder_update_pending = true;
+    }
     if (read_only || monitor_pause || !db->is_loaded || db->remote_name) {
         return;
     }

@@ -109,6 +109,21 @@ void _db_folder_update_complete_proc(void *ctx) {
     db_folders_check_for_updates(db);
 }
 
+void db_folders_update_finish(db_t *db) {
+    for (db_folder_state_t *st; (st = db_folder_state_peek(db)) && st->scan_result;) {
+        if (st->scan_thread) {
+            os_thread_destroy(st->scan_thread);
+            st->scan_thread = nullptr;
+        }
+        // The thread's own post of the end is run here instead.
+        event_remove(_db_folder_update_complete_proc, db);
+        if (!db_folder_index_idle(db)) {
+            return;
+        }
+        _db_folder_update_complete_proc(db);
+    }
+}
+
 // ---- applying the differences --------------------------------------------------------------------------
 
 // Whether a scanned item's values differ from the record's in a field the index keeps. An unknown

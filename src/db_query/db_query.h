@@ -357,6 +357,8 @@ void db_itemref_destroy(db_query_t *query, db_itemref_t *ref);
 void db_itemrefs_reset(db_query_t *query, int32_t index);
 // The live update removed record: its refs must look it up again (and will find it gone).
 void db_itemrefs_record_changed(db_query_t *query, db_ref_t record);
+// A rename replaced the record by a new one: its refs follow it and look their row up again.
+void db_itemrefs_record_replaced(db_query_t *query, db_ref_t old_record, db_ref_t new_record);
 
 // ---- highlighting
 // ------------------------------------------------------------------------------------------
@@ -429,3 +431,5 @@ uint32_t db_query_record_detach(db_query_t *query, db_ref_t record, bool is_fold
 // it went into the results.
 bool db_query_record_attach(db_query_t *query, db_ref_t record, bool is_folder, uint32_t flags,
                             db_eval_scratch_t *scratch);
+// Every query's remembered items of old_record now remember new_record, its replacement by a rename.
+void db_queries_record_replaced(db_t *db, db_ref_t old_record, db_ref_t new_record);

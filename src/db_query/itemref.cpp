@@ -142,3 +142,15 @@ static void _mark(db_itemref_t *node, db_ref_t record) {
 void db_itemrefs_record_changed(db_query_t *q, db_ref_t record) {
     _mark(q->itemrefs_root, record);
 }
+
+void db_itemrefs_record_replaced(db_query_t *q, db_ref_t old_record, db_ref_t new_record) {
+    // The list, not the tree: a ref changes its key here, and refs are few.
+    for (db_itemref_t *r = q->itemrefs_head; r; r = r->next) {
+        if (r->record != old_record)
+            continue;
+        _tree_remove(q, r);
+        r->record = new_record;
+        r->index = -2;
+        _tree_insert(q, r);
+    }
+}

@@ -140,3 +140,8 @@ bool db_query_record_attach(db_query_t *q, db_ref_t record, bool folder, uint32_
     }
     return true;
 }
+
+void db_queries_record_replaced(db_t *db, db_ref_t old_record, db_ref_t new_record) {
+    for (db_query_t *q = db->queries_first; q; q = q->next)
+        db_itemrefs_record_replaced(q, old_record, new_record);
+}

@@ -178,6 +178,7 @@ static db_ref_t _rename(db_t *db, const db_fs_t *fs, db_ref_t old_parent, const 
             db_eval_scratch_init(&s);
             db_update_queries_attach(db, r, false, flags, &s);
             db_eval_scratch_kill(&s);
+            db_queries_record_replaced(db, old, r);
         }
     } else if (db_update_history.removed) {
         db_update_history.removed(db, old, false);

@@ -286,6 +286,7 @@ static db_ref_t _rename(db_t *db, db_ref_t old, db_ref_t new_parent, const char 
             db_eval_scratch_init(&s);
             db_update_queries_attach(db, r, true, flags, &s);
             db_eval_scratch_kill(&s);
+            db_queries_record_replaced(db, old, r);
         }
     } else if (db_update_history.removed) {
         db_update_history.removed(db, old, true);
@@ -296,7 +297,10 @@ static db_ref_t _rename(db_t *db, db_ref_t old, db_ref_t new_parent, const char 
 
     if (!counted || db_folder_child_count(db, old)) {
         db_folder_set_child_count(db, old, 0);
-        db_folder_children_rename(db, fs, old, r);
+        // Onto a folder that was there already (the file system gave its name a new reference) two
+        // subtrees can't merge without names meeting twice in one folder: the old subtree goes, and the
+        // next rebuild brings back whatever is really there.
+        db_folder_children_rename(db, fs, old, made ? r : 0);
     }
     db_update_arrays_remove(db, old, true, DB_UPDATE_ALL, false);
     db_update_parent_fd(db, new_parent, _parent_fd(change), timestamp);

@@ -23,7 +23,7 @@ static int rdc_fail(os_dirwatch_fault_t *fault, uint32_t check, uint64_t reach, 
     return OS_DIRWATCH_MALFORMED;
 }
 
-// Delivers one entry whose name (name_bytes, even) lies inside the buffer.
+// Delivers one entry whose name (name_bytes, even) lies inside the buffer, unless the name is impossible.
 static void rdc_deliver(uint32_t action, const uint8_t *name, uint32_t name_bytes, uint16_t **units,
                         uint32_t *units_cap, str_t *path, os_dirwatch_callback_t callback, void *ctx) {
     uint32_t n = name_bytes / 2;
@@ -33,6 +33,13 @@ static void rdc_deliver(uint32_t action, const uint8_t *name, uint32_t name_byte
     }
     if (n) {
         memcpy(*units, name, (size_t) n * sizeof(uint16_t));
+    }
+    // No file is named with U+0000; a name holding one (from a server that lies) would be cut short by
+    // every reader of the zero-terminated path, so the entry names nothing and is passed over.
+    for (uint32_t i = 0; i < n; i++) {
+        if ((*units)[i] == 0) {
+            return;
+        }
     }
     str_set_wide_n(path, *units, (int) n);
     os_dirwatch_entry_t e;

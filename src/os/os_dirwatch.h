@@ -15,6 +15,10 @@
 // - An addition of something already added, and a modification of something just added, are possible
 //   (a folder created and filled before its watch is in place is listed, and what it holds is reported as
 //   added): the caller treats an add of a known item as an update.
+// - A folder removed with what it held may come as the removal of the folder alone (a file-system mark
+//   can't name entries of a folder that is gone when the event is read): the caller removes what is
+//   below a removed folder. For the same reason such a watch names an entry by its folder's path when
+//   read, so an entry below a folder renamed just after may come with the new path, ahead of the rename.
 // - Nothing is lost silently: when changes can't be delivered one by one, a read says OVERFLOW and the
 //   caller rescans. A watch that can't cover the whole tree (the user's inotify watch limit) isn't made.
 // - A watch stays signalled for os_dirwatch_wait from the first change until a read has taken it, and a
@@ -119,7 +123,7 @@ const os_dirwatch_fault_t *os_dirwatch_fault(const os_dirwatch_t *w);
 
 // Walks size bytes of FILE_NOTIFY_INFORMATION entries as ReadDirectoryChangesW leaves them, checking every
 // entry against size, and calls back once per entry with its name in UTF-8 ('\\' stays as it is).
-// Entries with an action outside 1..5 are passed over. Returns OS_DIRWATCH_OK, or OS_DIRWATCH_MALFORMED
+// Entries with an action outside 1..5, or a name holding U+0000, are passed over. Returns OS_DIRWATCH_OK, or OS_DIRWATCH_MALFORMED
 // with *fault filled (entries before the bad one are delivered). size 0 is OS_DIRWATCH_OVERFLOW, which
 // is what a completed read of nothing means. Needs no alignment of bytes.
 int os_dirwatch_walk_rdc(const void *bytes, uint32_t size, os_dirwatch_callback_t callback, void *ctx,

@@ -201,6 +201,8 @@ inline db_t *fresh_index(const model_t &m, uint32_t word, uint32_t fs_type,
     for (int folder = 1; folder >= 0; folder--) {
         std::vector<db_ref_t> &v = folder ? folders : files;
         uint32_t n = (uint32_t) v.size();
+        if (!n) // the arrays stay empty; the sorts want something to sort
+            continue;
         db_build_sort_names(v.data(), n, &ranks);
         mem_array_from_flat(db_array(db, DB_ORDER_NAME, folder), v.data(), n);
         std::vector<db_ref_t> out(n + 1);

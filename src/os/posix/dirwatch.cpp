@@ -16,7 +16,14 @@ os_dirwatch_t *os_dirwatch_create(const char *folder, uint32_t buffer_size, uint
         n--;
     }
     char *root = mem_dup(folder, n);
-    os_dirwatch_t *w = os_dirwatch_inotify_create(root, buffer_size);
+    os_dirwatch_t *w = nullptr;
+    if (!(flags & OS_DIRWATCH_NO_FANOTIFY)) {
+        w = os_dirwatch_fanotify_create(root, buffer_size);
+    }
+    // Refused (no right to it, not a whole mount, no file handles on this file system): inotify does it.
+    if (!w) {
+        w = os_dirwatch_inotify_create(root, buffer_size);
+    }
     int error = errno;
     mem_free(root);
     errno = error;

@@ -258,6 +258,13 @@ static inotify_node_t *_inotify_add(inotify_watch_t *w, const char *full, inotif
     }
     inotify_node_t *node = _inotify_find(w, wd);
     if (node) {
+        // Back in the tree under a new name (moved out and in again as two unpaired halves): when the
+        // move out is counted as a removal later, it must not take this folder's watches with it.
+        for (int i = 0; i < w->held_count; i++) {
+            if (w->held[i].wd == wd) {
+                w->held[i].wd = -1;
+            }
+        }
         if (node != w->top && parent) {
             _inotify_unlink(node);
             mem_free(node->name);
@@ -327,7 +334,8 @@ static bool _inotify_walk(inotify_watch_t *w, inotify_node_t *start, inotify_out
         inotify_node_t *node = stack[--depth];
         _inotify_rel_path(node, nullptr, &rel);
         _inotify_full_path(w, rel.ptr ? rel.ptr : "", &full);
-        int fd = open(full.ptr, O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW);
+        // The root may be named through a link, as for its watch; nothing below it is followed.
+        int fd = open(full.ptr, O_RDONLY | O_DIRECTORY | O_CLOEXEC | (node == w->top ? 0 : O_NOFOLLOW));
         DIR *dir = fd >= 0 ? fdopendir(fd) : nullptr;
         if (!dir) {
             // Gone or unreadable since it was watched: its removal comes as an event of its own.

@@ -1,0 +1,361 @@
+// The tree watch of a whole file system: one fanotify mark on its superblock, with events that name the
+// folder (by file handle) and the entry's name. It costs no watch per folder and can't miss a folder made
+// in a hurry, so "/" and other mounts are followed at no set-up cost. It needs CAP_SYS_ADMIN and a file
+// system that gives file handles; where either is missing, creation fails and the caller uses inotify.
+//
+// Only a folder that is the root of its file system qualifies: the mark covers the whole file system,
+// and a bind mount of a part of it would be told about the rest. Folder handles are turned into paths by
+// opening them against a descriptor of the root and reading the link /proc/self/fd gives.
+//
+// The kernel folds events on one name that queue up unread into one event with several bits, so one
+// event may say both created and deleted. What exists when it is read decides: an addition (an update,
+// for the caller, if it knew it already) or a removal. Renames come as one event with both names where
+// the kernel has FAN_RENAME, else as adjacent halves that are paired here.
+#include "mem/mem.h"
+#include "os/os_internal.h"
+#include "os/posix/dirwatch.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <stddef.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/fanotify.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#define FAN_ENTRY_MASK (FAN_CREATE | FAN_DELETE | FAN_ATTRIB | FAN_MODIFY | FAN_CLOSE_WRITE | FAN_ONDIR)
+#define FAN_READS_MAX  64
+#define FAN_BUFFER_MIN 8192
+
+struct fanotify_watch_t {
+    os_dirwatch_t base;
+    int mount_fd; // the root folder, against which handles are opened
+    char *root;   // without a trailing separator, "" for "/"
+    size_t root_len;
+    bool has_rename; // the kernel reports renames as one event
+    uint32_t buffer_size;
+    char *buffer;
+};
+
+// One name in an event: the folder's path relative to the root, joined with the entry's name.
+struct fanotify_name_t {
+    bool inside; // the folder could be found and lies below the root
+    str_t path;
+};
+
+// ---- the mount check ------------------------------------------------------------------------------------
+
+// Undoes the octal escapes (\040 for a space, \011, \012, \134) of a mountinfo field, in place.
+static void _fan_unescape(char *s) {
+    char *out = s;
+    for (char *p = s; *p; p++) {
+        if (p[0] == '\\' && p[1] >= '0' && p[1] <= '3' && p[2] >= '0' && p[2] <= '7' && p[3] >= '0' &&
+            p[3] <= '7') {
+            *out++ = (char) ((p[1] - '0') * 64 + (p[2] - '0') * 8 + (p[3] - '0'));
+            p += 3;
+        } else {
+            *out++ = *p;
+        }
+    }
+    *out = 0;
+}
+
+// True when folder is a mount point whose mount shows its file system from the top, not a part of it.
+// The last mount at a point is the one that is seen.
+static bool _fan_is_fs_root(const char *folder) {
+    FILE *f = fopen("/proc/self/mountinfo", "re");
+    if (!f) {
+        return false;
+    }
+    bool whole = false;
+    char *line = nullptr;
+    size_t cap = 0;
+    while (getline(&line, &cap, f) > 0) {
+        // Fields: id, parent id, major:minor, root, mount point, ...
+        char *fields[5];
+        int n = 0;
+        for (char *save = nullptr, *t = strtok_r(line, " ", &save); t && n < 5;
+             t = strtok_r(nullptr, " ", &save)) {
+            fields[n++] = t;
+        }
+        if (n < 5) {
+            continue;
+        }
+        _fan_unescape(fields[4]);
+        if (strcmp(fields[4], folder) == 0) {
+            _fan_unescape(fields[3]);
+            whole = strcmp(fields[3], "/") == 0;
+        }
+    }
+    free(line);
+    fclose(f);
+    return whole;
+}
+
+// ---- creating -------------------------------------------------------------------------------------------
+
+static int _fan_mark(int fd, const char *folder, uint64_t mask) {
+    return fanotify_mark(fd, FAN_MARK_ADD | FAN_MARK_FILESYSTEM, mask, AT_FDCWD, folder);
+}
+
+static void _fan_destroy(os_dirwatch_t *base) {
+    fanotify_watch_t *w = (fanotify_watch_t *) base;
+    if (w->base.fd >= 0) {
+        close(w->base.fd);
+    }
+    if (w->mount_fd >= 0) {
+        close(w->mount_fd);
+    }
+    mem_free(w->root);
+    mem_free(w->buffer);
+    mem_free(w);
+}
+
+// ---- reading --------------------------------------------------------------------------------------------
+
+// The path of a folder handle record's folder, relative to the root, with the record's name joined on.
+static void _fan_resolve(fanotify_watch_t *w, const char *record, const char *end, fanotify_name_t *out) {
+    out->inside = false;
+    str_clear(&out->path);
+    // The handle's fields are copied out: the buffer gives no alignment for them.
+    const char *raw = record + offsetof(struct fanotify_event_info_fid, handle);
+    struct {
+        struct file_handle h;
+        unsigned char bytes[MAX_HANDLE_SZ];
+    } handle;
+    if (raw + sizeof(struct file_handle) > end) {
+        return;
+    }
+    memcpy(&handle.h, raw, sizeof(struct file_handle));
+    if (handle.h.handle_bytes > MAX_HANDLE_SZ ||
+        raw + sizeof(struct file_handle) + handle.h.handle_bytes >= end) {
+        return;
+    }
+    memcpy(handle.h.f_handle, raw + sizeof(struct file_handle), handle.h.handle_bytes);
+    const char *name = raw + sizeof(struct file_handle) + handle.h.handle_bytes;
+    if (!memchr(name, 0, (size_t) (end - name))) {
+        return;
+    }
+    int fd = open_by_handle_at(w->mount_fd, &handle.h, O_PATH | O_CLOEXEC);
+    if (fd < 0) {
+        // The folder is gone already; whatever happened in it is told by the event that removed it.
+        return;
+    }
+    char link[64], path[PATH_MAX];
+    snprintf(link, sizeof(link), "/proc/self/fd/%d", fd);
+    ssize_t n = readlink(link, path, sizeof(path) - 1);
+    close(fd);
+    static const char deleted[] = " (deleted)";
+    if (n <= 0 || (size_t) n >= sizeof(path) - 1 ||
+        ((size_t) n >= sizeof(deleted) - 1 &&
+         memcmp(path + n - (sizeof(deleted) - 1), deleted, sizeof(deleted) - 1) == 0)) {
+        return;
+    }
+    path[n] = 0;
+    if (strncmp(path, w->root, w->root_len) != 0 || (path[w->root_len] != 0 && path[w->root_len] != '/')) {
+        return;
+    }
+    const char *rel = path + w->root_len + (path[w->root_len] == '/' ? 1 : 0);
+    str_set(&out->path, rel);
+    if (name[0] && !(name[0] == '.' && name[1] == 0)) {
+        if (out->path.len) {
+            str_cat_char(&out->path, '/');
+        }
+        str_cat_z(&out->path, name);
+    }
+    out->inside = true;
+}
+
+static void _fan_emit(os_dirwatch_callback_t callback, void *ctx, uint32_t action, const str_t *path,
+                      uint32_t kind) {
+    os_dirwatch_entry_t e = {action, path->len ? path->ptr : "", (uint32_t) path->len, kind};
+    callback(ctx, &e);
+}
+
+// Whether the entry at rel exists now (not following a final link).
+static bool _fan_exists(fanotify_watch_t *w, const str_t *rel) {
+    struct stat st;
+    return fstatat(w->mount_fd, rel->len ? rel->ptr : ".", &st, AT_SYMLINK_NOFOLLOW) == 0;
+}
+
+// Carries a first half of a rename (kernels without FAN_RENAME) to the next event of the same read.
+struct fanotify_read_t {
+    os_dirwatch_callback_t callback;
+    void *ctx;
+    fanotify_name_t a, b;
+    bool from_held;
+    uint32_t from_kind;
+    str_t from_path;
+};
+
+static void _fan_flush_from(fanotify_read_t *r) {
+    if (r->from_held) {
+        _fan_emit(r->callback, r->ctx, OS_DIRWATCH_REMOVED, &r->from_path, r->from_kind);
+        r->from_held = false;
+    }
+}
+
+// A rename from a to b, either of which may lie outside the root (or be unknown: inside false).
+static void _fan_rename(fanotify_read_t *r, bool a_inside, const str_t *a, bool b_inside, const str_t *b,
+                        uint32_t kind) {
+    if (a_inside && b_inside) {
+        _fan_emit(r->callback, r->ctx, OS_DIRWATCH_RENAMED_OLD, a, kind);
+        _fan_emit(r->callback, r->ctx, OS_DIRWATCH_RENAMED_NEW, b, kind);
+    } else if (a_inside) {
+        _fan_emit(r->callback, r->ctx, OS_DIRWATCH_REMOVED, a, kind);
+    } else if (b_inside) {
+        _fan_emit(r->callback, r->ctx, OS_DIRWATCH_ADDED, b, kind);
+    }
+}
+
+// One event: m is its metadata (copied out, aligned), raw its bytes in the buffer.
+static void _fan_event(fanotify_watch_t *w, const struct fanotify_event_metadata *m, const char *raw,
+                       fanotify_read_t *r) {
+    const char *p = raw + m->metadata_len;
+    const char *end = raw + m->event_len;
+    bool have_a = false, have_b = false;
+    while (p + sizeof(struct fanotify_event_info_header) <= end) {
+        struct fanotify_event_info_header h;
+        memcpy(&h, p, sizeof(h));
+        if (h.len < sizeof(h) || p + h.len > end) {
+            break;
+        }
+        if (h.info_type == FAN_EVENT_INFO_TYPE_DFID_NAME ||
+            h.info_type == FAN_EVENT_INFO_TYPE_OLD_DFID_NAME) {
+            _fan_resolve(w, p, p + h.len, &r->a);
+            have_a = true;
+        } else if (h.info_type == FAN_EVENT_INFO_TYPE_NEW_DFID_NAME) {
+            _fan_resolve(w, p, p + h.len, &r->b);
+            have_b = true;
+        }
+        p += h.len;
+    }
+    uint32_t kind = (m->mask & FAN_ONDIR) ? OS_DIRWATCH_FOLDER : OS_DIRWATCH_FILE;
+    if ((m->mask & FAN_RENAME) && have_a && have_b) {
+        _fan_flush_from(r);
+        _fan_rename(r, r->a.inside, &r->a.path, r->b.inside, &r->b.path, kind);
+        return;
+    }
+    if (!have_a) {
+        return;
+    }
+    if (m->mask & FAN_MOVED_TO) {
+        bool paired = r->from_held;
+        r->from_held = false;
+        _fan_rename(r, paired, &r->from_path, r->a.inside, &r->a.path, kind);
+        return;
+    }
+    _fan_flush_from(r);
+    // Changes to the root folder itself are no entry of the tree.
+    if (!r->a.inside || r->a.path.len == 0) {
+        return;
+    }
+    if (m->mask & FAN_MOVED_FROM) {
+        r->from_held = true;
+        r->from_kind = kind;
+        str_set_n(&r->from_path, r->a.path.ptr, r->a.path.len);
+        return;
+    }
+    if (m->mask & (FAN_CREATE | FAN_DELETE)) {
+        bool exists = _fan_exists(w, &r->a.path);
+        _fan_emit(r->callback, r->ctx, exists ? OS_DIRWATCH_ADDED : OS_DIRWATCH_REMOVED, &r->a.path, kind);
+    } else if (m->mask & (FAN_MODIFY | FAN_CLOSE_WRITE | FAN_ATTRIB)) {
+        _fan_emit(r->callback, r->ctx, OS_DIRWATCH_MODIFIED, &r->a.path, kind);
+    }
+}
+
+static int _fan_read(os_dirwatch_t *base, os_dirwatch_callback_t callback, void *ctx) {
+    fanotify_watch_t *w = (fanotify_watch_t *) base;
+    fanotify_read_t r = {callback, ctx};
+    str_init(&r.a.path);
+    str_init(&r.b.path);
+    str_init(&r.from_path);
+    int result = OS_DIRWATCH_OK;
+    int error = 0;
+    for (int reads = 0; result == OS_DIRWATCH_OK && reads < FAN_READS_MAX; reads++) {
+        ssize_t n = read(w->base.fd, w->buffer, w->buffer_size);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+            break;
+        }
+        if (n <= 0) {
+            error = n < 0 ? errno : EIO;
+            result = OS_DIRWATCH_BROKEN;
+            break;
+        }
+        // Events follow each other at event_len, which keeps no alignment: each header is copied out.
+        for (ssize_t off = 0; off + (ssize_t) FAN_EVENT_METADATA_LEN <= n;) {
+            struct fanotify_event_metadata m;
+            memcpy(&m, w->buffer + off, sizeof(m));
+            if (m.vers != FANOTIFY_METADATA_VERSION || m.event_len < FAN_EVENT_METADATA_LEN ||
+                off + (ssize_t) m.event_len > n) {
+                error = EPROTO;
+                result = OS_DIRWATCH_BROKEN;
+                break;
+            }
+            if (m.fd >= 0) {
+                close(m.fd);
+            }
+            if (m.mask & FAN_Q_OVERFLOW) {
+                // Go on reading: the rest is still true, and the caller rescans for what was lost.
+                result = OS_DIRWATCH_OVERFLOW;
+            } else {
+                _fan_event(w, &m, w->buffer + off, &r);
+            }
+            off += m.event_len;
+        }
+    }
+    _fan_flush_from(&r);
+    str_kill(&r.a.path);
+    str_kill(&r.b.path);
+    str_kill(&r.from_path);
+    errno = error;
+    return result;
+}
+
+static uint32_t _fan_due_ms(os_dirwatch_t *base) {
+    return OS_INFINITE;
+}
+
+static const os_dirwatch_ops_t _fan_ops = {"fanotify", _fan_read, _fan_due_ms, _fan_destroy};
+
+os_dirwatch_t *os_dirwatch_fanotify_create(const char *folder, uint32_t buffer_size) {
+    if (!_fan_is_fs_root(folder)) {
+        errno = EINVAL;
+        return nullptr;
+    }
+    int fd = fanotify_init(FAN_CLASS_NOTIF | FAN_CLOEXEC | FAN_NONBLOCK | FAN_REPORT_DFID_NAME,
+                           O_RDONLY | O_LARGEFILE);
+    if (fd < 0) {
+        return nullptr;
+    }
+    fanotify_watch_t *w = (fanotify_watch_t *) mem_alloc(sizeof(fanotify_watch_t));
+    memset(w, 0, sizeof(*w));
+    w->base.ops = &_fan_ops;
+    w->base.fd = fd;
+    w->mount_fd = open(folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    size_t n = strlen(folder);
+    w->root_len = n == 1 && folder[0] == '/' ? 0 : n;
+    w->root = mem_dup(folder, w->root_len);
+    w->buffer_size = buffer_size < FAN_BUFFER_MIN ? FAN_BUFFER_MIN : buffer_size;
+    w->buffer = (char *) mem_alloc(w->buffer_size);
+    // FAN_RENAME (Linux 5.17) gives both names of a rename in one event; older kernels refuse the bit.
+    w->has_rename = true;
+    int marked = w->mount_fd < 0 ? -1 : _fan_mark(fd, folder, FAN_ENTRY_MASK | FAN_RENAME);
+    if (marked != 0 && w->mount_fd >= 0 && errno == EINVAL) {
+        w->has_rename = false;
+        marked = _fan_mark(fd, folder, FAN_ENTRY_MASK | FAN_MOVED_FROM | FAN_MOVED_TO);
+    }
+    if (marked != 0) {
+        int error = errno;
+        _fan_destroy(&w->base);
+        errno = error;
+        return nullptr;
+    }
+    return &w->base;
+}

@@ -65,15 +65,15 @@ void main_db_apply_command_line(const cl_t *cl, bool running) {
         main_db_load();
         db_rebuild(db, true);
     }
-    // The index's own folder sources; before the index exists, once the load below has made it.
-    if (cl && (cl->flags & CL_FLAG_RESCAN_ALL) && db) {
-        db_folder_rescan_all(db);
-    }
     if (cl && (cl->flags & CL_FLAG_UPDATE)) {
         main_db_load();
         // A command line that also quits saves through the shutdown.
         if (!(cl->flags & CL_FLAG_EXIT))
             db_save(db, true);
+    }
+    // The index's own folder sources; before the index exists, once the load below has made it.
+    if (cl && (cl->flags & CL_FLAG_RESCAN_ALL) && db) {
+        db_folder_rescan_all(db);
     }
     // A line that only ends the program opens no window, so it has nothing to search.
     if (db || (cl && (cl->flags & CL_FLAG_EXIT)) || !_main_searches_local_index(cl))

@@ -210,6 +210,10 @@ void db_folder_children_rename(db_t *db, const db_fs_t *fs, db_ref_t old_folder,
 uint32_t db_update_thread_count(uint32_t chunk_count, int32_t max_threads, int32_t find_max_threads,
                                 int processors);
 
+// How a subtree moves through the sorted arrays: 0 by cost (record by record for a few, one pass over
+// each array for many), 1 always in one pass, 2 always record by record. For tests and measurements.
+extern int db_update_subtree_bulk;
+
 // The child count of an NTFS or ReFS folder, one up or down (down stops at 0). Folder 0 and folders of
 // other sources have none: nothing happens.
 void db_children_inc(db_t *db, db_ref_t folder);

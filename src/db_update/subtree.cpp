@@ -150,15 +150,42 @@ void db_folder_children_remove(db_t *db, const db_fs_t *fs, db_ref_t folder) {
     db_subtree_t s;
     db_update_subtree_find(db, folder, &s);
     // Files first, while every folder of their chains still stands; the folders' sizes go with them.
-    for (uint32_t i = 0; i < s.file_count; i++)
-        db_file_remove_record(db, s.files[i], false);
+    bool bulk_files = db_update_bulk_pays(&db->files, s.file_count);
+    bool bulk_folders = db_update_bulk_pays(&db->folders, s.folder_count);
+    if (bulk_files) {
+        db_build_map_t members;
+        db_build_map_init(&members, s.file_count);
+        for (uint32_t i = 0; i < s.file_count; i++) {
+            db_ref_t g = s.files[i];
+            db_build_map_put(&members, g, i);
+            db_update_queries_detach(db, g, false, nullptr);
+            db_update_forget(db, g, false);
+        }
+        db_update_bulk_arrays(db, false, &members, nullptr, 0);
+        db_build_map_kill(&members);
+        for (uint32_t i = 0; i < s.file_count; i++)
+            db_file_delete(db, s.files[i]);
+    } else {
+        for (uint32_t i = 0; i < s.file_count; i++)
+            db_file_remove_record(db, s.files[i], false);
+    }
     for (uint32_t i = 0; i < s.folder_count; i++) {
         db_ref_t f = s.folders[i];
         db_update_frn_remove(db, f);
-        db_update_name_remove(db, f, true);
-        db_update_arrays_remove(db, f, true, DB_UPDATE_ALL, false);
+        if (!bulk_folders) {
+            db_update_name_remove(db, f, true);
+            db_update_arrays_remove(db, f, true, DB_UPDATE_ALL, false);
+        }
         db_update_queries_detach(db, f, true, nullptr);
         db_update_forget(db, f, true);
+    }
+    if (bulk_folders) {
+        db_build_map_t members;
+        db_build_map_init(&members, s.folder_count);
+        for (uint32_t i = 0; i < s.folder_count; i++)
+            db_build_map_put(&members, s.folders[i], i);
+        db_update_bulk_arrays(db, true, &members, nullptr, 0);
+        db_build_map_kill(&members);
     }
     // Freed only once none of them is compared any more: a removal walks the chain of the removed.
     for (uint32_t i = 0; i < s.folder_count; i++)
@@ -270,17 +297,24 @@ void db_folder_children_rename(db_t *db, const db_fs_t *fs, db_ref_t old_folder,
     uint8_t *flags = nq ? (uint8_t *) mem_alloc((size_t) (nf + ng) * nq) : nullptr;
 
     // Out of every array while the old paths stand: each order ends in the path as its tie-break.
+    // A large subtree leaves and re-enters each array in one pass over it, after the parents change.
+    bool bulk_folders = db_update_bulk_pays(&db->folders, nf);
+    bool bulk_files = db_update_bulk_pays(&db->files, ng);
     for (uint32_t i = 0; i < nf; i++) {
         db_ref_t f = x.s.folders[i];
         db_update_queries_detach(db, f, true, flags ? flags + (size_t) i * nq : nullptr);
-        db_update_name_remove(db, f, true);
-        db_update_arrays_remove(db, f, true, DB_UPDATE_ALL, false);
+        if (!bulk_folders) {
+            db_update_name_remove(db, f, true);
+            db_update_arrays_remove(db, f, true, DB_UPDATE_ALL, false);
+        }
     }
     for (uint32_t i = 0; i < ng; i++) {
         db_ref_t g = x.s.files[i];
         db_update_queries_detach(db, g, false, flags ? flags + (size_t) (nf + i) * nq : nullptr);
-        db_update_name_remove(db, g, false);
-        db_update_arrays_remove(db, g, false, DB_UPDATE_ALL, false);
+        if (!bulk_files) {
+            db_update_name_remove(db, g, false);
+            db_update_arrays_remove(db, g, false, DB_UPDATE_ALL, false);
+        }
     }
     uint32_t direct = 0;
     for (uint32_t i = 0; i < nf + ng; i++) {
@@ -314,20 +348,49 @@ void db_folder_children_rename(db_t *db, const db_fs_t *fs, db_ref_t old_folder,
 
     debug_printf("readd folders\n");
     uint64_t total = db->structure.folder_offset[DB_FIELD_SIZE] >= 0 ? _sum_sizes(&x, file_kept) : 0;
-    for (uint32_t i = 0; i < nf; i++) {
-        if (x.state[i] != _KEPT)
-            continue;
-        db_update_name_insert(db, x.s.folders[i], true);
-        db_update_arrays_insert(db, x.s.folders[i], true, DB_UPDATE_ALL, false);
+    if (bulk_folders) {
+        db_ref_t *kept = (db_ref_t *) mem_alloc(((size_t) nf + 1) * sizeof(db_ref_t));
+        uint32_t k = 0;
+        for (uint32_t i = 0; i < nf; i++)
+            if (x.state[i] == _KEPT)
+                kept[k++] = x.s.folders[i];
+        db_update_bulk_arrays(db, true, &x.index, kept, k);
+        mem_free(kept);
+    } else {
+        for (uint32_t i = 0; i < nf; i++) {
+            if (x.state[i] != _KEPT)
+                continue;
+            db_update_name_insert(db, x.s.folders[i], true);
+            db_update_arrays_insert(db, x.s.folders[i], true, DB_UPDATE_ALL, false);
+        }
     }
     debug_printf("readd files\n");
+    if (bulk_files) {
+        db_build_map_t members;
+        db_build_map_init(&members, ng);
+        db_ref_t *kept = (db_ref_t *) mem_alloc(((size_t) ng + 1) * sizeof(db_ref_t));
+        uint32_t k = 0;
+        for (uint32_t i = 0; i < ng; i++) {
+            db_build_map_put(&members, x.s.files[i], i);
+            if (file_kept[i])
+                kept[k++] = x.s.files[i];
+        }
+        db_update_bulk_arrays(db, false, &members, kept, k);
+        mem_free(kept);
+        db_build_map_kill(&members);
+    } else {
+        for (uint32_t i = 0; i < ng; i++) {
+            if (!file_kept[i])
+                continue;
+            db_update_name_insert(db, x.s.files[i], false);
+            db_update_arrays_insert(db, x.s.files[i], false, DB_UPDATE_ALL, false);
+        }
+    }
+    // What the excludes refuse now goes for good; no array holds it any more.
     for (uint32_t i = 0; i < ng; i++) {
         db_ref_t g = x.s.files[i];
-        if (file_kept[i]) {
-            db_update_name_insert(db, g, false);
-            db_update_arrays_insert(db, g, false, DB_UPDATE_ALL, false);
+        if (file_kept[i])
             continue;
-        }
         db_update_forget(db, g, false);
         _child_gone(&x, db_record_parent(g));
         db_file_delete(db, g);

@@ -90,3 +90,14 @@ struct db_subtree_t {
 };
 void db_update_subtree_find(db_t *db, db_ref_t folder, db_subtree_t *out);
 void db_update_subtree_kill(db_subtree_t *s);
+
+// ---- whole arrays ------------------------------------------------------------------------------------
+
+struct db_build_map_t;
+// Whether moving k records of array a in one pass over it beats k single changes (or what
+// db_update_subtree_bulk forces).
+bool db_update_bulk_pays(const mem_array_t *a, uint32_t k);
+// Every sorted array of the kind (FRN arrays aside) without the records that members holds, and with the
+// k records of add merged in at their places under their present keys. add is not changed.
+void db_update_bulk_arrays(db_t *db, bool folder, const db_build_map_t *members, const db_ref_t *add,
+                           uint32_t k);

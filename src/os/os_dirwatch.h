@@ -17,8 +17,12 @@
 //   added): the caller treats an add of a known item as an update.
 // - A folder removed with what it held may come as the removal of the folder alone (a file-system mark
 //   can't name entries of a folder that is gone when the event is read): the caller removes what is
-//   below a removed folder. For the same reason such a watch names an entry by its folder's path when
-//   read, so an entry below a folder renamed just after may come with the new path, ahead of the rename.
+//   below a removed folder.
+// - Applied in order as the folder monitor applies them (an addition under a folder already known, a
+//   removal taking what is below, a rename moving what is below, a rename whose old name is unknown as
+//   an addition), the entries keep the caller's tree equal to the folder's. One gap: a file-system mark
+//   names folders as they are when read; renames read in the same read are undone on the entries before
+//   them, but a folder renamed while the read runs may show its new name one read early.
 // - Nothing is lost silently: when changes can't be delivered one by one, a read says OVERFLOW and the
 //   caller rescans. A watch that can't cover the whole tree (the user's inotify watch limit) isn't made.
 // - A watch stays signalled for os_dirwatch_wait from the first change until a read has taken it, and a

@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <random>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -346,6 +348,85 @@ struct dw_expect {
     const char *to;
 };
 
+#ifndef _WIN32
+// What the folder monitor does with entries, as strictly as an index would: an item is added under a
+// parent it already knows, a removal takes what is below, a rename moves what is below, and a rename whose
+// old name is unknown is an addition. Applying a watch's entries to the tree as it was must give the tree
+// as it is. Returns an empty text, or what went wrong.
+struct dw_model {
+    std::set<std::string> paths;
+
+    static std::string parent(const std::string &p) {
+        size_t slash = p.rfind('/');
+        return slash == std::string::npos ? "" : p.substr(0, slash);
+    }
+    bool known_parent(const std::string &p) const { return parent(p).empty() || paths.count(parent(p)); }
+    void erase_below(const std::string &p) {
+        auto it = paths.lower_bound(p + "/");
+        while (it != paths.end() && it->compare(0, p.size() + 1, p + "/") == 0) {
+            it = paths.erase(it);
+        }
+    }
+    std::string apply(const std::vector<dw_seen> &got) {
+        for (size_t i = 0; i < got.size(); i++) {
+            const dw_seen &g = got[i];
+            if (g.action == OS_DIRWATCH_RENAMED_OLD) {
+                if (i + 1 == got.size() || got[i + 1].action != OS_DIRWATCH_RENAMED_NEW) {
+                    return "old name without a new one: " + g.path;
+                }
+                const std::string &to = got[++i].path;
+                if (!known_parent(to)) {
+                    return "rename into an unknown folder: " + to;
+                }
+                std::vector<std::string> moved;
+                for (auto it = paths.lower_bound(g.path + "/");
+                     it != paths.end() && it->compare(0, g.path.size() + 1, g.path + "/") == 0; ++it) {
+                    moved.push_back(to + it->substr(g.path.size()));
+                }
+                paths.erase(g.path);
+                erase_below(g.path);
+                erase_below(to);
+                paths.insert(to);
+                paths.insert(moved.begin(), moved.end());
+            } else if (g.action == OS_DIRWATCH_REMOVED) {
+                paths.erase(g.path);
+                erase_below(g.path);
+            } else if (g.action == OS_DIRWATCH_ADDED || g.action == OS_DIRWATCH_MODIFIED) {
+                if (!paths.count(g.path) && !known_parent(g.path)) {
+                    return "added under an unknown folder: " + g.path;
+                }
+                paths.insert(g.path);
+            } else {
+                return "new name without an old one: " + g.path;
+            }
+        }
+        return "";
+    }
+};
+
+// Everything below root, as relative paths.
+static void dw_list(const std::string &root, const std::string &rel, std::set<std::string> *out) {
+    os_dir_t *d = os_dir_open((rel.empty() ? root : root + "/" + rel).c_str());
+    if (!d) {
+        return;
+    }
+    os_dir_entry_t e;
+    std::vector<std::string> folders;
+    while (os_dir_next(d, &e)) {
+        std::string p = rel.empty() ? e.name : rel + "/" + e.name;
+        out->insert(p);
+        if (e.is_folder) {
+            folders.push_back(p);
+        }
+    }
+    os_dir_close(d);
+    for (const std::string &p : folders) {
+        dw_list(root, p, out);
+    }
+}
+
+#endif
+
 // Runs the script on the fixture's watch. A watch on a file system of its own can't have anything moved
 // in or out (a rename doesn't cross file systems), so those steps are left out there.
 static void dw_run_script(dw_fixture &f) {
@@ -452,6 +533,10 @@ static void dw_run_script(dw_fixture &f) {
         return true;
     };
     bool by_mark = strcmp(os_dirwatch_mechanism(f.w), "fanotify") == 0;
+#ifndef _WIN32
+    // The entries of every step, applied in order, must keep a model of the tree equal to the tree.
+    dw_model model;
+#endif
     for (step_case &s : steps) {
         if (s.crosses && f.mounted) {
             continue;
@@ -477,6 +562,12 @@ static void dw_run_script(dw_fixture &f) {
                 EXPECT_TRUE(wanted) << s.what << ": unexpected " << g.action << " " << g.path;
             }
         }
+#ifndef _WIN32
+        EXPECT_EQ(model.apply(f.got), "") << s.what << ":\n" << dw_dump(f.got);
+        std::set<std::string> real;
+        dw_list(f.root, "", &real);
+        EXPECT_EQ(model.paths, real) << s.what << ":\n" << dw_dump(f.got);
+#endif
     }
     if (f.mounted) {
         return;
@@ -913,5 +1004,189 @@ TEST(OsDirwatch, FileWrittenInManyPiecesDoesNotFlood) {
         modified += g.action == OS_DIRWATCH_MODIFIED && g.path == "log.txt";
     }
     EXPECT_EQ(modified, 1u) << dw_dump(f.got);
+}
+#endif
+
+#ifndef _WIN32
+// Folders made and filled, then renamed (the folder and one inside it), all before the watch is read:
+// applied in order, the entries must rebuild the tree, each added item under a folder already known.
+static void dw_check_rename_after_entries(dw_fixture &f) {
+    f.settle();
+    ASSERT_TRUE(os_folder_create(f.at("d1").c_str()));
+    ASSERT_TRUE(os_folder_create(f.at("d1/inner").c_str()));
+    dw_write(f.at("d1/inner/x.txt"), "x");
+    ASSERT_TRUE(os_file_rename(f.at("d1").c_str(), f.at("d2").c_str()));
+    ASSERT_TRUE(os_file_rename(f.at("d2/inner").c_str(), f.at("d2/inner2").c_str()));
+    f.gather([](const std::vector<dw_seen> &got) {
+        return dw_has(got, OS_DIRWATCH_ADDED, "d2/inner2/x.txt") || dw_has_move(got, "d2/inner", "d2/inner2");
+    });
+    dw_model model;
+    EXPECT_EQ(model.apply(f.got), "") << dw_dump(f.got);
+    std::set<std::string> real;
+    dw_list(f.root, "", &real);
+    EXPECT_EQ(model.paths, real) << dw_dump(f.got);
+}
+
+TEST(OsDirwatch, EntriesBeforeARenameNameTheOldPath) {
+    dw_fixture f;
+    ASSERT_NE(f.w, nullptr);
+    dw_check_rename_after_entries(f);
+}
+
+TEST(OsDirwatch, MarkedEntriesBeforeARenameNameTheOldPath) {
+    dw_fixture f(0, 65536, true);
+    if (!f.mounted || strcmp(os_dirwatch_mechanism(f.w), "fanotify") != 0) {
+        GTEST_SKIP() << "no scratch mount with a fanotify file-system mark here";
+    }
+    dw_check_rename_after_entries(f);
+}
+#endif
+
+#ifndef _WIN32
+// Random bursts of changes, mostly made whole before the watch is read (so events, folders not yet
+// watched and listings interleave every way): after each burst, the entries applied to the model must give
+// the tree. Moves across the watched folder's edge only where the outside is on the same file system.
+static void dw_random_bursts(dw_fixture &f, unsigned seed, bool cross) {
+    f.settle();
+    dw_model model;
+    std::mt19937 rng(seed);
+    int serial = 0;
+    std::vector<std::string> parked; // moved out, in f.outside
+    for (int round = 0; round < 25; round++) {
+        f.got.clear();
+        int ops = 1 + (int) (rng() % 12);
+        for (int op = 0; op < ops; op++) {
+            // Now and then the watch is read in the middle of a burst, splitting it at another place.
+            if (rng() % 4 == 0) {
+                while (f.step(0)) {
+                }
+            }
+            std::set<std::string> tree;
+            dw_list(f.root, "", &tree);
+            std::vector<std::string> files, inner; // inner: folders below the root
+            for (const std::string &p : tree) {
+                (os_folder_exists(f.at(p.c_str()).c_str()) ? inner : files).push_back(p);
+            }
+            std::vector<std::string> folders = inner;
+            folders.push_back("");
+            auto pick = [&](const std::vector<std::string> &v) { return v[rng() % v.size()]; };
+            auto below = [](const std::string &folder, const std::string &name) {
+                return folder.empty() ? name : folder + "/" + name;
+            };
+            std::string name = std::to_string(serial++);
+            switch (rng() % 9) {
+            case 0:
+                dw_write(f.at(below(pick(folders), "f" + name).c_str()), "x");
+                break;
+            case 1:
+                os_folder_create(f.at(below(pick(folders), "d" + name).c_str()).c_str());
+                break;
+            case 2:
+                if (!files.empty()) {
+                    dw_write(f.at(pick(files).c_str()), "more");
+                }
+                break;
+            case 3:
+            case 4: {
+                const std::vector<std::string> &what = rng() % 2 ? files : inner;
+                if (what.empty()) {
+                    break;
+                }
+                std::string from = pick(what), to = below(pick(folders), "r" + name);
+                if (to.compare(0, from.size() + 1, from + "/") != 0) {
+                    os_file_rename(f.at(from.c_str()).c_str(), f.at(to.c_str()).c_str());
+                }
+                break;
+            }
+            case 5:
+                if (!files.empty()) {
+                    os_file_delete(f.at(pick(files).c_str()).c_str());
+                }
+                break;
+            case 6:
+                if (!inner.empty()) {
+                    dw_remove_tree(f.at(pick(inner).c_str()));
+                }
+                break;
+            case 7:
+                if (cross && !inner.empty()) {
+                    parked.push_back("p" + name);
+                    os_file_rename(f.at(pick(inner).c_str()).c_str(), f.out(parked.back().c_str()).c_str());
+                }
+                break;
+            case 8:
+                if (cross && !parked.empty()) {
+                    os_file_rename(f.out(parked.back().c_str()).c_str(),
+                                   f.at(below(pick(folders), "b" + name).c_str()).c_str());
+                    parked.pop_back();
+                }
+                break;
+            }
+        }
+        while (f.step(100)) {
+        }
+        std::string why = model.apply(f.got);
+        std::set<std::string> real;
+        dw_list(f.root, "", &real);
+        ASSERT_EQ(why, "") << "round " << round << "\n" << dw_dump(f.got);
+        ASSERT_EQ(model.paths, real) << "round " << round << "\n" << dw_dump(f.got);
+    }
+}
+
+TEST(OsDirwatch, RandomBurstsKeepAModelOfTheTree) {
+    // Seeds 6 and 22 move a folder out of the tree and then rename its parent in one burst; 38 moves a
+    // folder in and then renames its parent.
+    for (unsigned seed : {1u, 6u, 22u, 38u}) {
+        dw_fixture f;
+        ASSERT_NE(f.w, nullptr);
+        SCOPED_TRACE(seed);
+        dw_random_bursts(f, seed, true);
+    }
+}
+
+TEST(OsDirwatch, MarkedRandomBurstsKeepAModelOfTheTree) {
+    for (unsigned seed : {1u, 2u, 3u}) {
+        dw_fixture f(0, 65536, true);
+        if (!f.mounted || strcmp(os_dirwatch_mechanism(f.w), "fanotify") != 0) {
+            GTEST_SKIP() << "no scratch mount with a fanotify file-system mark here";
+        }
+        SCOPED_TRACE(seed);
+        dw_random_bursts(f, seed, false);
+    }
+}
+#endif
+
+#ifndef _WIN32
+// A name renamed away and made again, all before the watch is read, as a log is rotated: the entries
+// must leave both the old item under its new name and the new item under the old one.
+static void dw_check_name_made_again(dw_fixture &f) {
+    f.settle();
+    dw_write(f.at("app.log"), "old lines");
+    os_folder_create(f.at("spool").c_str());
+    ASSERT_TRUE(os_file_rename(f.at("app.log").c_str(), f.at("app.log.1").c_str()));
+    dw_write(f.at("app.log"), "new lines");
+    ASSERT_TRUE(os_file_rename(f.at("spool").c_str(), f.at("spool.1").c_str()));
+    os_folder_create(f.at("spool").c_str());
+    dw_write(f.at("spool/job"), "x");
+    f.gather([](const std::vector<dw_seen> &got) { return dw_has(got, OS_DIRWATCH_ADDED, "spool/job"); });
+    dw_model model;
+    EXPECT_EQ(model.apply(f.got), "") << dw_dump(f.got);
+    std::set<std::string> real;
+    dw_list(f.root, "", &real);
+    EXPECT_EQ(model.paths, real) << dw_dump(f.got);
+}
+
+TEST(OsDirwatch, NameMadeAgainAfterARenameIsThere) {
+    dw_fixture f;
+    ASSERT_NE(f.w, nullptr);
+    dw_check_name_made_again(f);
+}
+
+TEST(OsDirwatch, MarkedNameMadeAgainAfterARenameIsThere) {
+    dw_fixture f(0, 65536, true);
+    if (!f.mounted || strcmp(os_dirwatch_mechanism(f.w), "fanotify") != 0) {
+        GTEST_SKIP() << "no scratch mount with a fanotify file-system mark here";
+    }
+    dw_check_name_made_again(f);
 }
 #endif

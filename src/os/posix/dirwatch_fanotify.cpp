@@ -7,13 +7,16 @@
 // and a bind mount of a part of it would be told about the rest. Folder handles are turned into paths by
 // opening them against a descriptor of the root and reading the link /proc/self/fd gives.
 //
-// The kernel folds events on one name that queue up unread into one event with several bits, so one
-// event may say both created and deleted. What exists when it is read decides: an addition (an update,
-// for the caller, if it knew it already) or a removal. Renames come as one event with both names where
-// the kernel has FAN_RENAME, else as adjacent halves that are paired here.
+// The kernel folds events on one name that queue up unread into one event with several bits, wherever
+// the first one stands in the queue, so one event may say both created and deleted, or stand before
+// changes that came between. After each read, what exists decides the last word on every name mentioned
+// more than once (see _fan_settle_names). Renames come as one event with both names
+// (FAN_RENAME); a kernel without it gets inotify.
 #include "mem/mem.h"
 #include "os/os_internal.h"
 #include "os/posix/dirwatch.h"
+
+#include <algorithm>
 
 #include <errno.h>
 #include <fcntl.h>
@@ -35,7 +38,6 @@ struct fanotify_watch_t {
     int mount_fd; // the root folder, against which handles are opened
     char *root;   // without a trailing separator, "" for "/"
     size_t root_len;
-    bool has_rename; // the kernel reports renames as one event
     uint32_t buffer_size;
     char *buffer;
 };
@@ -169,45 +171,173 @@ static void _fan_resolve(fanotify_watch_t *w, const char *record, const char *en
     out->inside = true;
 }
 
-static void _fan_emit(os_dirwatch_callback_t callback, void *ctx, uint32_t action, const str_t *path,
-                      uint32_t kind) {
-    os_dirwatch_entry_t e = {action, path->len ? path->ptr : "", (uint32_t) path->len, kind};
-    callback(ctx, &e);
-}
+// An entry of one read, held until the read is over (see _fan_deliver).
+struct fanotify_entry_t {
+    uint32_t action, kind;
+    bool folded; // from an event that the kernel folded from several
+    char *path;  // relative, as resolved when read; owned
+    size_t len;
+};
 
-// Whether the entry at rel exists now (not following a final link).
-static bool _fan_exists(fanotify_watch_t *w, const str_t *rel) {
-    struct stat st;
-    return fstatat(w->mount_fd, rel->len ? rel->ptr : ".", &st, AT_SYMLINK_NOFOLLOW) == 0;
-}
-
-// Carries a first half of a rename (kernels without FAN_RENAME) to the next event of the same read.
 struct fanotify_read_t {
     os_dirwatch_callback_t callback;
     void *ctx;
     fanotify_name_t a, b;
-    bool from_held;
-    uint32_t from_kind;
-    str_t from_path;
+    fanotify_entry_t *entries;
+    int count, cap;
+    bool folded; // the event being turned into entries had several changes of a name folded into it
 };
 
-static void _fan_flush_from(fanotify_read_t *r) {
-    if (r->from_held) {
-        _fan_emit(r->callback, r->ctx, OS_DIRWATCH_REMOVED, &r->from_path, r->from_kind);
-        r->from_held = false;
+static void _fan_emit(fanotify_read_t *r, uint32_t action, const str_t *path, uint32_t kind) {
+    if (r->count == r->cap) {
+        r->cap = r->cap ? r->cap * 2 : 64;
+        r->entries = (fanotify_entry_t *) mem_realloc(r->entries, (size_t) r->cap * sizeof(fanotify_entry_t));
     }
+    fanotify_entry_t *e = &r->entries[r->count++];
+    e->action = action;
+    e->kind = kind;
+    e->folded = r->folded;
+    e->len = (size_t) path->len;
+    e->path = mem_dup(path->len ? path->ptr : "", e->len);
+}
+
+// Rewrites a path under a renamed folder's new name to its old name. True when it did.
+static bool _fan_undo_rename(fanotify_entry_t *e, const fanotify_entry_t *old_name,
+                             const fanotify_entry_t *new_name) {
+    size_t n = new_name->len;
+    if (e->len < n || memcmp(e->path, new_name->path, n) != 0 || (e->len > n && e->path[n] != '/')) {
+        return false;
+    }
+    size_t len = old_name->len + (e->len - n);
+    char *path = (char *) mem_alloc(len + 1);
+    memcpy(path, old_name->path, old_name->len);
+    memcpy(path + old_name->len, e->path + n, e->len - n + 1);
+    mem_free(e->path);
+    e->path = path;
+    e->len = len;
+    return true;
+}
+
+// Inserts entry e (path copied) at position at, moving the later ones up.
+static void _fan_insert(fanotify_read_t *r, int at, uint32_t action, const fanotify_entry_t *like,
+                        uint32_t kind) {
+    str_t path;
+    str_init(&path);
+    str_set_n(&path, like->path, (int) like->len);
+    _fan_emit(r, action, &path, kind);
+    str_kill(&path);
+    fanotify_entry_t added = r->entries[r->count - 1];
+    memmove(&r->entries[at + 1], &r->entries[at], (size_t) (r->count - 1 - at) * sizeof(fanotify_entry_t));
+    r->entries[at] = added;
+}
+
+// The kernel folds an event into an earlier one on the same folder and name still queued, wherever it
+// stands, so an entry may stand for several changes, the later of which happened after entries that
+// come after it (a name made again after it was renamed away comes out before the rename). For each name
+// that several entries of the read (or one folded event) mention, what is there now decides what the
+// last word on it must be: a name that exists but was last renamed away or removed is added again just
+// after that; a name that is gone but was last added is removed at the end.
+static void _fan_settle_names(fanotify_watch_t *w, fanotify_read_t *r) {
+    int n = r->count;
+    int *order = (int *) mem_alloc(((size_t) n + 1) * sizeof(int));
+    for (int i = 0; i < n; i++) {
+        order[i] = i;
+    }
+    const fanotify_entry_t *e = r->entries;
+    std::sort(order, order + n, [e](int a, int b) {
+        int c = strcmp(e[a].path, e[b].path);
+        return c < 0 || (c == 0 && a < b);
+    });
+    // Positions are decided on the entries as they are; insertions are made afterwards, last first.
+    struct fix_t {
+        int at;
+        uint32_t action, kind;
+        int like;
+    };
+    fix_t *fixes = (fix_t *) mem_alloc(((size_t) n + 1) * sizeof(fix_t));
+    int fix_count = 0;
+    for (int g = 0; g < n;) {
+        int end = g + 1;
+        bool folded = e[order[g]].folded;
+        while (end < n && strcmp(e[order[end]].path, e[order[g]].path) == 0) {
+            folded |= e[order[end]].folded;
+            end++;
+        }
+        int last = order[end - 1];
+        if (end - g > 1 || folded) {
+            struct stat st;
+            bool exists =
+                fstatat(w->mount_fd, e[last].len ? e[last].path : ".", &st, AT_SYMLINK_NOFOLLOW) == 0;
+            uint32_t a = e[last].action;
+            if (exists && (a == OS_DIRWATCH_REMOVED || a == OS_DIRWATCH_RENAMED_OLD)) {
+                int at = last + (a == OS_DIRWATCH_RENAMED_OLD ? 2 : 1);
+                fixes[fix_count++] = {
+                    at, OS_DIRWATCH_ADDED,
+                    S_ISDIR(st.st_mode) ? (uint32_t) OS_DIRWATCH_FOLDER : (uint32_t) OS_DIRWATCH_FILE, last};
+            } else if (!exists && a != OS_DIRWATCH_REMOVED && a != OS_DIRWATCH_RENAMED_OLD) {
+                fixes[fix_count++] = {n, OS_DIRWATCH_REMOVED, e[last].kind, last};
+            }
+        }
+        g = end;
+    }
+    mem_free(order);
+    std::sort(fixes, fixes + fix_count, [](const fix_t &a, const fix_t &b) { return a.at > b.at; });
+    for (int i = 0; i < fix_count; i++) {
+        fanotify_entry_t like = r->entries[fixes[i].like];
+        like.path = mem_dup(like.path, like.len);
+        _fan_insert(r, fixes[i].at > r->count ? r->count : fixes[i].at, fixes[i].action, &like,
+                    fixes[i].kind);
+        mem_free(like.path);
+    }
+    mem_free(fixes);
+}
+
+// Delivers the read's entries. Folders are named by handle and resolved when read, so an entry from
+// before a folder was renamed comes out under the new name; the renames of the same read are undone,
+// latest first, on every entry that precedes them, so that each names its path as it was at its time.
+static void _fan_deliver(fanotify_watch_t *w, fanotify_read_t *r) {
+    // Names are settled on the paths as read, which are those of now, before the renames are undone.
+    _fan_settle_names(w, r);
+    // Indexes of the new-name entries of folder renames met so far, walking back: latest first.
+    int *renames = (int *) mem_alloc(((size_t) r->count + 1) * sizeof(int));
+    int rename_count = 0;
+    for (int i = r->count - 1; i >= 0; i--) {
+        bool pair = r->entries[i].action == OS_DIRWATCH_RENAMED_NEW && i > 0 &&
+                    r->entries[i - 1].action == OS_DIRWATCH_RENAMED_OLD;
+        for (int k = 0; k < rename_count; k++) {
+            const fanotify_entry_t *to = &r->entries[renames[k]];
+            _fan_undo_rename(&r->entries[i], to - 1, to);
+            if (pair) {
+                _fan_undo_rename(&r->entries[i - 1], to - 1, to);
+            }
+        }
+        if (pair) {
+            if (r->entries[i].kind == OS_DIRWATCH_FOLDER) {
+                renames[rename_count++] = i;
+            }
+            i--;
+        }
+    }
+    mem_free(renames);
+    for (int i = 0; i < r->count; i++) {
+        fanotify_entry_t *e = &r->entries[i];
+        os_dirwatch_entry_t out = {e->action, e->path, (uint32_t) e->len, e->kind};
+        r->callback(r->ctx, &out);
+        mem_free(e->path);
+    }
+    r->count = 0;
 }
 
 // A rename from a to b, either of which may lie outside the root (or be unknown: inside false).
 static void _fan_rename(fanotify_read_t *r, bool a_inside, const str_t *a, bool b_inside, const str_t *b,
                         uint32_t kind) {
     if (a_inside && b_inside) {
-        _fan_emit(r->callback, r->ctx, OS_DIRWATCH_RENAMED_OLD, a, kind);
-        _fan_emit(r->callback, r->ctx, OS_DIRWATCH_RENAMED_NEW, b, kind);
+        _fan_emit(r, OS_DIRWATCH_RENAMED_OLD, a, kind);
+        _fan_emit(r, OS_DIRWATCH_RENAMED_NEW, b, kind);
     } else if (a_inside) {
-        _fan_emit(r->callback, r->ctx, OS_DIRWATCH_REMOVED, a, kind);
+        _fan_emit(r, OS_DIRWATCH_REMOVED, a, kind);
     } else if (b_inside) {
-        _fan_emit(r->callback, r->ctx, OS_DIRWATCH_ADDED, b, kind);
+        _fan_emit(r, OS_DIRWATCH_ADDED, b, kind);
     }
 }
 
@@ -234,36 +364,23 @@ static void _fan_event(fanotify_watch_t *w, const struct fanotify_event_metadata
         p += h.len;
     }
     uint32_t kind = (m->mask & FAN_ONDIR) ? OS_DIRWATCH_FOLDER : OS_DIRWATCH_FILE;
+    r->folded = (m->mask & FAN_CREATE) && (m->mask & FAN_DELETE);
     if ((m->mask & FAN_RENAME) && have_a && have_b) {
-        _fan_flush_from(r);
         _fan_rename(r, r->a.inside, &r->a.path, r->b.inside, &r->b.path, kind);
         return;
     }
-    if (!have_a) {
-        return;
-    }
-    if (m->mask & FAN_MOVED_TO) {
-        bool paired = r->from_held;
-        r->from_held = false;
-        _fan_rename(r, paired, &r->from_path, r->a.inside, &r->a.path, kind);
-        return;
-    }
-    _fan_flush_from(r);
     // Changes to the root folder itself are no entry of the tree.
-    if (!r->a.inside || r->a.path.len == 0) {
+    if (!have_a || !r->a.inside || r->a.path.len == 0) {
         return;
     }
-    if (m->mask & FAN_MOVED_FROM) {
-        r->from_held = true;
-        r->from_kind = kind;
-        str_set_n(&r->from_path, r->a.path.ptr, r->a.path.len);
-        return;
-    }
-    if (m->mask & (FAN_CREATE | FAN_DELETE)) {
-        bool exists = _fan_exists(w, &r->a.path);
-        _fan_emit(r->callback, r->ctx, exists ? OS_DIRWATCH_ADDED : OS_DIRWATCH_REMOVED, &r->a.path, kind);
+    if ((m->mask & FAN_CREATE) && (m->mask & FAN_DELETE)) {
+        // Folded: made and removed (or the reverse). An addition here (an update if the name was known);
+        // the settling of names at the end of the read removes it if it is gone.
+        _fan_emit(r, OS_DIRWATCH_ADDED, &r->a.path, kind);
+    } else if (m->mask & (FAN_CREATE | FAN_DELETE)) {
+        _fan_emit(r, (m->mask & FAN_CREATE) ? OS_DIRWATCH_ADDED : OS_DIRWATCH_REMOVED, &r->a.path, kind);
     } else if (m->mask & (FAN_MODIFY | FAN_CLOSE_WRITE | FAN_ATTRIB)) {
-        _fan_emit(r->callback, r->ctx, OS_DIRWATCH_MODIFIED, &r->a.path, kind);
+        _fan_emit(r, OS_DIRWATCH_MODIFIED, &r->a.path, kind);
     }
 }
 
@@ -272,7 +389,6 @@ static int _fan_read(os_dirwatch_t *base, os_dirwatch_callback_t callback, void 
     fanotify_read_t r = {callback, ctx};
     str_init(&r.a.path);
     str_init(&r.b.path);
-    str_init(&r.from_path);
     int result = OS_DIRWATCH_OK;
     int error = 0;
     for (int reads = 0; result == OS_DIRWATCH_OK && reads < FAN_READS_MAX; reads++) {
@@ -302,7 +418,7 @@ static int _fan_read(os_dirwatch_t *base, os_dirwatch_callback_t callback, void 
                 close(m.fd);
             }
             if (m.mask & FAN_Q_OVERFLOW) {
-                // Go on reading: the rest is still true, and the caller rescans for what was lost.
+                // The rest of this buffer is still true; the caller rescans for what was lost.
                 result = OS_DIRWATCH_OVERFLOW;
             } else {
                 _fan_event(w, &m, w->buffer + off, &r);
@@ -310,10 +426,10 @@ static int _fan_read(os_dirwatch_t *base, os_dirwatch_callback_t callback, void 
             off += m.event_len;
         }
     }
-    _fan_flush_from(&r);
+    _fan_deliver(w, &r);
+    mem_free(r.entries);
     str_kill(&r.a.path);
     str_kill(&r.b.path);
-    str_kill(&r.from_path);
     errno = error;
     return result;
 }
@@ -344,13 +460,10 @@ os_dirwatch_t *os_dirwatch_fanotify_create(const char *folder, uint32_t buffer_s
     w->root = mem_dup(folder, w->root_len);
     w->buffer_size = buffer_size < FAN_BUFFER_MIN ? FAN_BUFFER_MIN : buffer_size;
     w->buffer = (char *) mem_alloc(w->buffer_size);
-    // FAN_RENAME (Linux 5.17) gives both names of a rename in one event; older kernels refuse the bit.
-    w->has_rename = true;
+    // FAN_RENAME (Linux 5.17) gives both names of a rename in one event. Without it the two halves come
+    // with nothing to join them, and the kernel's folding of events on one name can put a half out of
+    // its place, so that no pairing can be trusted: older kernels refuse the bit, and get inotify.
     int marked = w->mount_fd < 0 ? -1 : _fan_mark(fd, folder, FAN_ENTRY_MASK | FAN_RENAME);
-    if (marked != 0 && w->mount_fd >= 0 && errno == EINVAL) {
-        w->has_rename = false;
-        marked = _fan_mark(fd, folder, FAN_ENTRY_MASK | FAN_MOVED_FROM | FAN_MOVED_TO);
-    }
     if (marked != 0) {
         int error = errno;
         _fan_destroy(&w->base);

@@ -7,9 +7,10 @@
 // change to one node and every path below it follows. Events name a watch by its descriptor (wd); a small
 // hash table finds the node.
 //
-// A rename gives two events joined by a cookie: the old name in one folder, the new name in another. They
-// are normally adjacent but may straddle two reads, so an unmatched old name is held back until the next
-// read, or for INOTIFY_HOLD_MS at most, before it counts as a removal (moved out of the tree).
+// A rename gives two events joined by a cookie: the old name in one folder, the new name in another,
+// queued one right after the other. An old name followed by any other event was a move out of the tree
+// and counts as a removal at once; one that ends a read may have its new name in the next, so it is held
+// until then, or for INOTIFY_HOLD_MS at most.
 //
 // Where the user's watch limit stops a watch, the whole watch is given up: watching part of a tree without
 // saying so would leave the index wrong without anyone knowing. A queue overflow rebuilds every watch,
@@ -46,6 +47,13 @@ struct inotify_node_t {
     char *name; // the folder's name in its parent; empty for the root
     inotify_node_t *parent;
     inotify_node_t *first_child, *next_sibling, *prev_sibling;
+    uint32_t listed; // the serial of the last end of a read that listed it
+};
+
+// A folder that appeared: its parent's watch and its name.
+struct inotify_pending_t {
+    int parent_wd;
+    char *name;
 };
 
 // The first half of a rename, waiting for its second.
@@ -67,6 +75,10 @@ struct inotify_watch_t {
     uint32_t cap, count;
     inotify_held_t held[INOTIFY_HELD_MAX];
     int held_count;
+    // Folders that appeared during a read, watched and listed at its end (see _inotify_appeared).
+    inotify_pending_t *pending;
+    int pending_count, pending_cap;
+    uint32_t serial; // counts the ends of reads, to list a folder once in each
     uint32_t buffer_size;
     char *buffer;
 };
@@ -245,6 +257,20 @@ static void _inotify_drop(inotify_watch_t *w, inotify_node_t *node, bool rm) {
 // Watches the folder at full (relative path rel) as child name of parent, or as the root when parent is
 // null. Returns the node, or null with errno set when the folder can't be watched. A folder already
 // watched (reached again under a new name) keeps its watch and moves its node.
+// Gives a node a new name and parent, unless that would put it below itself (a stale view of a tree
+// changing fast; the events that follow correct it).
+static void _inotify_move_node(inotify_node_t *node, inotify_node_t *parent, const char *name) {
+    for (const inotify_node_t *p = parent; p; p = p->parent) {
+        if (p == node) {
+            return;
+        }
+    }
+    _inotify_unlink(node);
+    mem_free(node->name);
+    node->name = mem_dup(name, strlen(name));
+    _inotify_link(node, parent);
+}
+
 static inotify_node_t *_inotify_add(inotify_watch_t *w, const char *full, inotify_node_t *parent,
                                     const char *name) {
     uint32_t mask = INOTIFY_MASK;
@@ -266,10 +292,7 @@ static inotify_node_t *_inotify_add(inotify_watch_t *w, const char *full, inotif
             }
         }
         if (node != w->top && parent) {
-            _inotify_unlink(node);
-            mem_free(node->name);
-            node->name = mem_dup(name, strlen(name));
-            _inotify_link(node, parent);
+            _inotify_move_node(node, parent, name);
         }
         return node;
     }
@@ -332,6 +355,7 @@ static bool _inotify_walk(inotify_watch_t *w, inotify_node_t *start, inotify_out
     bool ok = true;
     while (ok && depth > 0) {
         inotify_node_t *node = stack[--depth];
+        node->listed = w->serial;
         _inotify_rel_path(node, nullptr, &rel);
         _inotify_full_path(w, rel.ptr ? rel.ptr : "", &full);
         // The root may be named through a link, as for its watch; nothing below it is followed.
@@ -392,6 +416,13 @@ static bool _inotify_walk(inotify_watch_t *w, inotify_node_t *start, inotify_out
 
 // ---- building -------------------------------------------------------------------------------------------
 
+static void _inotify_free_pending(inotify_watch_t *w) {
+    for (int i = 0; i < w->pending_count; i++) {
+        mem_free(w->pending[i].name);
+    }
+    w->pending_count = 0;
+}
+
 static void _inotify_free_held(inotify_watch_t *w) {
     for (int i = 0; i < w->held_count; i++) {
         mem_free(w->held[i].path);
@@ -410,6 +441,7 @@ static void _inotify_clear(inotify_watch_t *w) {
         w->base.fd = -1;
     }
     _inotify_free_held(w);
+    _inotify_free_pending(w);
 }
 
 // A new instance with a watch on every folder of the tree. False with errno set, nothing held.
@@ -440,6 +472,7 @@ static void _inotify_destroy(os_dirwatch_t *base) {
     inotify_watch_t *w = (inotify_watch_t *) base;
     _inotify_clear(w);
     mem_free(w->table);
+    mem_free(w->pending);
     mem_free(w->buffer);
     mem_free(w->root);
     mem_free(w);
@@ -447,31 +480,60 @@ static void _inotify_destroy(os_dirwatch_t *base) {
 
 // ---- reading --------------------------------------------------------------------------------------------
 
-// A folder that appeared at rel (child name of parent): watched, then listed, with what it holds reported
-// as added. False with errno set when the watch must end.
-static bool _inotify_appeared(inotify_watch_t *w, inotify_node_t *parent, const char *name,
-                              inotify_out_t *out) {
+// A folder that appeared as child name of parent is watched and listed at the end of the read, with
+// what it holds reported as added. Not at once: the events are older than the tree, and until the end of
+// the read the name may stand for another folder or lie under a folder that has been renamed since, so
+// looked up now it could be missed or mistaken. Nothing is lost: what the folder holds by the end of the
+// read is listed, and what happens in it after it is watched comes as events.
+static void _inotify_appeared(inotify_watch_t *w, inotify_node_t *parent, const char *name) {
+    if (w->pending_count == w->pending_cap) {
+        w->pending_cap = w->pending_cap ? w->pending_cap * 2 : 16;
+        w->pending = (inotify_pending_t *) mem_realloc(w->pending,
+                                                       (size_t) w->pending_cap * sizeof(inotify_pending_t));
+    }
+    w->pending[w->pending_count++] = {parent->wd, mem_dup(name, strlen(name))};
+}
+
+// Watches and lists the folders that appeared during the read, under their parents as they are now (a
+// parent gone by now takes them along). False with errno set when the watch must end.
+static bool _inotify_list_pending(inotify_watch_t *w, inotify_out_t *out) {
+    w->serial++;
     str_t rel, full;
     str_init(&rel);
     str_init(&full);
-    _inotify_rel_path(parent, name, &rel);
-    _inotify_full_path(w, rel.ptr, &full);
     bool ok = true;
-    struct stat st;
-    // A folder mounted on at once is a mount point: reported, not entered.
-    if (lstat(full.ptr, &st) == 0 && S_ISDIR(st.st_mode) && (uint64_t) st.st_dev == w->dev) {
+    for (int i = 0; ok && i < w->pending_count; i++) {
+        inotify_node_t *parent = _inotify_find(w, w->pending[i].parent_wd);
+        if (!parent) {
+            continue;
+        }
+        const char *name = w->pending[i].name;
+        _inotify_rel_path(parent, name, &rel);
+        _inotify_full_path(w, rel.ptr, &full);
+        struct stat st;
+        // Gone, no folder, or a mount point (reported, not entered): nothing to watch.
+        if (lstat(full.ptr, &st) != 0 || !S_ISDIR(st.st_mode) || (uint64_t) st.st_dev != w->dev) {
+            continue;
+        }
         inotify_node_t *node = _inotify_add(w, full.ptr, parent, name);
-        if (node) {
-            ok = _inotify_walk(w, node, out);
-        } else {
+        if (!node) {
             ok = errno != ENOSPC && errno != ENOMEM;
+        } else if (node->listed != w->serial) {
+            ok = _inotify_walk(w, node, out);
         }
     }
     int error = errno;
     str_kill(&rel);
     str_kill(&full);
+    _inotify_free_pending(w);
     errno = error;
     return ok;
+}
+
+// Takes held entry i out, keeping the others in the order they came.
+static void _inotify_unhold(inotify_watch_t *w, int i) {
+    w->held_count--;
+    memmove(&w->held[i], &w->held[i + 1], (size_t) (w->held_count - i) * sizeof(inotify_held_t));
 }
 
 // Delivers the held first half i as a removal (its second half never came: moved out of the tree).
@@ -484,7 +546,7 @@ static void _inotify_release(inotify_watch_t *w, int i, inotify_out_t *out) {
         _inotify_drop(w, node, true);
     }
     mem_free(h->path);
-    w->held[i] = w->held[--w->held_count];
+    _inotify_unhold(w, i);
 }
 
 static void _inotify_moved_from(inotify_watch_t *w, inotify_node_t *parent, const struct inotify_event *e,
@@ -517,19 +579,25 @@ static bool _inotify_moved_to(inotify_watch_t *w, inotify_node_t *parent, const 
         _inotify_rel_path(parent, e->name, &out->path);
         _inotify_emit(out, OS_DIRWATCH_RENAMED_NEW, &out->path, kind);
         inotify_node_t *node = h->wd >= 0 ? _inotify_find(w, h->wd) : nullptr;
-        if (node && node != w->top) {
-            _inotify_unlink(node);
-            mem_free(node->name);
-            node->name = mem_dup(e->name, strlen(e->name));
-            _inotify_link(node, parent);
-        }
         mem_free(h->path);
-        w->held[i] = w->held[--w->held_count];
+        _inotify_unhold(w, i);
+        if (!is_dir) {
+            return true;
+        }
+        if (node && node != w->top) {
+            _inotify_move_node(node, parent, e->name);
+        } else if (!node) {
+            // Renamed before it was ever watched (made and renamed between two reads).
+            _inotify_appeared(w, parent, e->name);
+        }
         return true;
     }
     _inotify_rel_path(parent, e->name, &out->path);
     _inotify_emit(out, OS_DIRWATCH_ADDED, &out->path, kind);
-    return !is_dir || _inotify_appeared(w, parent, e->name, out);
+    if (is_dir) {
+        _inotify_appeared(w, parent, e->name);
+    }
+    return true;
 }
 
 enum { INOTIFY_GO_ON, INOTIFY_OVERFLOW, INOTIFY_BROKEN };
@@ -569,8 +637,8 @@ static int _inotify_event(inotify_watch_t *w, const struct inotify_event *e, ino
     } else if (e->mask & IN_CREATE) {
         _inotify_rel_path(node, e->name, &out->path);
         _inotify_emit(out, OS_DIRWATCH_ADDED, &out->path, kind);
-        if ((e->mask & IN_ISDIR) && !_inotify_appeared(w, node, e->name, out)) {
-            return INOTIFY_BROKEN;
+        if (e->mask & IN_ISDIR) {
+            _inotify_appeared(w, node, e->name);
         }
     } else if (e->mask & IN_DELETE) {
         inotify_node_t *child = (e->mask & IN_ISDIR) ? _inotify_child(node, e->name) : nullptr;
@@ -587,9 +655,26 @@ static int _inotify_event(inotify_watch_t *w, const struct inotify_event *e, ino
 }
 
 // Walks n bytes of events.
+// True when e is the second half of a held first half.
+static bool _inotify_completes(const inotify_watch_t *w, const struct inotify_event *e) {
+    for (int i = 0; (e->mask & IN_MOVED_TO) && i < w->held_count; i++) {
+        if (w->held[i].cookie == e->cookie) {
+            return true;
+        }
+    }
+    return false;
+}
+
 static int _inotify_events(inotify_watch_t *w, ssize_t n, inotify_out_t *out) {
     for (ssize_t off = 0; off + (ssize_t) sizeof(struct inotify_event) <= n;) {
         const struct inotify_event *e = (const struct inotify_event *) (w->buffer + off);
+        // The kernel queues the two halves of a rename one right after the other, so a first half
+        // followed by anything else was a move out of the tree. It is delivered before that event, in
+        // its place: held on, its old path could be stale by the time it goes out (its folder renamed
+        // meanwhile), and it would come after changes that happened after it.
+        while (w->held_count > 0 && !_inotify_completes(w, e)) {
+            _inotify_release(w, 0, out);
+        }
         int r = _inotify_event(w, e, out);
         if (r != INOTIFY_GO_ON) {
             return r;
@@ -633,6 +718,10 @@ static int _inotify_read(os_dirwatch_t *base, os_dirwatch_callback_t callback, v
         // The two halves of a rename are queued together, so a first half whose second hasn't come
         // within the hold time was a move out of the tree.
         _inotify_release_due(w, &out);
+        if (!_inotify_list_pending(w, &out)) {
+            error = errno;
+            result = OS_DIRWATCH_BROKEN;
+        }
     } else if (r == INOTIFY_OVERFLOW) {
         // Lost events may have made folders that now have no watch: start again from the tree as it is.
         // The caller rescans after this, so whatever changes while we rebuild is seen by the scan.

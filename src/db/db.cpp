@@ -7,6 +7,7 @@
 #include "db/db.h"
 #include "db/dbfile.h"
 #include "db_create/filelist_monitor.h"
+#include "db_monitor/db_monitor.h"
 #include "db_update/db_update.h"
 
 #include <cstring>
@@ -70,6 +71,7 @@ void db_destroy(db_t *db) {
     // Later: stop the journal monitors, the service client, the read-directory monitors, the device
     // notifications and the monitor-event thread here, once they exist.
     db_filelists_monitor_stop(db);
+    db_folder_sources_kill(db);
     event_remove(_db_ready_proc, db);
     event_remove(_db_load_complete_proc, db);
     event_remove(_db_status_proc, db);
@@ -175,6 +177,10 @@ void _db_ready_proc(void *ctx) {
         return;
     // Records whose values a job changed: their rows are drawn again now that nothing changes them.
     db_changed_records_dispatch(db);
+    if (db->job_thread)
+        return;
+    // Folder sources: a scan result that waited, the changes heard meanwhile, a due update.
+    db_folder_sources_idle(db);
     if (db->job_thread)
         return;
     // Later, in this order, each stopping when a new job begins: post each query its codes 8 and 6;

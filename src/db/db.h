@@ -462,7 +462,8 @@ struct db_t {
     os_lock_t monitor_lock;
     void *ntfs_monitors;
     void *refs_monitors;
-    void *folder_update_thread;
+    // The folder sources' scan, listener and event queues (db_monitor), null until first needed.
+    void *folder_sources;
 
     bool folder_update_pending; // deferred while a job runs
     bool out_of_date_pending;

@@ -118,6 +118,7 @@ void _db_load_complete_proc(void *ctx) {
     // Later: unless monitor_pause or read_only is set, the journal monitors and the folder watchers start
     // here; then the queries hear of pending recent changes and run history.
     db_filelists_monitor_start(db);
+    db_folder_monitors_start(db);
     // The start's check found a changed list and started a rebuild: the index is that job's now, and its
     // own end runs this again.
     if (!db->is_loaded)

@@ -230,9 +230,9 @@ void db_structure_from_frozen(db_structure_t *out, const config_frozen_t *config
 // The resolved form of a configured path, as the sources store it: resolved against the settings folder,
 // without a trailing separator (the Linux "/" becomes "").
 void db_build_resolve_path(str_t *out, const char *path);
-// A folder source's update type and value from its schedule settings, and the next update time from now.
-void db_folder_schedule(const config_folder_t *folder, uint32_t *update_type, uint32_t *update_value);
-uint64_t db_folder_next_update(uint32_t update_type, uint32_t update_value, uint64_t now);
+// A folder source's update type and value, and its next update time: db_folder_schedule and
+// db_folder_next_update of the folder sources' own module.
+#include "db_monitor/db_monitor.h"
 
 // ---- parts of the build, for the rebuild thread and its tests ------------------------------------------
 
@@ -316,6 +316,7 @@ void db_build_value_order(const db_t *db, db_order_t order, bool folder, const d
 // lists changed meanwhile). Nothing starts under -read-only or before the index is loaded: the load's
 // end starts them. Main thread.
 void db_monitor_set_pause(db_t *db, bool pause);
-// Marks every folder source as due for its update now and asks for the folder update check, which runs
-// when no job holds the index. Returns the number of folder sources marked. Main thread.
+// Marks every folder source as due for its update now and runs the folder update check, which starts one
+// at once or when the job that holds the index ends. Returns the number of folder sources marked; an index
+// that is still loading has them marked as its load ends, and 0 is returned. Main thread.
 int db_folder_rescan_all(db_t *db);

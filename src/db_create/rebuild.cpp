@@ -64,6 +64,8 @@ void db_rebuild(db_t *db, bool mark_out_of_date) {
     debug_printf("destroy service\n");
     db->service_connected = false;
     debug_printf("clear read dir changes\n");
+    // The folder sources' scan, listener and queued changes belong to the sources about to be replaced.
+    db_folder_sources_kill(db);
     debug_printf("clear filelist monitor\n");
     db_filelists_monitor_stop(db);
     db->filelist_check_made = false;

@@ -32,44 +32,6 @@ void db_build_resolve_path(str_t *out, const char *path) {
         out->ptr[--out->len] = 0;
 }
 
-void db_folder_schedule(const config_folder_t *f, uint32_t *type, uint32_t *value) {
-    *type = DB_UPDATE_NONE;
-    *value = 0;
-    // A negative interval is no schedule: as an unsigned count of minutes it would mean centuries.
-    if (f->update_type == 1 && f->update_interval > 0 &&
-        (f->update_interval_type == 0 || f->update_interval_type == 1)) {
-        *type = DB_UPDATE_INTERVAL;
-        *value = (uint32_t) f->update_interval * (f->update_interval_type == 1 ? 60 : 1);
-    } else if (f->update_type == 2 && f->update_at >= 0 && f->update_at < 24 && f->update_day >= 0 &&
-               f->update_day <= 7) {
-        *type = DB_UPDATE_DAILY;
-        *value = (uint32_t) (f->update_day * 24 + f->update_at);
-    }
-}
-
-uint64_t db_folder_next_update(uint32_t type, uint32_t value, uint64_t now) {
-    const uint64_t minute = 600000000ull, day = 864000000000ull;
-    if (type == DB_UPDATE_INTERVAL)
-        return now + value * minute;
-    if (type != DB_UPDATE_DAILY)
-        return 0;
-    os_systemtime_t local;
-    if (!os_filetime_to_local(now, &local))
-        return now + day;
-    uint32_t weekday = value / 24;
-    local.hour = (int) (value % 24);
-    local.minute = local.second = local.milliseconds = 0;
-    uint64_t at;
-    if (!os_local_to_filetime(&local, &at))
-        return now + day;
-    if (weekday == 0)
-        return at <= now ? at + day : at;
-    // Weeks start on Sunday (day_of_week 0); weekday 1 is Sunday.
-    at -= (uint64_t) local.day_of_week * day;
-    at += (uint64_t) (weekday - 1) * day;
-    return at <= now ? at + 7 * day : at;
-}
-
 static char *_dup(const char *s) {
     return s && *s ? mem_dup(s, strlen(s)) : nullptr;
 }

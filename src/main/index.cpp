@@ -65,15 +65,15 @@ void main_db_apply_command_line(const cl_t *cl, bool running) {
         main_db_load();
         db_rebuild(db, true);
     }
-    // The index's own folder sources: none before the index exists, and a later load schedules them anyway.
-    if (cl && (cl->flags & CL_FLAG_RESCAN_ALL) && db) {
-        db_folder_rescan_all(db);
-    }
     if (cl && (cl->flags & CL_FLAG_UPDATE)) {
         main_db_load();
         // A command line that also quits saves through the shutdown.
         if (!(cl->flags & CL_FLAG_EXIT))
             db_save(db, true);
+    }
+    // The index's own folder sources; before the index exists, once the load below has made it.
+    if (cl && (cl->flags & CL_FLAG_RESCAN_ALL) && db) {
+        db_folder_rescan_all(db);
     }
     // A line that only ends the program opens no window, so it has nothing to search.
     if (db || (cl && (cl->flags & CL_FLAG_EXIT)) || !_main_searches_local_index(cl))
@@ -84,8 +84,11 @@ void main_db_apply_command_line(const cl_t *cl, bool running) {
         load_timer_thread = os_thread_create(_main_load_timer_thread, nullptr);
         return;
     }
-    if (!load_timer_thread)
+    if (!load_timer_thread) {
         main_db_load();
+        if (cl && (cl->flags & CL_FLAG_RESCAN_ALL))
+            db_folder_rescan_all(db);
+    }
 }
 
 void main_db_save() {
@@ -107,6 +110,8 @@ void main_db_kill() {
         if (!event_dispatch_for(db) && !db->job_thread)
             break;
     }
+    // A folder update under way, or asked for by this command line, ends in the index that is saved.
+    db_folders_update_finish(db);
     db_save(db, false);
     db_destroy(db);
     db = nullptr;

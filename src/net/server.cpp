@@ -218,14 +218,21 @@ static void _net_window_proc(void *context, uint32_t message, os_socket_t s, uin
     _net_conn_leave(c);
 }
 
-// Ends connections that neither sent nor took anything for the protocol's idle time.
+// Ends connections that neither sent nor took anything for the protocol's idle time. It also makes up for
+// a notice the system dropped (a full message queue drops posts, the accept notice and kicks included):
+// waiting connections are accepted and queues with bytes are flushed, so nothing waits for ever.
 static void _net_idle_tick(void *context) {
     net_server_t *server = (net_server_t *) context;
+    _net_accept(server);
     uint32_t now = os_tick_ms();
     net_conn_t *next;
     for (net_conn_t *c = server->connections_head; c; c = next) {
         next = c->next;
-        if (c->busy || now - c->last_activity_ms < server->proto->idle_ms) {
+        if (!c->busy && c->send_head && now - c->last_activity_ms >= 1000) {
+            _net_window_proc(server, NET_MSG_CONTROL, c->socket, 0, 0);
+            continue;
+        }
+        if (c->busy || !server->proto->idle_ms || now - c->last_activity_ms < server->proto->idle_ms) {
             continue;
         }
         net_log(server, c, "Idle for %u ms, disconnected.\r\n", server->proto->idle_ms);
@@ -365,11 +372,9 @@ net_server_t *net_server_start(const net_proto_t *proto, void *parent, int32_t p
             net_log(server, nullptr, "%s server started, but with errors: %s\n", proto->name, error_text.ptr);
         }
         net_log(server, nullptr, "%s server online.\r\n", proto->name);
-        if (proto->idle_ms) {
-            uint32_t period = proto->idle_ms / 4;
-            period = period < 50 ? 50 : period > 5000 ? 5000 : period;
-            server->idle_timer = os_main_timer_start(period, true, _net_idle_tick, server);
-        }
+        uint32_t period = proto->idle_ms ? proto->idle_ms / 4 : 1000;
+        period = period < 50 ? 50 : period > 1000 ? 1000 : period;
+        server->idle_timer = os_main_timer_start(period, true, _net_idle_tick, server);
         str_kill(&error_text);
         return server;
     }

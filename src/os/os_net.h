@@ -12,8 +12,10 @@
 //   when it can go on.
 // - Events are delivered on the main thread only, from the main loop's pump. os_net_post may be called
 //   from any thread; everything else here is main-thread only (except the pure address helpers).
-// - An event for a socket that was closed in the meantime is never delivered on Linux; on Windows a
-//   message already queued may still arrive, so handlers look their socket up and ignore unknown ones.
+// - No event for a socket that was closed is delivered to a socket that later gets the same number: on
+//   Linux reports carry the watch's serial; on Windows the handle is closed only once every message
+//   queued for it has passed. A message may still name a socket whose connection is gone, so handlers
+//   look their socket up and ignore unknown ones.
 // - Event masks and family numbers have the Windows values on both platforms, so that logs and protocol
 //   code read the same everywhere.
 // - Error codes are the platform's own (WSAGetLastError or errno); they are only logged and reported.

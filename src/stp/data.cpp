@@ -47,12 +47,7 @@ static stp_transfer_t *_stp_xfer(stp_session_t *s) {
 }
 
 void stp_data_close(stp_session_t *s) {
-    os_net_close(s->data_socket);
-    s->data_socket = OS_SOCKET_NONE;
-    if (s->data_mode == STP_DATA_PASSIVE) {
-        os_net_close(s->passive_listener);
-    }
-    s->passive_listener = OS_SOCKET_NONE;
+    // The reader stops first: it posts with the data socket's value, which must not outlive the socket.
     stp_transfer_t *x = s->xfer;
     if (x) {
         if (x->reader) {
@@ -74,6 +69,12 @@ void stp_data_close(stp_session_t *s) {
         mem_free(x);
         s->xfer = nullptr;
     }
+    os_net_close(s->data_socket);
+    s->data_socket = OS_SOCKET_NONE;
+    if (s->data_mode == STP_DATA_PASSIVE) {
+        os_net_close(s->passive_listener);
+    }
+    s->passive_listener = OS_SOCKET_NONE;
     s->transfer = STP_TRANSFER_NONE;
     s->data_mode = STP_DATA_NONE;
     s->data_connected = false;

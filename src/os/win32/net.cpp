@@ -13,12 +13,17 @@
 #include "os/win32/wide.h"
 
 struct os_net_window_t {
+    os_net_window_t *next; // every live window, for the purge of a closed socket's messages
     HWND hwnd;
     os_net_window_proc_t proc;
     void *context;
     wchar_t *class_name;
     ATOM atom;
 };
+
+static os_net_window_t *windows = nullptr;
+// A window's own message: close the socket in wParam now that nothing queued names it.
+#define NET_CLOSE_MARKER (WM_USER + 15)
 
 int os_net_startup(int *version_low, int *version_high) {
     WSADATA data;
@@ -40,7 +45,11 @@ void os_net_cleanup() {
 
 // Socket messages are WM_USER and the few after it; the window record sits in the window's user data.
 static LRESULT CALLBACK _net_window_proc(HWND hwnd, UINT msg, WPARAM wparam, LPARAM lparam) {
-    if (msg >= WM_USER && msg < WM_USER + 16) {
+    if (msg == NET_CLOSE_MARKER) {
+        closesocket((SOCKET) wparam);
+        return 0;
+    }
+    if (msg >= WM_USER && msg < NET_CLOSE_MARKER) {
         os_net_window_t *w = (os_net_window_t *) GetWindowLongPtrW(hwnd, GWLP_USERDATA);
         if (w) {
             w->proc(w->context, msg, (os_socket_t) wparam, WSAGETSELECTEVENT(lparam),
@@ -86,6 +95,8 @@ os_net_window_t *os_net_window_create(const char *class_name, os_net_window_proc
         return nullptr;
     }
     SetWindowLongPtrW(w->hwnd, GWLP_USERDATA, (LONG_PTR) w);
+    w->next = windows;
+    windows = w;
     *error = 0;
     return w;
 }
@@ -94,7 +105,20 @@ void os_net_window_destroy(os_net_window_t *w) {
     if (!w) {
         return;
     }
+    for (os_net_window_t **p = &windows; *p; p = &(*p)->next) {
+        if (*p == w) {
+            *p = w->next;
+            break;
+        }
+    }
     SetWindowLongPtrW(w->hwnd, GWLP_USERDATA, 0);
+    // Sockets whose close waited in this window's queue are closed now; other queued messages go.
+    MSG m;
+    while (PeekMessageW(&m, w->hwnd, WM_USER, NET_CLOSE_MARKER, PM_REMOVE)) {
+        if (m.message == NET_CLOSE_MARKER) {
+            closesocket((SOCKET) m.wParam);
+        }
+    }
     DestroyWindow(w->hwnd);
     if (w->atom) {
         UnregisterClassW(w->class_name, GetModuleHandleW(nullptr));
@@ -266,8 +290,18 @@ int os_net_shutdown_send(os_socket_t s) {
     return shutdown((SOCKET) s, SD_SEND) == 0 ? 0 : WSAGetLastError();
 }
 
+// Socket handles are used again at once, so a message still queued for a closed socket would reach the
+// next socket with the same value (an old FD_CLOSE ending a new connection). So a socket's notices are
+// stopped and the socket is closed only when a marker posted behind its last queued message comes back:
+// the thread's posted messages come in order, and until then the value can't be given out again.
 void os_net_close(os_socket_t s) {
-    if (s != OS_SOCKET_NONE) {
+    if (s == OS_SOCKET_NONE) {
+        return;
+    }
+    for (os_net_window_t *w = windows; w; w = w->next) {
+        WSAAsyncSelect((SOCKET) s, w->hwnd, 0, 0);
+    }
+    if (!windows || !PostMessageW(windows->hwnd, NET_CLOSE_MARKER, (WPARAM) s, 0)) {
         closesocket((SOCKET) s);
     }
 }

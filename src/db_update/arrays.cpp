@@ -299,3 +299,21 @@ db_ref_t db_update_folder_at(db_t *db, const char *path, uint32_t len) {
     str_kill(&s);
     return r;
 }
+
+void db_update_announce_replaced(db_t *db, db_ref_t old, db_ref_t r, bool folder, const uint8_t *flags,
+                                 uint64_t timestamp) {
+    if (!r) {
+        if (db_update_history.removed)
+            db_update_history.removed(db, old, folder);
+        return;
+    }
+    if (db_update_history.replaced)
+        db_update_history.replaced(db, old, r, folder, timestamp);
+    if (db->is_loaded && db_update_query_count(db)) {
+        db_eval_scratch_t s;
+        db_eval_scratch_init(&s);
+        db_update_queries_attach(db, r, folder, flags, &s);
+        db_eval_scratch_kill(&s);
+        db_queries_record_replaced(db, old, r);
+    }
+}

@@ -170,19 +170,7 @@ static db_ref_t _rename(db_t *db, const db_fs_t *fs, db_ref_t old_parent, const 
     if (new_parent) {
         r = db_update_file_make(db, fs, new_parent, new_name, new_len, &fd, &made);
     }
-    if (made) {
-        if (db_update_history.replaced)
-            db_update_history.replaced(db, old, r, false, timestamp);
-        if (db->is_loaded && nq) {
-            db_eval_scratch_t s;
-            db_eval_scratch_init(&s);
-            db_update_queries_attach(db, r, false, flags, &s);
-            db_eval_scratch_kill(&s);
-            db_queries_record_replaced(db, old, r);
-        }
-    } else if (db_update_history.removed) {
-        db_update_history.removed(db, old, false);
-    }
+    db_update_announce_replaced(db, old, made ? r : 0, false, flags, timestamp);
     if (flags != flags_local)
         mem_free(flags);
 

@@ -278,19 +278,7 @@ static db_ref_t _rename(db_t *db, db_ref_t old, db_ref_t new_parent, const char 
     db_update_overlay_fd(&fd, _fd(change));
     bool made;
     db_ref_t r = db_update_folder_make(db, fs, new_parent, new_name, new_len, &fd, counted, low, high, &made);
-    if (made) {
-        if (db_update_history.replaced)
-            db_update_history.replaced(db, old, r, true, timestamp);
-        if (db->is_loaded && nq) {
-            db_eval_scratch_t s;
-            db_eval_scratch_init(&s);
-            db_update_queries_attach(db, r, true, flags, &s);
-            db_eval_scratch_kill(&s);
-            db_queries_record_replaced(db, old, r);
-        }
-    } else if (db_update_history.removed) {
-        db_update_history.removed(db, old, true);
-    }
+    db_update_announce_replaced(db, old, made ? r : 0, true, flags, timestamp);
     if (flags != flags_local)
         mem_free(flags);
     db_changed_records_remove(db, old);

@@ -47,6 +47,11 @@ uint32_t db_update_query_count(const db_t *db);
 void db_update_queries_detach(db_t *db, db_ref_t r, bool folder, uint8_t *flags);
 void db_update_queries_attach(db_t *db, db_ref_t r, bool folder, const uint8_t *flags, db_eval_scratch_t *s);
 void db_update_queries_added(db_t *db, db_ref_t r, bool folder);
+// A renamed record's successor r (0 when none was made: the new name is excluded or its parent is gone)
+// takes old's place in the history lists and, with the flags that old's detach filled, in every open
+// query; without a successor old only leaves the history lists.
+void db_update_announce_replaced(db_t *db, db_ref_t old, db_ref_t r, bool folder, const uint8_t *flags,
+                                 uint64_t timestamp);
 
 // ---- records -------------------------------------------------------------------------------------------
 

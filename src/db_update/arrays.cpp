@@ -317,3 +317,22 @@ void db_update_announce_replaced(db_t *db, db_ref_t old, db_ref_t r, bool folder
         db_queries_record_replaced(db, old, r);
     }
 }
+
+void db_update_rewrite(db_t *db, db_ref_t r, bool folder, uint32_t orders, const db_fd_t *fd) {
+    uint32_t nq = db_update_query_count(db);
+    uint8_t flags_local[16];
+    uint8_t *flags = nq <= sizeof flags_local ? flags_local : (uint8_t *) mem_alloc(nq);
+    db_update_queries_detach(db, r, folder, flags);
+    db_update_arrays_remove(db, r, folder, orders, true);
+    db_update_write_fd(db, r, folder, fd);
+    db_update_arrays_insert(db, r, folder, orders, true);
+    if (db->is_loaded && nq) {
+        db_eval_scratch_t s;
+        db_eval_scratch_init(&s);
+        db_update_queries_attach(db, r, folder, flags, &s);
+        db_eval_scratch_kill(&s);
+    }
+    if (flags != flags_local)
+        mem_free(flags);
+    db_changed_records_add(db, r);
+}

@@ -273,23 +273,8 @@ void db_file_update_record(db_t *db, db_ref_t file, const db_fd_t *fd, uint64_t 
     uint32_t orders = db_update_changed_orders(db, file, false, fd);
     if (!orders)
         return;
-    uint32_t nq = db_update_query_count(db);
-    uint8_t flags_local[16];
-    uint8_t *flags = nq <= sizeof flags_local ? flags_local : (uint8_t *) mem_alloc(nq);
-    db_update_queries_detach(db, file, false, flags);
-    db_update_arrays_remove(db, file, false, orders, true);
     uint64_t old_size = db_file_get(db, file, DB_FIELD_SIZE);
-    db_update_write_fd(db, file, false, fd);
-    db_update_arrays_insert(db, file, false, orders, true);
-    if (db->is_loaded && nq) {
-        db_eval_scratch_t s;
-        db_eval_scratch_init(&s);
-        db_update_queries_attach(db, file, false, flags, &s);
-        db_eval_scratch_kill(&s);
-    }
-    if (flags != flags_local)
-        mem_free(flags);
-    db_changed_records_add(db, file);
+    db_update_rewrite(db, file, false, orders, fd);
     if (orders & DB_UPDATE_BIT(DB_ORDER_SIZE))
         db_folder_size_adjust(db, db_record_parent(file), old_size, db_file_get(db, file, DB_FIELD_SIZE));
     if (db_update_history.updated && db->recent_change_enabled)

@@ -386,22 +386,7 @@ void db_folder_update_record(db_t *db, db_ref_t folder, const db_fd_t *fd, uint6
     uint32_t orders = db_update_changed_orders(db, folder, true, fd);
     if (!orders)
         return;
-    uint32_t nq = db_update_query_count(db);
-    uint8_t flags_local[16];
-    uint8_t *flags = nq <= sizeof flags_local ? flags_local : (uint8_t *) mem_alloc(nq);
-    db_update_queries_detach(db, folder, true, flags);
-    db_update_arrays_remove(db, folder, true, orders, true);
-    db_update_write_fd(db, folder, true, fd);
-    db_update_arrays_insert(db, folder, true, orders, true);
-    if (db->is_loaded && nq) {
-        db_eval_scratch_t s;
-        db_eval_scratch_init(&s);
-        db_update_queries_attach(db, folder, true, flags, &s);
-        db_eval_scratch_kill(&s);
-    }
-    if (flags != flags_local)
-        mem_free(flags);
-    db_changed_records_add(db, folder);
+    db_update_rewrite(db, folder, true, orders, fd);
     if (db_update_history.updated && db->recent_change_enabled && timestamp)
         db_update_history.updated(db, folder, true, timestamp);
 }

@@ -50,6 +50,10 @@ void db_update_queries_added(db_t *db, db_ref_t r, bool folder);
 // A renamed record's successor r (0 when none was made: the new name is excluded or its parent is gone)
 // takes old's place in the history lists and, with the flags that old's detach filled, in every open
 // query; without a successor old only leaves the history lists.
+// Writes new values into r: it leaves every open query's views and every array whose order depends on
+// the fields in orders while its keys are the old ones, and goes back under the new ones; then it joins
+// changed_records.
+void db_update_rewrite(db_t *db, db_ref_t r, bool folder, uint32_t orders, const db_fd_t *fd);
 void db_update_announce_replaced(db_t *db, db_ref_t old, db_ref_t r, bool folder, const uint8_t *flags,
                                  uint64_t timestamp);
 

@@ -33,6 +33,11 @@ inline std::string bench_folder() {
 // first: the settings take lists by full path, and a relative one would give an empty index, not an error.
 inline void bench_configure_list(const std::string &swl, const std::string &extra = "") {
     std::string full = std::filesystem::absolute(swl).lexically_normal().string();
+    // A list that isn't there would build an empty index, and every figure would then measure nothing.
+    if (!std::filesystem::is_regular_file(full)) {
+        fprintf(stderr, "no file list at %s (see bench/README.md for making the corpus)\n", full.c_str());
+        exit(2);
+    }
     str_t item;
     str_init(&item);
     config_list_cat_item(&item, full.c_str(), true, true);

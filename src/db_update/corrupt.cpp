@@ -2,6 +2,7 @@
 // saving it would carry the damage into the next start, so the file goes first and the process ends: the
 // next start finds no file and rebuilds.
 #include "db_update/db_update.h"
+#include "db_update/update_internal.h"
 
 #include "config/config.h"
 #include "db/dbfile.h"
@@ -9,12 +10,12 @@
 #include "mem/mem.h"
 
 void db_corrupt(db_t *db, const char *message) {
-    debug_color_printf(-65536, "%s\n", message);
+    debug_color_printf(DB_UPDATE_ERROR_COLOUR, "%s\n", message);
     _db_corrupt(db);
 }
 
 void _db_corrupt(db_t *db) {
-    debug_color_printf(-65536, "CORRUPT\n");
+    debug_color_printf(DB_UPDATE_ERROR_COLOUR, "CORRUPT\n");
     // A private index over a named list writes no file, so it has none to delete.
     if (!db->remote_name) {
         str_t path;

@@ -5,18 +5,6 @@
 #include "debug/debug.h"
 #include "mem/mem.h"
 
-#define ERROR_COLOUR -65536
-
-static const db_fd_t *_fd(const db_change_t *c) {
-    return c ? c->fd : nullptr;
-}
-static const db_fd_t *_parent_fd(const db_change_t *c) {
-    return c ? c->parent_fd : nullptr;
-}
-static uint64_t _timestamp(const db_change_t *c) {
-    return c ? c->timestamp : 0;
-}
-
 // ---- add -------------------------------------------------------------------------------------------------
 
 db_ref_t db_update_file_make(db_t *db, const db_fs_t *fs, db_ref_t parent, const char *name, uint32_t len,
@@ -41,16 +29,16 @@ db_ref_t db_update_file_make(db_t *db, const db_fs_t *fs, db_ref_t parent, const
 db_ref_t db_file_add_in(db_t *db, const db_fs_t *fs, db_ref_t parent, const char *name, uint32_t len,
                         const db_change_t *change) {
     bool made;
-    db_ref_t r = db_update_file_make(db, fs, parent, name, len, _fd(change), &made);
+    db_ref_t r = db_update_file_make(db, fs, parent, name, len, db_change_fd(change), &made);
     if (made) {
         if (db_update_history.added)
-            db_update_history.added(db, r, false, _timestamp(change));
+            db_update_history.added(db, r, false, db_change_timestamp(change));
         db_update_queries_added(db, r, false);
         db_folder_size_adjust(db, parent, 0, db_file_get(db, r, DB_FIELD_SIZE));
         db_children_inc(db, parent);
     }
     // A folder's dates move when its content changes: the parent takes the values that came along.
-    db_update_parent_fd(db, parent, _parent_fd(change), _timestamp(change));
+    db_update_parent_fd(db, parent, db_change_parent_fd(change), db_change_timestamp(change));
     return r;
 }
 
@@ -60,8 +48,8 @@ static db_ref_t _add_by_frn(db_t *db, const db_fs_t *fs, uint64_t low, uint64_t 
     db_ref_t parent = db_update_find_frn(db, fs, low, high, &chunk, &pos);
     if (!parent) {
         // The change is lost until the next rebuild; the journal goes on.
-        debug_color_printf(ERROR_COLOUR, "unable to add ntfs file: %t: parent %016I64x not found\n", name,
-                           (int) len, low);
+        debug_color_printf(DB_UPDATE_ERROR_COLOUR, "unable to add ntfs file: %t: parent %016I64x not found\n",
+                           name, (int) len, low);
         return 0;
     }
     return db_file_add_in(db, fs, parent, name, len, change);
@@ -83,7 +71,7 @@ db_ref_t db_file_add_path(db_t *db, const db_fs_t *fs, const char *path, const d
     db_update_split_path(path, &parent_len, &name, &len);
     db_ref_t parent = db_update_folder_at(db, path, parent_len);
     if (!parent) {
-        debug_color_printf(ERROR_COLOUR, "unable to add file: %s: parent not found\n", path);
+        debug_color_printf(DB_UPDATE_ERROR_COLOUR, "unable to add file: %s: parent not found\n", path);
         return 0;
     }
     return db_file_add_in(db, fs, parent, name, len, change);
@@ -103,42 +91,38 @@ void db_file_remove_record(db_t *db, db_ref_t file, bool adjust_size) {
     db_file_delete(db, file);
 }
 
-static bool _remove_in(db_t *db, const db_fs_t *fs, db_ref_t parent, const char *name, uint32_t len,
+bool db_file_remove_in(db_t *db, const db_fs_t *fs, db_ref_t parent, const char *name, uint32_t len,
                        const db_change_t *change) {
     db_ref_t r = parent || fs ? db_file_find(db, fs, parent, name, len) : 0;
     if (!r) {
-        debug_color_printf(ERROR_COLOUR, "unable to remove file: %t: file not found\n", name, (int) len);
+        debug_color_printf(DB_UPDATE_ERROR_COLOUR, "unable to remove file: %t: file not found\n", name,
+                           (int) len);
         return false;
     }
     db_file_remove_record(db, r, true);
-    db_update_parent_fd(db, parent, _parent_fd(change), _timestamp(change));
+    db_update_parent_fd(db, parent, db_change_parent_fd(change), db_change_timestamp(change));
     return true;
-}
-
-bool db_file_remove_in(db_t *db, const db_fs_t *fs, db_ref_t parent, const char *name, uint32_t len,
-                       const db_change_t *change) {
-    return _remove_in(db, fs, parent, name, len, change);
 }
 
 bool db_file_remove(db_t *db, const db_fs_t *fs, uint64_t parent_frn, const char *name, uint32_t len,
                     const db_change_t *change) {
-    return _remove_in(db, fs, db_find_folder_by_frn(db, fs, parent_frn), name, len, change);
+    return db_file_remove_in(db, fs, db_find_folder_by_frn(db, fs, parent_frn), name, len, change);
 }
 
 bool db_file_remove_refs(db_t *db, const db_fs_t *fs, db_frn128_t parent_frn, const char *name, uint32_t len,
                          const db_change_t *change) {
-    return _remove_in(db, fs, db_find_folder_by_frn_refs(db, fs, parent_frn), name, len, change);
+    return db_file_remove_in(db, fs, db_find_folder_by_frn_refs(db, fs, parent_frn), name, len, change);
 }
 
 bool db_file_remove_path(db_t *db, const char *path, const db_change_t *change) {
     db_ref_t r = db_file_find_by_path(db, path);
     if (!r) {
-        debug_color_printf(ERROR_COLOUR, "unable to remove file: %s: file not found\n", path);
+        debug_color_printf(DB_UPDATE_ERROR_COLOUR, "unable to remove file: %s: file not found\n", path);
         return false;
     }
     db_ref_t parent = db_record_parent(r);
     db_file_remove_record(db, r, true);
-    db_update_parent_fd(db, parent, _parent_fd(change), _timestamp(change));
+    db_update_parent_fd(db, parent, db_change_parent_fd(change), db_change_timestamp(change));
     return true;
 }
 
@@ -152,7 +136,7 @@ static db_ref_t _rename(db_t *db, const db_fs_t *fs, db_ref_t old_parent, const 
     db_ref_t old = old_parent || fs ? db_file_find(db, fs, old_parent, old_name, old_len) : 0;
     if (!old)
         return new_parent ? db_file_add_in(db, fs, new_parent, new_name, new_len, change) : 0;
-    uint64_t timestamp = _timestamp(change);
+    uint64_t timestamp = db_change_timestamp(change);
     db_update_name_remove(db, old, false);
     db_update_arrays_remove(db, old, false, DB_UPDATE_ALL, false);
     db_changed_records_remove(db, old);
@@ -164,7 +148,7 @@ static db_ref_t _rename(db_t *db, const db_fs_t *fs, db_ref_t old_parent, const 
     db_fd_t fd;
     db_update_read_fd(db, old, false, &fd);
     // The new values are in the record before it goes into any array: its keys must not change there.
-    db_update_overlay_fd(&fd, _fd(change));
+    db_update_overlay_fd(&fd, db_change_fd(change));
     db_ref_t r = 0;
     bool made = false;
     if (new_parent) {
@@ -180,7 +164,7 @@ static db_ref_t _rename(db_t *db, const db_fs_t *fs, db_ref_t old_parent, const 
         db_folder_size_adjust(db, new_parent, 0, db_file_get(db, r, DB_FIELD_SIZE));
         db_children_inc(db, new_parent);
     }
-    db_update_parent_fd(db, new_parent, _parent_fd(change), timestamp);
+    db_update_parent_fd(db, new_parent, db_change_parent_fd(change), timestamp);
     db_update_parent_fd(db, old_parent, change ? change->old_parent_fd : nullptr, timestamp);
     db_children_dec(db, old_parent);
     db_file_delete(db, old);
@@ -204,8 +188,8 @@ static db_ref_t _rename_by_frn(db_t *db, const db_fs_t *fs, uint64_t old_low, ui
         return _add_by_frn(db, fs, new_low, new_high, new_name, new_len, change);
     db_ref_t new_parent = db_update_find_frn(db, fs, new_low, new_high, &chunk, &pos);
     if (!new_parent)
-        debug_color_printf(ERROR_COLOUR, "unable to add ntfs file: %t: parent %016I64x not found\n", new_name,
-                           (int) new_len, new_low);
+        debug_color_printf(DB_UPDATE_ERROR_COLOUR, "unable to add ntfs file: %t: parent %016I64x not found\n",
+                           new_name, (int) new_len, new_low);
     return _rename(db, fs, old_parent, old_name, old_len, new_parent, new_name, new_len, change);
 }
 
@@ -232,7 +216,7 @@ db_ref_t db_file_rename_path(db_t *db, const db_fs_t *fs, const char *old_path, 
     db_ref_t old_parent = db_update_folder_at(db, old_path, old_parent_len);
     db_ref_t new_parent = db_update_folder_at(db, new_path, new_parent_len);
     if (!new_parent)
-        debug_color_printf(ERROR_COLOUR, "unable to add file: %s: parent not found\n", new_path);
+        debug_color_printf(DB_UPDATE_ERROR_COLOUR, "unable to add file: %s: parent not found\n", new_path);
     if (!old_parent)
         return new_parent ? db_file_add_in(db, fs, new_parent, new_name, new_len, change) : 0;
     return _rename(db, fs, old_parent, old_name, old_len, new_parent, new_name, new_len, change);
@@ -286,40 +270,36 @@ void db_file_update_record(db_t *db, db_ref_t file, const db_fd_t *fd, uint64_t 
     }
 }
 
-static bool _update_in(db_t *db, const db_fs_t *fs, db_ref_t parent, const char *name, uint32_t len,
+bool db_file_update_in(db_t *db, const db_fs_t *fs, db_ref_t parent, const char *name, uint32_t len,
                        const db_change_t *change) {
     db_ref_t r = parent || fs ? db_file_find(db, fs, parent, name, len) : 0;
     if (!r) {
-        debug_color_printf(ERROR_COLOUR, "unable to update file: %t: file not found\n", name, (int) len);
+        debug_color_printf(DB_UPDATE_ERROR_COLOUR, "unable to update file: %t: file not found\n", name,
+                           (int) len);
         return false;
     }
-    db_file_update_record(db, r, _fd(change), _timestamp(change));
-    db_update_parent_fd(db, parent, _parent_fd(change), _timestamp(change));
+    db_file_update_record(db, r, db_change_fd(change), db_change_timestamp(change));
+    db_update_parent_fd(db, parent, db_change_parent_fd(change), db_change_timestamp(change));
     return true;
-}
-
-bool db_file_update_in(db_t *db, const db_fs_t *fs, db_ref_t parent, const char *name, uint32_t len,
-                       const db_change_t *change) {
-    return _update_in(db, fs, parent, name, len, change);
 }
 
 bool db_file_update(db_t *db, const db_fs_t *fs, uint64_t parent_frn, const char *name, uint32_t len,
                     const db_change_t *change) {
-    return _update_in(db, fs, db_find_folder_by_frn(db, fs, parent_frn), name, len, change);
+    return db_file_update_in(db, fs, db_find_folder_by_frn(db, fs, parent_frn), name, len, change);
 }
 
 bool db_file_update_refs(db_t *db, const db_fs_t *fs, db_frn128_t parent_frn, const char *name, uint32_t len,
                          const db_change_t *change) {
-    return _update_in(db, fs, db_find_folder_by_frn_refs(db, fs, parent_frn), name, len, change);
+    return db_file_update_in(db, fs, db_find_folder_by_frn_refs(db, fs, parent_frn), name, len, change);
 }
 
 bool db_file_update_path(db_t *db, const char *path, const db_change_t *change) {
     db_ref_t r = db_file_find_by_path(db, path);
     if (!r) {
-        debug_color_printf(ERROR_COLOUR, "unable to update file: %s: file not found\n", path);
+        debug_color_printf(DB_UPDATE_ERROR_COLOUR, "unable to update file: %s: file not found\n", path);
         return false;
     }
-    db_file_update_record(db, r, _fd(change), _timestamp(change));
-    db_update_parent_fd(db, db_record_parent(r), _parent_fd(change), _timestamp(change));
+    db_file_update_record(db, r, db_change_fd(change), db_change_timestamp(change));
+    db_update_parent_fd(db, db_record_parent(r), db_change_parent_fd(change), db_change_timestamp(change));
     return true;
 }

@@ -7,18 +7,6 @@
 #include "debug/debug.h"
 #include "mem/mem.h"
 
-#define ERROR_COLOUR -65536
-
-static const db_fd_t *_fd(const db_change_t *c) {
-    return c ? c->fd : nullptr;
-}
-static const db_fd_t *_parent_fd(const db_change_t *c) {
-    return c ? c->parent_fd : nullptr;
-}
-static uint64_t _timestamp(const db_change_t *c) {
-    return c ? c->timestamp : 0;
-}
-
 static bool _fs_has_frn(const db_fs_t *fs) {
     return fs && (fs->type == DB_FS_NTFS || fs->type == DB_FS_REFS);
 }
@@ -63,8 +51,9 @@ db_ref_t db_update_folder_make(db_t *db, const db_fs_t *fs, db_ref_t parent, con
     if (existing) {
         if (has_frn) {
             // The file system gave the name a new reference: the record stays and takes it.
-            debug_color_printf(ERROR_COLOUR, "folder name %t found, yet FRN 0x%016I64x does not exists\n",
-                               name, (int) len, frn_low);
+            debug_color_printf(DB_UPDATE_ERROR_COLOUR,
+                               "folder name %t found, yet FRN 0x%016I64x does not exists\n", name, (int) len,
+                               frn_low);
             db_update_frn_remove(db, existing);
             _write_frn(db, existing, frn_low, frn_high);
             db_update_frn_insert(db, existing);
@@ -90,14 +79,15 @@ db_ref_t db_update_folder_make(db_t *db, const db_fs_t *fs, db_ref_t parent, con
 static db_ref_t _add(db_t *db, const db_fs_t *fs, db_ref_t parent, const char *name, uint32_t len,
                      const db_change_t *change, bool has_frn, uint64_t low, uint64_t high) {
     bool made;
-    db_ref_t r = db_update_folder_make(db, fs, parent, name, len, _fd(change), has_frn, low, high, &made);
+    db_ref_t r =
+        db_update_folder_make(db, fs, parent, name, len, db_change_fd(change), has_frn, low, high, &made);
     if (made) {
         if (db_update_history.added)
-            db_update_history.added(db, r, true, _timestamp(change));
+            db_update_history.added(db, r, true, db_change_timestamp(change));
         db_update_queries_added(db, r, true);
         db_children_inc(db, parent);
     }
-    db_update_parent_fd(db, parent, _parent_fd(change), _timestamp(change));
+    db_update_parent_fd(db, parent, db_change_parent_fd(change), db_change_timestamp(change));
     return r;
 }
 
@@ -106,8 +96,9 @@ static db_ref_t _add_by_frn(db_t *db, const db_fs_t *fs, uint64_t low, uint64_t 
     int chunk, pos;
     db_ref_t parent = db_update_find_frn(db, fs, parent_low, parent_high, &chunk, &pos);
     if (!parent) {
-        debug_color_printf(ERROR_COLOUR, "unable to add ntfs folder: %t: parent %016I64x not found\n", name,
-                           (int) len, parent_low);
+        debug_color_printf(DB_UPDATE_ERROR_COLOUR,
+                           "unable to add ntfs folder: %t: parent %016I64x not found\n", name, (int) len,
+                           parent_low);
         return 0;
     }
     return _add(db, fs, parent, name, len, change, true, low, high);
@@ -130,8 +121,8 @@ static bool _refuse_frn_source(db_t *db, const db_fs_t *fs, db_ref_t parent, con
         fs = db_record_fs(db, parent);
     if (!_fs_has_frn(fs))
         return false;
-    debug_color_printf(ERROR_COLOUR, "unable to add folder: %t: its source names folders by FRN\n", name,
-                       (int) len);
+    debug_color_printf(DB_UPDATE_ERROR_COLOUR, "unable to add folder: %t: its source names folders by FRN\n",
+                       name, (int) len);
     return true;
 }
 
@@ -148,7 +139,7 @@ db_ref_t db_folder_add_path(db_t *db, const db_fs_t *fs, const char *path, const
     db_update_split_path(path, &parent_len, &name, &len);
     db_ref_t parent = db_update_folder_at(db, path, parent_len);
     if (!parent) {
-        debug_color_printf(ERROR_COLOUR, "unable to add folder: %s: parent not found\n", path);
+        debug_color_printf(DB_UPDATE_ERROR_COLOUR, "unable to add folder: %s: parent not found\n", path);
         return 0;
     }
     return db_folder_add_in(db, fs, parent, name, len, change);
@@ -184,12 +175,13 @@ static bool _remove_by_frn(db_t *db, const db_fs_t *fs, uint64_t low, uint64_t h
     int chunk, pos;
     db_ref_t folder = db_update_find_frn(db, fs, low, high, &chunk, &pos);
     if (!folder) {
-        debug_color_printf(ERROR_COLOUR, "unable to remove ntfs folder: %016I64x: file not found\n", low);
+        debug_color_printf(DB_UPDATE_ERROR_COLOUR, "unable to remove ntfs folder: %016I64x: file not found\n",
+                           low);
         return false;
     }
     db_ref_t parent = db_record_parent(folder);
     db_folder_remove_record(db, folder);
-    db_update_parent_fd(db, parent, _parent_fd(change), _timestamp(change));
+    db_update_parent_fd(db, parent, db_change_parent_fd(change), db_change_timestamp(change));
     return true;
 }
 
@@ -203,12 +195,12 @@ bool db_folder_remove_refs(db_t *db, const db_fs_t *fs, db_frn128_t frn, const d
 
 static bool _remove_found(db_t *db, db_ref_t folder, const char *what, const db_change_t *change) {
     if (!folder) {
-        debug_color_printf(ERROR_COLOUR, "unable to remove folder: %s: folder not found\n", what);
+        debug_color_printf(DB_UPDATE_ERROR_COLOUR, "unable to remove folder: %s: folder not found\n", what);
         return false;
     }
     db_ref_t parent = db_record_parent(folder);
     db_folder_remove_record(db, folder);
-    db_update_parent_fd(db, parent, _parent_fd(change), _timestamp(change));
+    db_update_parent_fd(db, parent, db_change_parent_fd(change), db_change_timestamp(change));
     return true;
 }
 
@@ -216,7 +208,8 @@ bool db_folder_remove_in(db_t *db, const db_fs_t *fs, db_ref_t parent, const cha
                          const db_change_t *change) {
     db_ref_t folder = parent || fs ? db_folder_find(db, fs, parent, name, len) : 0;
     if (!folder) {
-        debug_color_printf(ERROR_COLOUR, "unable to remove folder: %t: folder not found\n", name, (int) len);
+        debug_color_printf(DB_UPDATE_ERROR_COLOUR, "unable to remove folder: %t: folder not found\n", name,
+                           (int) len);
         return false;
     }
     return _remove_found(db, folder, "", change);
@@ -239,13 +232,13 @@ static bool _is_below(db_ref_t r, db_ref_t folder) {
 // FRN, place in the queries and descendants.
 static db_ref_t _rename(db_t *db, db_ref_t old, db_ref_t new_parent, const char *new_name, uint32_t new_len,
                         const db_change_t *change) {
-    uint64_t timestamp = _timestamp(change);
+    uint64_t timestamp = db_change_timestamp(change);
     db_ref_t old_parent = db_record_parent(old);
     uint32_t old_len;
     const char *old_name = db_record_name(old, &old_len);
     if (old_parent == new_parent && old_len == new_len && memcmp(old_name, new_name, new_len) == 0) {
-        db_folder_update_record(db, old, _fd(change), timestamp);
-        db_update_parent_fd(db, new_parent, _parent_fd(change), timestamp);
+        db_folder_update_record(db, old, db_change_fd(change), timestamp);
+        db_update_parent_fd(db, new_parent, db_change_parent_fd(change), timestamp);
         return old;
     }
     if (debug_is_active()) {
@@ -275,7 +268,7 @@ static db_ref_t _rename(db_t *db, db_ref_t old, db_ref_t new_parent, const char 
     db_fd_t fd;
     db_update_read_fd(db, old, true, &fd);
     // The new values are in the record before it goes into any array: its keys must not change there.
-    db_update_overlay_fd(&fd, _fd(change));
+    db_update_overlay_fd(&fd, db_change_fd(change));
     bool made;
     db_ref_t r = db_update_folder_make(db, fs, new_parent, new_name, new_len, &fd, counted, low, high, &made);
     db_update_announce_replaced(db, old, made ? r : 0, true, flags, timestamp);
@@ -291,7 +284,7 @@ static db_ref_t _rename(db_t *db, db_ref_t old, db_ref_t new_parent, const char 
         db_folder_children_rename(db, fs, old, made ? r : 0);
     }
     db_update_arrays_remove(db, old, true, DB_UPDATE_ALL, false);
-    db_update_parent_fd(db, new_parent, _parent_fd(change), timestamp);
+    db_update_parent_fd(db, new_parent, db_change_parent_fd(change), timestamp);
     if (made)
         db_children_inc(db, new_parent);
     db_update_parent_fd(db, old_parent, change ? change->old_parent_fd : nullptr, timestamp);
@@ -306,19 +299,21 @@ static db_ref_t _rename_by_frn(db_t *db, const db_fs_t *fs, uint64_t low, uint64
     int chunk, pos;
     db_ref_t new_parent = db_update_find_frn(db, fs, parent_low, parent_high, &chunk, &pos);
     if (!new_parent) {
-        debug_color_printf(ERROR_COLOUR, "unable to rename ntfs folder: %016I64x: new parent not found\n",
-                           low);
+        debug_color_printf(DB_UPDATE_ERROR_COLOUR,
+                           "unable to rename ntfs folder: %016I64x: new parent not found\n", low);
         _remove_by_frn(db, fs, low, high, nullptr);
         return 0;
     }
     db_ref_t folder = db_update_find_frn(db, fs, low, high, &chunk, &pos);
     if (!folder) {
-        debug_color_printf(ERROR_COLOUR, "unable to rename ntfs folder: %016I64x: not found\n", low);
+        debug_color_printf(DB_UPDATE_ERROR_COLOUR, "unable to rename ntfs folder: %016I64x: not found\n",
+                           low);
         return _add(db, fs, new_parent, new_name, new_len, change, true, low, high);
     }
     // The index can't hold a cycle: the folder goes, and the next rebuild brings it back.
     if (_is_below(new_parent, folder)) {
-        debug_color_printf(ERROR_COLOUR, "unable to rename ntfs folder: %016I64x: move into child\n", low);
+        debug_color_printf(DB_UPDATE_ERROR_COLOUR,
+                           "unable to rename ntfs folder: %016I64x: move into child\n", low);
         db_folder_remove_record(db, folder);
         return 0;
     }
@@ -341,17 +336,18 @@ static db_ref_t _rename_found(db_t *db, const db_fs_t *fs, db_ref_t folder, db_r
                               const char *new_name, uint32_t new_len, const char *what,
                               const db_change_t *change) {
     if (!new_parent) {
-        debug_color_printf(ERROR_COLOUR, "unable to rename folder: %s: new parent not found\n", what);
+        debug_color_printf(DB_UPDATE_ERROR_COLOUR, "unable to rename folder: %s: new parent not found\n",
+                           what);
         if (folder)
             db_folder_remove_record(db, folder);
         return 0;
     }
     if (!folder) {
-        debug_color_printf(ERROR_COLOUR, "unable to rename folder: %s: not found\n", what);
+        debug_color_printf(DB_UPDATE_ERROR_COLOUR, "unable to rename folder: %s: not found\n", what);
         return db_folder_add_in(db, fs, new_parent, new_name, new_len, change);
     }
     if (_is_below(new_parent, folder)) {
-        debug_color_printf(ERROR_COLOUR, "unable to rename folder: %s: move into child\n", what);
+        debug_color_printf(DB_UPDATE_ERROR_COLOUR, "unable to rename folder: %s: move into child\n", what);
         db_folder_remove_record(db, folder);
         return 0;
     }
@@ -394,12 +390,13 @@ void db_folder_update_record(db_t *db, db_ref_t folder, const db_fd_t *fd, uint6
 static bool _update_found(db_t *db, db_ref_t folder, const char *name, uint32_t len,
                           const db_change_t *change) {
     if (!folder) {
-        debug_color_printf(ERROR_COLOUR, "unable to update ntfs folder: %t: folder not found\n", name,
-                           (int) len);
+        debug_color_printf(DB_UPDATE_ERROR_COLOUR, "unable to update ntfs folder: %t: folder not found\n",
+                           name, (int) len);
         return false;
     }
-    db_folder_update_record(db, folder, _fd(change), _timestamp(change));
-    db_update_parent_fd(db, db_record_parent(folder), _parent_fd(change), _timestamp(change));
+    db_folder_update_record(db, folder, db_change_fd(change), db_change_timestamp(change));
+    db_update_parent_fd(db, db_record_parent(folder), db_change_parent_fd(change),
+                        db_change_timestamp(change));
     return true;
 }
 

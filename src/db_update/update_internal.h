@@ -38,6 +38,20 @@ void db_update_frn_insert(db_t *db, db_ref_t folder);
 // The orders whose arrays a change of field moves.
 uint32_t db_update_orders_of_field(db_field_t field);
 
+// The colour mask of the lines that tell of a fact that could not be applied, or of a broken array.
+#define DB_UPDATE_ERROR_COLOUR -65536
+
+// What a change carries, each null or 0 when the caller gave no change.
+inline const db_fd_t *db_change_fd(const db_change_t *c) {
+    return c ? c->fd : nullptr;
+}
+inline const db_fd_t *db_change_parent_fd(const db_change_t *c) {
+    return c ? c->parent_fd : nullptr;
+}
+inline uint64_t db_change_timestamp(const db_change_t *c) {
+    return c ? c->timestamp : 0;
+}
+
 // ---- the queries -----------------------------------------------------------------------------------------
 
 // Every open query hears about one record, when the index is loaded. flags holds one byte per query

@@ -99,3 +99,42 @@ inline void bench_reset_peak() {
         fclose(f);
     }
 }
+
+// Writes n generated paths twice: as a file list of paths alone (the index's input) and one per line (the
+// input of plocate-build, the peer). path_of(i, buffer, size) writes path i into buffer.
+template <typename PathOf>
+inline void bench_write_lists(const std::string &swl, const std::string &paths, int n, PathOf path_of) {
+    FILE *a = fopen(swl.c_str(), "wb"), *b = fopen(paths.c_str(), "wb");
+    fprintf(a, "Filename,Size,Date Modified,Date Created,Attributes\n");
+    for (int i = 0; i < n; i++) {
+        char line[256];
+        path_of(i, line, sizeof line);
+        fprintf(a, "\"%s\",,,,\n", line);
+        fprintf(b, "%s\n", line);
+    }
+    fclose(a), fclose(b);
+}
+
+// The lists of a smoke run: 20,000 paths in a few hundred folders under /tmp/<name>.swl and .paths.
+inline void bench_smoke_lists(const char *name, std::string *swl, std::string *paths) {
+    *swl = std::string("/tmp/") + name + ".swl", *paths = std::string("/tmp/") + name + ".paths";
+    static const char *parts[] = {"usr", "share", "doc", "lib", "copyright", "libc.so", "liba.a", "README"};
+    bench_write_lists(*swl, *paths, 20000, [](int i, char *line, size_t size) {
+        snprintf(line, size, "/%s/%s/%s%d/%s%d", parts[i % 3], parts[(i / 3) % 4], parts[(i / 7) % 8], i % 97,
+                 parts[3 + i % 5], i);
+    });
+}
+
+// plocate's database of the same paths, in the benchmarks' data folder, made again only when the list is
+// newer. Built with visibility checks off: plocate would otherwise report only the paths that exist on
+// this machine, and answer a smaller question than the index does.
+inline bool bench_peer_database(const std::string &paths, std::string *db_path) {
+    size_t cut = paths.find_last_of('/');
+    std::string base = paths.substr(cut == std::string::npos ? 0 : cut + 1);
+    size_t dot = base.find_last_of('.');
+    std::string dir = bench_folder() + "/data";
+    *db_path = dir + "/" + (dot == std::string::npos ? base : base.substr(0, dot)) + ".peer.plocate.db";
+    std::string cmd = "mkdir -p '" + dir + "' && { test '" + *db_path + "' -nt '" + paths +
+                      "' || plocate-build -l no -p '" + paths + "' '" + *db_path + "' 2>/dev/null; }";
+    return system(cmd.c_str()) == 0;
+}

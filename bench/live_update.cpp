@@ -50,22 +50,6 @@ static db_t *build_index(const std::string &corpus, const std::string &extra) {
     return db;
 }
 
-// A generated list of 20,000 paths in a few hundred folders, for a smoke run.
-static void smoke_lists(std::string *swl, std::string *paths) {
-    *swl = "/tmp/bench_live_update_smoke.swl", *paths = "/tmp/bench_live_update_smoke.paths";
-    FILE *a = fopen(swl->c_str(), "wb"), *b = fopen(paths->c_str(), "wb");
-    fprintf(a, "Filename,Size,Date Modified,Date Created,Attributes\n");
-    static const char *parts[] = {"usr", "share", "doc", "lib", "copyright", "libc.so", "liba.a", "README"};
-    for (int i = 0; i < 20000; i++) {
-        char line[256];
-        snprintf(line, sizeof line, "/%s/%s/%s%d/%s%d", parts[i % 3], parts[(i / 3) % 4], parts[(i / 7) % 8],
-                 i % 97, parts[3 + i % 5], i);
-        fprintf(a, "\"%s\",,,,\n", line);
-        fprintf(b, "%s\n", line);
-    }
-    fclose(a), fclose(b);
-}
-
 struct row_t {
     std::string structure, what;
     uint32_t changes;
@@ -207,7 +191,7 @@ int main(int argc, char **argv) {
     }
     bench_start_up("");
     if (o.smoke) {
-        smoke_lists(&o.corpus, &o.paths);
+        bench_smoke_lists("bench_live_update_smoke", &o.corpus, &o.paths);
         o.changes = 2000;
     }
     if (o.corpus.empty())

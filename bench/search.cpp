@@ -130,36 +130,6 @@ static bool peer_time(const std::string &db_path, const std::string &args, int r
     return true;
 }
 
-// A generated list of 20,000 paths for a smoke run.
-static void smoke_lists(std::string *swl, std::string *paths) {
-    *swl = "/tmp/bench_search_smoke.swl", *paths = "/tmp/bench_search_smoke.paths";
-    FILE *a = fopen(swl->c_str(), "wb"), *b = fopen(paths->c_str(), "wb");
-    fprintf(a, "Filename,Size,Date Modified,Date Created,Attributes\n");
-    static const char *parts[] = {"usr", "share", "doc", "lib", "copyright", "libc.so", "liba.a", "README"};
-    for (int i = 0; i < 20000; i++) {
-        char line[256];
-        snprintf(line, sizeof line, "/%s/%s/%s%d/%s", parts[i % 3], parts[(i / 3) % 4], parts[(i / 7) % 8],
-                 i % 97, parts[3 + i % 5]);
-        fprintf(a, "\"%s%d\",,,,\n", line, i);
-        fprintf(b, "%s%d\n", line, i);
-    }
-    fclose(a), fclose(b);
-}
-
-// The peer's database from the same list, in the benchmarks' data folder, made again only when the list
-// is newer. Built with visibility checks off: plocate would otherwise report only the paths that exist on
-// this machine, and answer a smaller question than the index does.
-static bool peer_database(const std::string &paths, std::string *db_path) {
-    size_t cut = paths.find_last_of('/');
-    std::string base = paths.substr(cut == std::string::npos ? 0 : cut + 1);
-    size_t dot = base.find_last_of('.');
-    std::string dir = bench_folder() + "/data";
-    *db_path = dir + "/" + (dot == std::string::npos ? base : base.substr(0, dot)) + ".peer.plocate.db";
-    std::string cmd = "mkdir -p '" + dir + "' && { test '" + *db_path + "' -nt '" + paths +
-                      "' || plocate-build -l no -p '" + paths + "' '" + *db_path + "' 2>/dev/null; }";
-    return system(cmd.c_str()) == 0;
-}
-
 // What a row is held to: each target that applies gets "met" or "not met" in the last column.
 enum : uint32_t {
     TARGET_PLAIN = 1,   // at most 25 ms with 2 threads
@@ -215,7 +185,7 @@ int main(int argc, char **argv) {
     }
     bench_start_up("");
     if (o.smoke) {
-        smoke_lists(&o.corpus, &o.paths);
+        bench_smoke_lists("bench_search_smoke", &o.corpus, &o.paths);
         o.runs = 3;
     }
     if (o.corpus.empty())
@@ -227,7 +197,7 @@ int main(int argc, char **argv) {
     if (!db->files.count)
         return 1;
     std::string peer_db;
-    bool peer = o.peer && peer_database(o.paths, &peer_db);
+    bool peer = o.peer && bench_peer_database(o.paths, &peer_db);
     auto wanted = [&o](const std::string &label) {
         return o.only.empty() || label.find(o.only) != std::string::npos;
     };

@@ -205,27 +205,10 @@ figures_t peer_run(const std::string &db_path, int runners, double seconds) {
 // A generated list of 20,000 paths for a smoke run, with the same words in it.
 void smoke_lists(std::string *swl, std::string *paths) {
     *swl = "/tmp/bench_stp_load_smoke.swl", *paths = "/tmp/bench_stp_load_smoke.paths";
-    FILE *a = fopen(swl->c_str(), "wb"), *b = fopen(paths->c_str(), "wb");
-    fprintf(a, "Filename,Size,Date Modified,Date Created,Attributes\n");
-    for (int i = 0; i < 20000; i++) {
-        char line[256];
-        snprintf(line, sizeof line, "/usr/%s/%s%d/%s%d", words[i % word_count], words[(i / 7) % word_count],
-                 i % 97, words[(i / 3) % word_count], i);
-        fprintf(a, "\"%s\",,,,\n", line);
-        fprintf(b, "%s\n", line);
-    }
-    fclose(a), fclose(b);
-}
-
-bool peer_database(const std::string &paths, std::string *db_path) {
-    size_t cut = paths.find_last_of('/');
-    std::string base = paths.substr(cut == std::string::npos ? 0 : cut + 1);
-    size_t dot = base.find_last_of('.');
-    std::string dir = bench_folder() + "/data";
-    *db_path = dir + "/" + (dot == std::string::npos ? base : base.substr(0, dot)) + ".peer.plocate.db";
-    std::string cmd = "mkdir -p '" + dir + "' && { test '" + *db_path + "' -nt '" + paths +
-                      "' || plocate-build -l no -p '" + paths + "' '" + *db_path + "' 2>/dev/null; }";
-    return system(cmd.c_str()) == 0;
+    bench_write_lists(*swl, *paths, 20000, [](int i, char *line, size_t size) {
+        snprintf(line, size, "/usr/%s/%s%d/%s%d", words[i % word_count], words[(i / 7) % word_count], i % 97,
+                 words[(i / 3) % word_count], i);
+    });
 }
 
 } // namespace
@@ -323,7 +306,7 @@ int main(int argc, char **argv) {
     printf("%-34s %10d %12.1f %10.2f %10.2f %9d\n", "STP server (this process)", ours.searches,
            ours.per_second, ours.median, ours.p99, ours.failures);
     std::string peer_db = o.peer_db;
-    if (o.peer && (!peer_db.empty() || peer_database(o.paths, &peer_db))) {
+    if (o.peer && (!peer_db.empty() || bench_peer_database(o.paths, &peer_db))) {
         figures_t p = peer_run(peer_db, o.clients, o.seconds);
         printf("%-34s %10d %12.1f %10.2f %10.2f %9d\n", "plocate -c, one process per search", p.searches,
                p.per_second, p.median, p.p99, p.failures);

@@ -1,6 +1,7 @@
 // The settings that sit beside the key table: columns, fonts, the colour states and key bindings, and
 // their defaults.
 #include "config/config_internal.h"
+#include "text/text.h"
 
 config_column_t config_columns[CONFIG_COLUMN_COUNT];
 config_font_t config_fonts[CONFIG_FONT_COUNT];
@@ -59,19 +60,6 @@ static const char *const _color_names[CONFIG_COLOR_COUNT] = {
 
 // ---- colours -------------------------------------------------------------------------------------------
 
-static int _hex_digit(char c) {
-    if (c >= '0' && c <= '9') {
-        return c - '0';
-    }
-    if (c >= 'a' && c <= 'f') {
-        return c - 'a' + 10;
-    }
-    if (c >= 'A' && c <= 'F') {
-        return c - 'A' + 10;
-    }
-    return -1;
-}
-
 bool config_parse_color(const char *value, uint32_t *out) {
     const char *p = value[0] == '#' ? value + 1 : value;
     int n = (int) strlen(p);
@@ -80,7 +68,7 @@ bool config_parse_color(const char *value, uint32_t *out) {
     }
     uint32_t v = 0;
     for (int i = 0; i < n; i++) {
-        int d = _hex_digit(p[i]);
+        int d = text_hex_digit(p[i]);
         if (d < 0) {
             return false;
         }

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "http/http_internal.h"
+#include "text/text.h"
 
 static const char _replacement[] = "\xEF\xBF\xBD"; // U+FFFD
 
@@ -142,17 +143,10 @@ void http_cat_url(str_t *out, const char *text, size_t n, bool encode_slash, boo
     _cat_escaped(out, text, n, escape);
 }
 
+// Percent-decoding reads a byte that is no hexadecimal digit as 0.
 static int _hex_value(char c) {
-    if (c >= '0' && c <= '9') {
-        return c - '0';
-    }
-    if (c >= 'a' && c <= 'f') {
-        return c - 'a' + 10;
-    }
-    if (c >= 'A' && c <= 'F') {
-        return c - 'A' + 10;
-    }
-    return 0;
+    int d = text_hex_digit(c);
+    return d < 0 ? 0 : d;
 }
 
 size_t http_percent_decode(char *text, bool plus_blank) {

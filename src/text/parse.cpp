@@ -77,6 +77,19 @@ uint64_t text_parse_digits(const char **cursor, int max) {
     return v;
 }
 
+int text_hex_digit(char c) {
+    if (_is_digit(c)) {
+        return c - '0';
+    }
+    if (c >= 'a' && c <= 'f') {
+        return c - 'a' + 10;
+    }
+    if (c >= 'A' && c <= 'F') {
+        return c - 'A' + 10;
+    }
+    return -1;
+}
+
 int text_parse_int(const char *text) {
     bool negative = false;
     if (*text == '-') {
@@ -85,19 +98,8 @@ int text_parse_int(const char *text) {
     }
     uint32_t v = 0;
     if (text[0] == '0' && (text[1] == 'x' || text[1] == 'X')) {
-        for (text += 2;; text++) {
-            char c = *text;
-            uint32_t d;
-            if (_is_digit(c)) {
-                d = (uint32_t) (c - '0');
-            } else if (c >= 'a' && c <= 'f') {
-                d = (uint32_t) (c - 'a' + 10);
-            } else if (c >= 'A' && c <= 'F') {
-                d = (uint32_t) (c - 'A' + 10);
-            } else {
-                break;
-            }
-            v = v * 16 + d;
+        for (text += 2; text_hex_digit(*text) >= 0; text++) {
+            v = v * 16 + (uint32_t) text_hex_digit(*text);
         }
     } else {
         for (; _is_digit(*text); text++) {

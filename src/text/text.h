@@ -247,6 +247,8 @@ const char *text_skip_space(const char *text);
 uint64_t text_parse_u64_commas(const char **cursor);
 // Up to max decimal digits; 0 and the cursor unmoved when there is no digit.
 uint64_t text_parse_digits(const char **cursor, int max);
+// The value of a hexadecimal digit of either case, or -1 for any other byte.
+int text_hex_digit(char c);
 // Optional '-', then "0x"/"0X" hexadecimal or decimal; wraps silently in 32 bits. Stops at the first byte
 // that is not a digit.
 int text_parse_int(const char *text);

@@ -145,11 +145,7 @@ static uint64_t _cl_parse_u64(const char *s) {
     uint64_t v = 0;
     if (s[0] == '0' && (s[1] == 'x' || s[1] == 'X')) {
         for (s += 2;; s++) {
-            char c = *s;
-            int d = (c >= '0' && c <= '9')   ? c - '0'
-                    : (c >= 'a' && c <= 'f') ? c - 'a' + 10
-                    : (c >= 'A' && c <= 'F') ? c - 'A' + 10
-                                             : -1;
+            int d = text_hex_digit(*s);
             if (d < 0) {
                 break;
             }

@@ -4,18 +4,11 @@
 
 #include "mem/mem.h"
 #include "os/os.h"
+#include "text/text.h"
 
 #include <cstring>
 
 // ---- -url ----------------------------------------------------------------------------------------------
-
-static int _cl_hex(char c) {
-    if (c >= '0' && c <= '9') {
-        return c - '0';
-    }
-    c = cl_ascii_lower(c);
-    return (c >= 'a' && c <= 'f') ? c - 'a' + 10 : -1;
-}
 
 void cl_url_decode(str_t *out, const char *url) {
     str_clear(out);
@@ -40,8 +33,8 @@ void cl_url_decode(str_t *out, const char *url) {
         if (i == slash) {
             continue;
         }
-        if (p[i] == '%' && i + 2 < n && _cl_hex(p[i + 1]) >= 0 && _cl_hex(p[i + 2]) >= 0) {
-            str_cat_char(out, (char) (_cl_hex(p[i + 1]) * 16 + _cl_hex(p[i + 2])));
+        if (p[i] == '%' && i + 2 < n && text_hex_digit(p[i + 1]) >= 0 && text_hex_digit(p[i + 2]) >= 0) {
+            str_cat_char(out, (char) (text_hex_digit(p[i + 1]) * 16 + text_hex_digit(p[i + 2])));
             i += 2;
             continue;
         }

@@ -6,6 +6,7 @@
 
 #include "config/config.h"
 #include "mem/mem.h"
+#include "text/text.h"
 
 static inline char _ini_fold(char c) {
     return (c >= 'A' && c <= 'Z') ? (char) (c + 32) : c;
@@ -36,17 +37,11 @@ int32_t config_parse_number(const char *text) {
     if (p[0] == '0' && (p[1] == 'x' || p[1] == 'X')) {
         p += 2;
         for (;; p++) {
-            uint32_t digit;
-            if (*p >= '0' && *p <= '9') {
-                digit = (uint32_t) (*p - '0');
-            } else if (*p >= 'a' && *p <= 'f') {
-                digit = (uint32_t) (*p - 'a' + 10);
-            } else if (*p >= 'A' && *p <= 'F') {
-                digit = (uint32_t) (*p - 'A' + 10);
-            } else {
+            int digit = text_hex_digit(*p);
+            if (digit < 0) {
                 break;
             }
-            value = value * 16 + digit;
+            value = value * 16 + (uint32_t) digit;
         }
     } else {
         for (; *p >= '0' && *p <= '9'; p++) {

@@ -10,6 +10,7 @@
 #include "debug/debug.h"
 #include "mem/mem.h"
 #include "os/os_shell.h"
+#include "text/text.h"
 
 void db_type_text_fixed(const char *name, uint32_t len, bool folder, str_t *out) {
     if (folder) {
@@ -628,10 +629,7 @@ static void _frn_parse(const char *arg, uint64_t *low, uint64_t *high) {
     *low = *high = 0;
     for (;; arg++) {
         char c = *arg;
-        int v = c >= '0' && c <= '9'   ? c - '0'
-                : c >= 'a' && c <= 'f' ? c - 'a' + 10
-                : c >= 'A' && c <= 'F' ? c - 'A' + 10
-                                       : -1;
+        int v = text_hex_digit(c);
         if (v < 0) {
             break;
         }

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "db_query/query_internal.h"
+#include "text/text.h"
 
 // Function names that take no argument: the term is exactly the keyword, and what follows starts a new
 // operand.
@@ -76,10 +77,7 @@ static size_t _numeric_escape(const char *p, char *buf, int *buf_len) {
         q++;
         for (;; q++, digits++) {
             char c = *q;
-            int v = c >= '0' && c <= '9'   ? c - '0'
-                    : c >= 'a' && c <= 'f' ? c - 'a' + 10
-                    : c >= 'A' && c <= 'F' ? c - 'A' + 10
-                                           : -1;
+            int v = text_hex_digit(c);
             if (v < 0) {
                 break;
             }

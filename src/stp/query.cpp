@@ -9,6 +9,7 @@
 #include "mem/mem.h"
 #include "net/net.h"
 #include "stp/stp_internal.h"
+#include "text/text.h"
 
 static void _stp_text(stp_session_t *s, const char *text) {
     _stp_send(s, text, (uint32_t) strlen(text));
@@ -32,10 +33,7 @@ static uint32_t _stp_number(const char *p) {
     uint32_t v = 0;
     if (p[0] == '0' && (p[1] == 'x' || p[1] == 'X')) {
         for (p += 2;; p++) {
-            int d = *p >= '0' && *p <= '9'   ? *p - '0'
-                    : *p >= 'a' && *p <= 'f' ? *p - 'a' + 10
-                    : *p >= 'A' && *p <= 'F' ? *p - 'A' + 10
-                                             : -1;
+            int d = text_hex_digit(*p);
             if (d < 0) {
                 return v;
             }

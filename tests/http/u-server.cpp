@@ -3,11 +3,14 @@
 // peer takes them, and the page bar and title that every page carries.
 #include <gtest/gtest.h>
 
+#include <cctype>
+#include <cstdio>
+#include <cstring>
 #include <string>
 #include <vector>
 
 #include "config/config_vars.h"
-#include "db_query/exec_reference.h"
+#include "db_query/exec_table.h"
 #include "http/http.h"
 #include "http/page.h"
 #include "main/main.h"
@@ -66,7 +69,7 @@ struct ServerTest : ::testing::Test {
     static ref_index_t idx;
     static void SetUpTestSuite() {
         event_init();
-        idx.build(3000, 17);
+        idx.build(5000, 7);
     }
     static void TearDownTestSuite() { idx.destroy(); }
 
@@ -306,6 +309,249 @@ TEST(HttpPage, TitleFormats) {
         EXPECT_STREQ(out.ptr, c.title) << c.format;
         str_kill(&out);
     }
+}
+
+// ---- the JSON answers against the in-process search ------------------------------------------------------
+
+// A strict reader of the answers' JSON: any text that isn't one whole JSON value fails the read. Strings
+// come back decoded (escapes and surrogate pairs to UTF-8), so that names compare with the index's bytes.
+struct json_reader_t {
+    const std::string &s;
+    size_t at = 0;
+    bool ok = true;
+
+    void space() {
+        while (at < s.size() && (s[at] == ' ' || s[at] == '\t' || s[at] == '\r' || s[at] == '\n')) {
+            at++;
+        }
+    }
+    bool take(char c) {
+        space();
+        if (at < s.size() && s[at] == c) {
+            at++;
+            return true;
+        }
+        return false;
+    }
+    uint32_t hex4() {
+        uint32_t v = 0;
+        for (int i = 0; i < 4; i++, at++) {
+            int d = at < s.size() ? text_hex_digit(s[at]) : -1;
+            ok = ok && d >= 0;
+            v = v * 16 + (uint32_t) (d < 0 ? 0 : d);
+        }
+        return v;
+    }
+    std::string string() {
+        std::string out;
+        ok = ok && take('"');
+        while (ok && at < s.size() && s[at] != '"') {
+            unsigned char c = (unsigned char) s[at++];
+            ok = c >= 0x20;
+            if (c != '\\') {
+                out += (char) c;
+                continue;
+            }
+            char e = at < s.size() ? s[at++] : 0;
+            static const char plain[] = "\"\\/bfnrt", meant[] = "\"\\/\b\f\n\r\t";
+            const char *k = e ? strchr(plain, e) : nullptr;
+            if (k) {
+                out += meant[k - plain];
+            } else if (e == 'u') {
+                uint32_t cp = hex4();
+                if (cp >= 0xD800 && cp < 0xDC00 && s.compare(at, 2, "\\u") == 0) {
+                    at += 2;
+                    cp = 0x10000 + ((cp - 0xD800) << 10) + (hex4() - 0xDC00);
+                }
+                char buf[4];
+                out.append(buf, (size_t) text_encode(cp, buf));
+            } else {
+                ok = false;
+            }
+        }
+        ok = ok && at < s.size();
+        at++;
+        return out;
+    }
+    uint64_t number() {
+        space();
+        size_t start = at;
+        uint64_t v = 0;
+        while (at < s.size() && s[at] >= '0' && s[at] <= '9') {
+            v = v * 10 + (uint64_t) (s[at++] - '0');
+        }
+        ok = ok && at > start;
+        return v;
+    }
+};
+
+struct json_row_t {
+    std::string type, name, path;
+};
+
+// The answer's body read as {"totalResults":N,"results":[{"type":..,"name":..,"path":..},...]}; false when
+// it is anything else.
+bool json_answer(const std::string &body, uint64_t *total, std::vector<json_row_t> *rows) {
+    json_reader_t r{body};
+    r.ok = r.take('{') && r.string() == "totalResults" && r.take(':');
+    *total = r.number();
+    r.ok = r.ok && r.take(',') && r.string() == "results" && r.take(':') && r.take('[');
+    rows->clear();
+    if (r.ok && !r.take(']')) {
+        do {
+            json_row_t row;
+            r.ok = r.ok && r.take('{');
+            while (r.ok) {
+                std::string key = r.string();
+                r.ok = r.ok && r.take(':');
+                std::string value = r.string();
+                (key == "type"   ? row.type
+                 : key == "name" ? row.name
+                 : key == "path" ? row.path
+                                 : key) = value;
+                if (!r.take(',')) {
+                    break;
+                }
+            }
+            r.ok = r.ok && r.take('}');
+            rows->push_back(row);
+        } while (r.ok && r.take(','));
+        r.ok = r.ok && r.take(']');
+    }
+    r.ok = r.ok && r.take('}');
+    r.space();
+    return r.ok && r.at == body.size();
+}
+
+std::string percent_encoded(const std::string &text) {
+    std::string out;
+    for (unsigned char c : text) {
+        if (isalnum(c) || c == '-' || c == '_' || c == '.' || c == '~') {
+            out += (char) c;
+        } else if (c == ' ') {
+            out += '+';
+        } else {
+            char buf[4];
+            snprintf(buf, sizeof buf, "%%%02X", c);
+            out += buf;
+        }
+    }
+    return out;
+}
+
+// Every row of the execution table through the JSON form: in name order and in a column order that turns
+// with the row, whole and as a page, and once more with one more flag on. Each answer must be valid JSON
+// whose count, kinds, names and paths are the in-process search's, record by record.
+TEST_F(ServerTest, EveryRowOfTheTableAgreesAsJson) {
+    static const struct {
+        const char *column;
+        int ascending, sort;
+    } sorts[] = {{"name", 1, DB_SORT_NAME},
+                 {"name", 0, DB_SORT_NAME + 1},
+                 {"path", 1, DB_SORT_PATH},
+                 {"path", 0, DB_SORT_PATH + 1},
+                 {"size", 1, DB_SORT_SIZE},
+                 {"size", 0, DB_SORT_SIZE + 1},
+                 {"date_modified", 1, DB_SORT_DATE_MODIFIED},
+                 {"date_modified", 0, DB_SORT_DATE_MODIFIED + 1}};
+    static const struct {
+        uint32_t bit;
+        const char *name;
+    } flags[] = {{SEARCH_CASE, "case"},
+                 {SEARCH_WHOLEWORD, "wholeword"},
+                 {SEARCH_PATH, "path"},
+                 {SEARCH_DIACRITICS, "diacritics"},
+                 {SEARCH_REGEX, "regex"}};
+    const size_t n_sorts = sizeof sorts / sizeof *sorts;
+    std::vector<exec_case_t> table = exec_table();
+    size_t nonempty = 0;
+    for (size_t i = 0; i < table.size(); i++) {
+        const exec_case_t &c = table[i];
+        const auto &turn = sorts[i % n_sorts], &other = sorts[(i * 3 + 5) % n_sorts];
+        struct {
+            uint32_t bits;
+            const decltype(sorts[0]) &sort;
+            uint32_t offset, count;
+        } runs[] = {
+            {c.bits, sorts[0], 0, UINT32_MAX},
+            {c.bits, turn, 0, UINT32_MAX},
+            {c.bits, turn, (uint32_t) (i % 11), 7},
+            {c.bits | flags[i % 5].bit, other, 0, UINT32_MAX},
+        };
+        for (auto &r : runs) {
+            std::string target = "/?json=1&path_column=1&s=" + percent_encoded(c.search) +
+                                 "&sort=" + r.sort.column + "&ascending=" + std::to_string(r.sort.ascending);
+            for (auto &f : flags) {
+                target += std::string("&") + f.name + ((r.bits & f.bit) ? "=1" : "=0");
+            }
+            if (r.count != UINT32_MAX) {
+                target += "&offset=" + std::to_string(r.offset) + "&count=" + std::to_string(r.count);
+            }
+            SCOPED_TRACE(c.search + " : " + target);
+            Peer *p = request(target);
+            settle();
+            ASSERT_TRUE(p->ended);
+            size_t head = p->sent.find("\r\n\r\n");
+            ASSERT_EQ(p->sent.rfind("HTTP/1.0 200 OK\r\n", 0), 0u);
+            ASSERT_NE(p->sent.find("Content-Type: application/json\r\n"), std::string::npos);
+            uint64_t total;
+            std::vector<json_row_t> rows;
+            ASSERT_TRUE(json_answer(p->sent.substr(head + 4), &total, &rows));
+            http_connection_close(p->c);
+
+            db_query_t *q = db_query_create(idx.db, false, nullptr, nullptr);
+            exec_run(q, c.search.c_str(), r.sort.sort, r.bits);
+            std::vector<db_ref_t> all = exec_results(q);
+            db_destroy_query(q);
+            ASSERT_EQ(total, all.size());
+            std::vector<db_ref_t> window;
+            for (uint64_t k = r.offset; k < all.size() && k < (uint64_t) r.offset + r.count; k++) {
+                window.push_back(all[k]);
+            }
+            ASSERT_EQ(rows.size(), window.size());
+            for (size_t k = 0; k < rows.size(); k++) {
+                const ref_record_t &x = idx.recs[idx.at[window[k]]];
+                ASSERT_EQ(rows[k].type, x.folder ? "folder" : "file") << k;
+                ASSERT_EQ(rows[k].name, x.name) << k;
+                ASSERT_EQ(rows[k].path, x.parent ? idx.recs[idx.at[x.parent]].path : std::string()) << k;
+            }
+            nonempty += !rows.empty();
+        }
+    }
+    EXPECT_GT(nonempty, table.size() * 2);
+}
+
+TEST(HttpJson, ReaderRefusesWhatIsNotTheAnswer) {
+    struct Case {
+        const char *body;
+        bool ok;
+        size_t rows;
+    } cases[] = {
+        {"{\"totalResults\":0,\"results\":[]}", true, 0},
+        {"{\r\n\t\"totalResults\":2,\r\n\t\"results\":[{\"type\":\"file\",\"name\":"
+         "\"a\\u00e9\\ud83d\\ude00\"},"
+         "{\"name\":\"\\\"<&\\n\"}]\r\n}\r\n",
+         true, 2},
+        {"{\"totalResults\":1,\"results\":[{\"name\":\"a\"},]}", false, 0},
+        {"{\"totalResults\":1,\"results\":[{\"name\":\"a\tb\"}]}", false, 0},
+        {"{\"totalResults\":1,\"results\":[{\"name\":\"\\x41\"}]}", false, 0},
+        {"{\"totalResults\":1,\"results\":[{\"name\":\"a\"}]} x", false, 0},
+        {"{\"totalResults\":,\"results\":[]}", false, 0},
+        {"{\"totalResults\":1,\"results\":[{\"name\":\"a", false, 0},
+    };
+    for (const Case &c : cases) {
+        uint64_t total = 0;
+        std::vector<json_row_t> rows;
+        EXPECT_EQ(json_answer(c.body, &total, &rows), c.ok) << c.body;
+        if (c.ok) {
+            EXPECT_EQ(rows.size(), c.rows);
+        }
+    }
+    uint64_t total;
+    std::vector<json_row_t> rows;
+    ASSERT_TRUE(json_answer("{\"totalResults\":1,\"results\":[{\"name\":\"\\u00e9\\ud83d\\ude00\\/\"}]}",
+                            &total, &rows));
+    EXPECT_EQ(rows[0].name, "\xC3\xA9\xF0\x9F\x98\x80/");
 }
 
 } // namespace

@@ -2,12 +2,15 @@
 // connection's send queue. Paths, the welcome text and LIST's argument are tables.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <vector>
 
 #include "config/config.h"
+#include "db_query/exec_table.h"
 #include "debug/debug.h"
+#include "main/main.h"
 #include "mem/mem.h"
 #include "net/net.h"
 #include "os/os.h"
@@ -337,6 +340,175 @@ TEST_F(session_fixture, NulAndInvalidUtf8AreJustBytes) {
     EXPECT_EQ(say(line), "550 Directory not found.\r\n");
     EXPECT_EQ(say("SABLEWATCH search \xff\xfe\xc0"), "200 Search set to (\xff\xfe\xc0).\r\n");
     EXPECT_EQ(say("\xff\xff"), "500 Syntax error, command unrecognized.\r\n");
+}
+
+// ---- SABLEWATCH against the in-process search ------------------------------------------------------------
+
+// Every row of the execution table goes through the verb on the reference index: under name order and
+// under a sort that turns with the row, whole and as a page, and once more with one more flag on. The
+// count, the kinds, the path column and the names must be the in-process search's, record by record,
+// and each answer is computed anew or re-used exactly as the session decides.
+struct StpAgreeTest : session_fixture {
+    static ref_index_t idx;
+    static void SetUpTestSuite() {
+        event_init();
+        idx.build(5000, 7);
+    }
+    static void TearDownTestSuite() { idx.destroy(); }
+    db_t *saved_db = nullptr;
+
+    void SetUp() override {
+        session_fixture::SetUp();
+        saved_db = db;
+        db = idx.db;
+        login();
+        ASSERT_EQ(say("SABLEWATCH path_column 1"), "200 Path column set to (1).\r\n");
+    }
+    void TearDown() override {
+        session_fixture::TearDown();
+        db = saved_db;
+    }
+
+    // The whole answer to "SABLEWATCH query": the search runs on the index's job thread and its end
+    // arrives as an event; a stream that fills the send queue goes on as the queue is emptied.
+    std::string query() {
+        std::string out = say("SABLEWATCH query");
+        for (int round = 0; round < 100000 && !ends_with(out, "200 End.\r\n"); round++) {
+            db_wait(idx.db, "test");
+            event_dispatch();
+            stp_session_writable(&conn);
+            out += replies();
+        }
+        return out;
+    }
+    // Empty when the answers are equal, else the first line where they part and the line counts, so
+    // that a failure names its row instead of printing two whole answers.
+    static std::string difference(const std::string &got, const std::string &want) {
+        if (got == want) {
+            return "";
+        }
+        size_t at = 0, line = 1;
+        while (at < got.size() && at < want.size() && got[at] == want[at]) {
+            line += got[at++] == '\n';
+        }
+        auto line_at = [](const std::string &s, size_t from) {
+            size_t start = s.rfind('\n', from ? from - 1 : 0);
+            start = start == std::string::npos || from == 0 ? 0 : start + 1;
+            return s.substr(start, s.find('\r', start) - start);
+        };
+        return "line " + std::to_string(line) + ": got \"" + line_at(got, at) + "\" want \"" +
+               line_at(want, at) + "\" (" + std::to_string(std::count(got.begin(), got.end(), '\n')) +
+               " and " + std::to_string(std::count(want.begin(), want.end(), '\n')) + " lines)";
+    }
+    static bool ends_with(const std::string &s, const std::string &end) {
+        return s.size() >= end.size() && s.compare(s.size() - end.size(), end.size(), end) == 0;
+    }
+
+    // The answer the verb must give, from an in-process query and the reference's own paths.
+    std::string expected(const exec_case_t &c, uint32_t bits, int sort, uint32_t offset, uint32_t count) {
+        db_query_t *q = db_query_create(idx.db, false, nullptr, nullptr);
+        exec_run(q, c.search.c_str(), sort, bits);
+        std::vector<db_ref_t> all = exec_results(q);
+        db_destroy_query(q);
+        std::string out = "200-Query results\r\n RESULT_COUNT " + std::to_string(all.size()) + "\r\n";
+        for (uint64_t i = offset; i < all.size() && i < (uint64_t) offset + count; i++) {
+            const ref_record_t &r = idx.recs[idx.at[all[i]]];
+            out += " PATH " + (r.parent ? idx.recs[idx.at[r.parent]].path : std::string()) + "\r\n";
+            out += std::string(r.folder ? " FOLDER " : " FILE ") + r.name + "\r\n";
+        }
+        return out + "200 End.\r\n";
+    }
+
+    void flags(uint32_t bits) {
+        static const struct {
+            uint32_t bit;
+            const char *keyword;
+        } names[] = {{SEARCH_CASE, "case"},
+                     {SEARCH_WHOLEWORD, "whole_word"},
+                     {SEARCH_PATH, "path"},
+                     {SEARCH_DIACRITICS, "diacritics"},
+                     {SEARCH_REGEX, "regex"}};
+        for (auto &n : names) {
+            say(std::string("SABLEWATCH ") + n.keyword + ((bits & n.bit) ? " 1" : " 0"));
+        }
+    }
+};
+ref_index_t StpAgreeTest::idx;
+
+TEST_F(StpAgreeTest, EveryRowOfTheTableAgreesUnderSortsPagesAndFlags) {
+    static const struct {
+        const char *name;
+        int sort;
+    } sorts[] = {{"name_ascending", 0},
+                 {"name_descending", 1},
+                 {"path_ascending", 2},
+                 {"path_descending", 3},
+                 {"size_ascending", 4},
+                 {"size_descending", 5},
+                 {"extension_ascending", 6},
+                 {"extension_descending", 7},
+                 {"date_created_ascending", 10},
+                 {"date_created_descending", 11},
+                 {"date_modified_ascending", 12},
+                 {"date_modified_descending", 13},
+                 {"attributes_ascending", 14},
+                 {"attributes_descending", 15},
+                 {"file_list_filename_ascending", 16},
+                 {"file_list_filename_descending", 17},
+                 {"date_recently_changed_ascending", 20},
+                 {"date_recently_changed_descending", 21}};
+    static const uint32_t extra[] = {SEARCH_CASE, SEARCH_WHOLEWORD, SEARCH_DIACRITICS, SEARCH_PATH,
+                                     SEARCH_REGEX};
+    const size_t n_sorts = sizeof sorts / sizeof *sorts;
+    std::vector<exec_case_t> table = exec_table();
+    size_t nonempty = 0;
+    for (size_t i = 0; i < table.size(); i++) {
+        const exec_case_t &c = table[i];
+        const auto &turn = sorts[i % n_sorts];
+        struct {
+            uint32_t bits;
+            const char *sort_name;
+            int sort;
+            uint32_t offset, count;
+        } runs[] = {
+            {c.bits, "name_ascending", 0, 0, UINT32_MAX},
+            // The same search in another order: the session sorts what it has.
+            {c.bits, turn.name, turn.sort, 0, UINT32_MAX},
+            // A page of it: no new search at all.
+            {c.bits, turn.name, turn.sort, (uint32_t) (i % 11), 7},
+            {c.bits | extra[i % 5], sorts[(i * 7 + 3) % n_sorts].name, sorts[(i * 7 + 3) % n_sorts].sort, 0,
+             UINT32_MAX},
+        };
+        ASSERT_EQ(say("SABLEWATCH search " + c.search), "200 Search set to (" + c.search + ").\r\n");
+        for (auto &r : runs) {
+            SCOPED_TRACE(c.search + " bits " + std::to_string(r.bits) + " " + r.sort_name + " offset " +
+                         std::to_string(r.offset));
+            flags(r.bits);
+            say(std::string("SABLEWATCH sort ") + r.sort_name);
+            say("SABLEWATCH offset " + std::to_string(r.offset));
+            say("SABLEWATCH count " + std::to_string(r.count));
+            std::string want = expected(c, r.bits, r.sort, r.offset, r.count);
+            ASSERT_EQ(difference(query(), want), "");
+            nonempty += want.find(" FILE ") != std::string::npos;
+        }
+    }
+    // The table is no table of empty answers.
+    EXPECT_GT(nonempty, table.size() * 2);
+}
+
+TEST_F(StpAgreeTest, HiddenEmptySearchAndTheFilterNarrowTheAnswer) {
+    say("SABLEWATCH search ");
+    say("SABLEWATCH hide_empty_search_results 1");
+    EXPECT_EQ(query(), "200-Query results\r\n RESULT_COUNT 0\r\n200 End.\r\n");
+    // The filter search is a second condition on the same records.
+    say("SABLEWATCH hide_empty_search_results 0");
+    say("SABLEWATCH search readme");
+    say("SABLEWATCH filter_search ext:txt");
+    say("SABLEWATCH count 4294967295");
+    exec_case_t both = {"readme ext:txt", 0, nullptr};
+    std::string want = expected(both, 0, 0, 0, UINT32_MAX);
+    EXPECT_EQ(difference(query(), want), "");
+    EXPECT_NE(want.find(" FILE "), std::string::npos);
 }
 
 } // namespace

@@ -21,6 +21,8 @@
 #include "http/http_internal.h"
 #include "os/os.h"
 
+struct net_server_t;
+
 // The named fragments, in the order of their keys in the replacement file.
 enum http_fragment_id_t {
     HTTP_F_HEAD_BEGIN,
@@ -198,3 +200,6 @@ void http_connection_close(http_connection_t *c);
 bool http_server_apply_settings(void *parent_window);
 // Stops the server if it runs (at shutdown).
 void http_server_shutdown();
+// The socket side of the running server (its listeners and connections), or null. Owned by the server;
+// valid until the next apply or shutdown.
+net_server_t *http_server_net();

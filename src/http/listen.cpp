@@ -316,3 +316,7 @@ bool http_server_apply_settings(void *parent_window) {
 void http_server_shutdown() {
     _stop();
 }
+
+net_server_t *http_server_net() {
+    return _net;
+}

@@ -8,6 +8,7 @@
 
 #include "debug/debug.h"
 #include "mem/mem.h"
+#include "net/loopback.h"
 #include "net/net.h"
 #include "os/os.h"
 #include "os/os_main.h"
@@ -112,53 +113,6 @@ struct loop_fixture : ::testing::Test {
         net_show_error = os_net_show_error;
         os_main_loop_destroy();
     }
-    // Pumps until done() or ten seconds pass.
-    bool pump_until(const std::function<bool()> &done) {
-        uint32_t start = os_tick_ms();
-        while (!done()) {
-            if (os_tick_ms() - start > 10000) {
-                return false;
-            }
-            if (os_main_pump() == 0) {
-                os_sleep_ms(1);
-            }
-        }
-        return true;
-    }
-    static uint16_t port_of(net_server_t *s) {
-        os_net_addr_t a;
-        EXPECT_EQ(os_net_local_address(s->listen_sockets->socket, &a), 0);
-        return os_net_addr_port(&a);
-    }
-    os_socket_t connect_to(uint16_t port) {
-        os_net_addr_t a;
-        EXPECT_TRUE(os_net_addr_parse("127.0.0.1", OS_NET_INET, port, &a));
-        int error;
-        os_socket_t s = os_net_socket(OS_NET_INET, &error);
-        EXPECT_NE(s, OS_SOCKET_NONE);
-        int r = os_net_connect(s, &a, &error);
-        EXPECT_NE(r, OS_NET_ERROR) << error;
-        return s;
-    }
-    // Reads what is there now; false at end of stream or on error.
-    static bool drain(os_socket_t s, std::string *into) {
-        char buf[65536];
-        for (;;) {
-            int error;
-            int64_t r = os_net_recv(s, buf, sizeof(buf), false, &error);
-            if (r == OS_NET_WOULD_BLOCK) {
-                return true;
-            }
-            if (r <= 0) {
-                return false;
-            }
-            into->append(buf, (size_t) r);
-        }
-    }
-    static void send_all(os_socket_t s, const std::string &text) {
-        int error;
-        EXPECT_EQ(os_net_send(s, text.data(), (uint32_t) text.size(), &error), (int64_t) text.size());
-    }
 };
 
 TEST_F(loop_fixture, BindingsGiveOneListenerEachAndAFailedOneOnlyLogs) {
@@ -185,16 +139,16 @@ TEST_F(loop_fixture, BindingsGiveOneListenerEachAndAFailedOneOnlyLogs) {
 TEST_F(loop_fixture, LinesEchoAndQuitFlushesBeforeClosing) {
     net_server_t *s = net_server_start(&proto, nullptr, 0, "127.0.0.1");
     ASSERT_NE(s, nullptr);
-    os_socket_t c = connect_to(port_of(s));
+    os_socket_t c = loop_connect(loop_port_of(s));
     std::string got;
-    ASSERT_TRUE(pump_until([&] { return drain(c, &got) && got == "hi\r\n"; }));
-    send_all(c, "one\r\ntwo\nQU");
-    ASSERT_TRUE(pump_until([&] { return drain(c, &got) && got == "hi\r\none\r\ntwo\n"; })) << got;
-    send_all(c, "IT\n");
+    ASSERT_TRUE(loop_pump_until([&] { return loop_drain(c, &got) && got == "hi\r\n"; }));
+    loop_send_all(c, "one\r\ntwo\nQU");
+    ASSERT_TRUE(loop_pump_until([&] { return loop_drain(c, &got) && got == "hi\r\none\r\ntwo\n"; })) << got;
+    loop_send_all(c, "IT\n");
     bool open = true;
-    ASSERT_TRUE(pump_until([&] { return !(open = drain(c, &got)); }));
+    ASSERT_TRUE(loop_pump_until([&] { return !(open = loop_drain(c, &got)); }));
     EXPECT_EQ(got, "hi\r\none\r\ntwo\nbye\r\n");
-    ASSERT_TRUE(pump_until([&] { return closes == 1; }));
+    ASSERT_TRUE(loop_pump_until([&] { return closes == 1; }));
     EXPECT_EQ(s->connection_count, 0u);
     os_net_close(c);
     net_server_stop(s);
@@ -203,14 +157,14 @@ TEST_F(loop_fixture, LinesEchoAndQuitFlushesBeforeClosing) {
 TEST_F(loop_fixture, AClientThatStopsReadingHoldsOnlyItsCapOfQueue) {
     net_server_t *s = net_server_start(&proto, nullptr, 0, "127.0.0.1");
     ASSERT_NE(s, nullptr);
-    uint16_t port = port_of(s);
-    os_socket_t slow = connect_to(port);
-    os_socket_t other = connect_to(port);
-    ASSERT_TRUE(pump_until([&] { return s->connection_count == 2; }));
+    uint16_t port = loop_port_of(s);
+    os_socket_t slow = loop_connect(port);
+    os_socket_t other = loop_connect(port);
+    ASSERT_TRUE(loop_pump_until([&] { return s->connection_count == 2; }));
     const uint64_t total = 4u << 20;
-    send_all(slow, "FLOOD " + std::to_string(total) + "\n");
+    loop_send_all(slow, "FLOOD " + std::to_string(total) + "\n");
     net_conn_t *c = s->connections_head;
-    ASSERT_TRUE(pump_until([&] { return c->reading_paused; }));
+    ASSERT_TRUE(loop_pump_until([&] { return c->reading_paused; }));
     // The slow client reads nothing: the queue stays at its cap while the other is served.
     // (How much the socket itself takes before that differs by platform, so only the cap is checked.)
     for (int i = 0; i < 200; i++) {
@@ -218,11 +172,11 @@ TEST_F(loop_fixture, AClientThatStopsReadingHoldsOnlyItsCapOfQueue) {
     }
     EXPECT_LT(c->queued, (uint64_t) proto.send_queue_cap + 64);
     std::string got;
-    send_all(other, "ping\n");
-    ASSERT_TRUE(pump_until([&] { return drain(other, &got) && got == "hi\r\nping\n"; }));
+    loop_send_all(other, "ping\n");
+    ASSERT_TRUE(loop_pump_until([&] { return loop_drain(other, &got) && got == "hi\r\nping\n"; }));
     // Now it reads everything: all bytes arrive, in order, and the producer was resumed.
     std::string flood;
-    ASSERT_TRUE(pump_until([&] { return drain(slow, &flood) && flood.size() == total + 4; }));
+    ASSERT_TRUE(loop_pump_until([&] { return loop_drain(slow, &flood) && flood.size() == total + 4; }));
     EXPECT_GT(writable_calls, 0);
     EXPECT_LT(peak_queued, (uint64_t) proto.send_queue_cap + 64);
     EXPECT_EQ(flood.substr(4, 18), "0000000000000000\r\n");
@@ -230,28 +184,28 @@ TEST_F(loop_fixture, AClientThatStopsReadingHoldsOnlyItsCapOfQueue) {
     EXPECT_FALSE(c->reading_paused);
     os_net_close(slow);
     os_net_close(other);
-    ASSERT_TRUE(pump_until([&] { return s->connection_count == 0; }));
+    ASSERT_TRUE(loop_pump_until([&] { return s->connection_count == 0; }));
     net_server_stop(s);
 }
 
 TEST_F(loop_fixture, ConnectionsOverTheLimitAreRefusedWithTheText) {
     net_server_t *s = net_server_start(&proto, nullptr, 0, "127.0.0.1");
     ASSERT_NE(s, nullptr);
-    uint16_t port = port_of(s);
+    uint16_t port = loop_port_of(s);
     os_socket_t c[4];
     for (int i = 0; i < 3; i++) {
-        c[i] = connect_to(port);
+        c[i] = loop_connect(port);
     }
-    ASSERT_TRUE(pump_until([&] { return s->connection_count == 3; }));
-    c[3] = connect_to(port);
+    ASSERT_TRUE(loop_pump_until([&] { return s->connection_count == 3; }));
+    c[3] = loop_connect(port);
     std::string got;
-    ASSERT_TRUE(pump_until([&] { return !drain(c[3], &got); }));
+    ASSERT_TRUE(loop_pump_until([&] { return !loop_drain(c[3], &got); }));
     EXPECT_EQ(got, "busy\r\n");
     EXPECT_EQ(s->connection_count, 3u);
     for (os_socket_t x : c) {
         os_net_close(x);
     }
-    ASSERT_TRUE(pump_until([&] { return s->connection_count == 0; }));
+    ASSERT_TRUE(loop_pump_until([&] { return s->connection_count == 0; }));
     EXPECT_EQ(closes, 3);
     net_server_stop(s);
 }
@@ -260,32 +214,32 @@ TEST_F(loop_fixture, AnIdleConnectionIsEndedWithItsReplyAndABusyOneIsNot) {
     proto.idle_ms = 300;
     net_server_t *s = net_server_start(&proto, nullptr, 0, "127.0.0.1");
     ASSERT_NE(s, nullptr);
-    uint16_t port = port_of(s);
-    os_socket_t quiet = connect_to(port);
-    os_socket_t busy = connect_to(port);
+    uint16_t port = loop_port_of(s);
+    os_socket_t quiet = loop_connect(port);
+    os_socket_t busy = loop_connect(port);
     std::string got, echoed;
     // The busy client keeps talking well past the idle time; the quiet one says nothing.
     uint32_t start = os_tick_ms();
     bool quiet_open = true;
-    ASSERT_TRUE(pump_until([&] {
+    ASSERT_TRUE(loop_pump_until([&] {
         if (os_tick_ms() - start < 1500 && (os_tick_ms() - start) % 50 == 0) {
-            send_all(busy, "x\n");
+            loop_send_all(busy, "x\n");
             os_sleep_ms(1);
         }
         if (quiet_open) {
-            quiet_open = drain(quiet, &got);
+            quiet_open = loop_drain(quiet, &got);
         }
-        drain(busy, &echoed);
+        loop_drain(busy, &echoed);
         return !quiet_open && os_tick_ms() - start >= 1500;
     }));
     EXPECT_EQ(got, "hi\r\nidle\r\n");
     EXPECT_EQ(s->connection_count, 1u);
-    send_all(busy, "still\n");
-    ASSERT_TRUE(
-        pump_until([&] { return drain(busy, &echoed) && echoed.find("still\n") != std::string::npos; }));
+    loop_send_all(busy, "still\n");
+    ASSERT_TRUE(loop_pump_until(
+        [&] { return loop_drain(busy, &echoed) && echoed.find("still\n") != std::string::npos; }));
     os_net_close(quiet);
     os_net_close(busy);
-    ASSERT_TRUE(pump_until([&] { return s->connection_count == 0; }));
+    ASSERT_TRUE(loop_pump_until([&] { return s->connection_count == 0; }));
     net_server_stop(s);
 }
 
@@ -295,7 +249,7 @@ TEST_F(loop_fixture, TimersFireOnceOrPeriodically) {
         5, false, [](void *p) { ++*(int *) p; }, &once);
     os_main_timer_t *b = os_main_timer_start(
         5, true, [](void *p) { ++*(int *) p; }, &every);
-    ASSERT_TRUE(pump_until([&] { return every >= 3; }));
+    ASSERT_TRUE(loop_pump_until([&] { return every >= 3; }));
     EXPECT_EQ(once, 1);
     os_main_timer_stop(a);
     os_main_timer_stop(b);

@@ -1,5 +1,6 @@
 // The session without sockets: lines go in through the line handler, replies are read from the
-// connection's send queue. Paths, the welcome text and LIST's argument are tables.
+// connection's send queue. Paths, the welcome text and LIST's argument are tables. Last, the whole
+// execution table through the SABLEWATCH verb of a server on the loopback address.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -12,8 +13,10 @@
 #include "debug/debug.h"
 #include "main/main.h"
 #include "mem/mem.h"
+#include "net/loopback.h"
 #include "net/net.h"
 #include "os/os.h"
+#include "os/os_main.h"
 #include "stp/stp.h"
 #include "stp/stp_internal.h"
 
@@ -346,41 +349,91 @@ TEST_F(session_fixture, NulAndInvalidUtf8AreJustBytes) {
 
 // Every row of the execution table goes through the verb on the reference index: under name order and
 // under a sort that turns with the row, whole and as a page, and once more with one more flag on. The
-// count, the kinds, the path column and the names must be the in-process search's, record by record,
-// and each answer is computed anew or re-used exactly as the session decides.
-struct StpAgreeTest : session_fixture {
+// server runs on the loopback address as it does in the program, and a client in the test talks to it
+// over a socket. The count, the kinds, the path column and the names must be the in-process search's,
+// record by record, and each answer is computed anew or re-used exactly as the session decides.
+struct StpAgreeTest : ::testing::Test {
     static ref_index_t idx;
     static void SetUpTestSuite() {
         event_init();
         idx.build(5000, 7);
     }
     static void TearDownTestSuite() { idx.destroy(); }
+    static void wake() { event_dispatch(); }
+
     db_t *saved_db = nullptr;
+    char *saved_bindings = nullptr, *saved_user = nullptr, *saved_pass = nullptr;
+    int32_t saved_port = 0;
+    uint8_t saved_allow = 0;
+    char bindings[16] = "127.0.0.1", no_text[1] = "";
+    os_socket_t client = OS_SOCKET_NONE;
+    std::string pending; // read but not yet handed out
 
     void SetUp() override {
-        session_fixture::SetUp();
-        saved_db = db;
+        debug_init();
+        static const os_main_procs_t procs = {wake, nullptr, nullptr};
+        ASSERT_TRUE(os_main_loop_create("SABLEWATCH_STP_TEST", nullptr, &procs));
+        saved_db = db, saved_bindings = stp_server_bindings, saved_port = stp_server_port;
+        saved_user = stp_server_username, saved_pass = stp_server_password, saved_allow = allow_stp_server;
         db = idx.db;
-        login();
-        ASSERT_EQ(say("SABLEWATCH path_column 1"), "200 Path column set to (1).\r\n");
+        stp_server_bindings = bindings, stp_server_port = 0, allow_stp_server = 1;
+        stp_server_username = stp_server_password = no_text;
+        _stp_server_start(nullptr);
+        ASSERT_NE(stp_server, nullptr);
+        client = loop_connect(loop_port_of(stp_server));
+        ASSERT_EQ(replies(1).substr(0, 4), "220 ");
+        ASSERT_EQ(say({"USER x", "SABLEWATCH path_column 1"}),
+                  "230 Logged on.\r\n200 Path column set to (1).\r\n");
     }
     void TearDown() override {
-        session_fixture::TearDown();
-        db = saved_db;
+        if (client != OS_SOCKET_NONE) {
+            os_net_close(client);
+        }
+        if (stp_server) {
+            loop_pump_until([] { return stp_server->connection_count == 0; });
+            _stp_server_stop();
+        }
+        db = saved_db, stp_server_bindings = saved_bindings, stp_server_port = saved_port;
+        stp_server_username = saved_user, stp_server_password = saved_pass, allow_stp_server = saved_allow;
+        os_main_loop_destroy();
     }
 
-    // The whole answer to "SABLEWATCH query": the search runs on the index's job thread and its end
-    // arrives as an event; a stream that fills the send queue goes on as the queue is emptied.
-    std::string query() {
-        std::string out = say("SABLEWATCH query");
-        for (int round = 0; round < 100000 && !ends_with(out, "200 End.\r\n"); round++) {
-            db_wait(idx.db, "test");
-            event_dispatch();
-            stp_session_writable(&conn);
-            out += replies();
-        }
+    // The next n replies, each up to its final line ("NNN " at the start of a line).
+    std::string replies(size_t n) {
+        size_t end = 0;
+        auto whole = [&] {
+            size_t found = 0;
+            end = 0;
+            for (size_t at = 0; found < n;) {
+                size_t eol = pending.find("\r\n", at);
+                if (eol == std::string::npos) {
+                    return false;
+                }
+                if (eol - at >= 4 && isdigit((unsigned char) pending[at]) && pending[at + 3] == ' ') {
+                    found++;
+                }
+                at = end = eol + 2;
+            }
+            return true;
+        };
+        bool open = true;
+        EXPECT_TRUE(loop_pump_until([&] { return (open = loop_drain(client, &pending)) && whole(); }))
+            << (open ? "no whole reply in: " : "closed after: ") << pending.substr(0, 400);
+        std::string out = pending.substr(0, end);
+        pending.erase(0, end);
         return out;
     }
+    // Sends the lines in one write and returns their replies.
+    std::string say(const std::vector<std::string> &lines) {
+        std::string text;
+        for (const std::string &l : lines) {
+            text += l + "\r\n";
+        }
+        loop_send_all(client, text);
+        return replies(lines.size());
+    }
+    std::string query() { return say({"SABLEWATCH query"}); }
+
     // Empty when the answers are equal, else the first line where they part and the line counts, so
     // that a failure names its row instead of printing two whole answers.
     static std::string difference(const std::string &got, const std::string &want) {
@@ -400,9 +453,6 @@ struct StpAgreeTest : session_fixture {
                line_at(want, at) + "\" (" + std::to_string(std::count(got.begin(), got.end(), '\n')) +
                " and " + std::to_string(std::count(want.begin(), want.end(), '\n')) + " lines)";
     }
-    static bool ends_with(const std::string &s, const std::string &end) {
-        return s.size() >= end.size() && s.compare(s.size() - end.size(), end.size(), end) == 0;
-    }
 
     // The answer the verb must give, from an in-process query and the reference's own paths.
     std::string expected(const exec_case_t &c, uint32_t bits, int sort, uint32_t offset, uint32_t count) {
@@ -419,7 +469,8 @@ struct StpAgreeTest : session_fixture {
         return out + "200 End.\r\n";
     }
 
-    void flags(uint32_t bits) {
+    // The lines that set the five search flags to bits.
+    static std::vector<std::string> flags(uint32_t bits) {
         static const struct {
             uint32_t bit;
             const char *keyword;
@@ -428,9 +479,11 @@ struct StpAgreeTest : session_fixture {
                      {SEARCH_PATH, "path"},
                      {SEARCH_DIACRITICS, "diacritics"},
                      {SEARCH_REGEX, "regex"}};
+        std::vector<std::string> out;
         for (auto &n : names) {
-            say(std::string("SABLEWATCH ") + n.keyword + ((bits & n.bit) ? " 1" : " 0"));
+            out.push_back(std::string("SABLEWATCH ") + n.keyword + ((bits & n.bit) ? " 1" : " 0"));
         }
+        return out;
     }
 };
 ref_index_t StpAgreeTest::idx;
@@ -479,14 +532,17 @@ TEST_F(StpAgreeTest, EveryRowOfTheTableAgreesUnderSortsPagesAndFlags) {
             {c.bits | extra[i % 5], sorts[(i * 7 + 3) % n_sorts].name, sorts[(i * 7 + 3) % n_sorts].sort, 0,
              UINT32_MAX},
         };
-        ASSERT_EQ(say("SABLEWATCH search " + c.search), "200 Search set to (" + c.search + ").\r\n");
+        ASSERT_EQ(say({"SABLEWATCH search " + c.search}), "200 Search set to (" + c.search + ").\r\n");
         for (auto &r : runs) {
             SCOPED_TRACE(c.search + " bits " + std::to_string(r.bits) + " " + r.sort_name + " offset " +
                          std::to_string(r.offset));
-            flags(r.bits);
-            say(std::string("SABLEWATCH sort ") + r.sort_name);
-            say("SABLEWATCH offset " + std::to_string(r.offset));
-            say("SABLEWATCH count " + std::to_string(r.count));
+            std::vector<std::string> lines = flags(r.bits);
+            lines.push_back(std::string("SABLEWATCH sort ") + r.sort_name);
+            lines.push_back("SABLEWATCH offset " + std::to_string(r.offset));
+            lines.push_back("SABLEWATCH count " + std::to_string(r.count));
+            std::string set = say(lines);
+            ASSERT_EQ(std::count(set.begin(), set.end(), '\n'), (long) lines.size()) << set;
+            ASSERT_EQ(set.find("500"), std::string::npos) << set;
             std::string want = expected(c, r.bits, r.sort, r.offset, r.count);
             ASSERT_EQ(difference(query(), want), "");
             nonempty += want.find(" FILE ") != std::string::npos;
@@ -497,14 +553,11 @@ TEST_F(StpAgreeTest, EveryRowOfTheTableAgreesUnderSortsPagesAndFlags) {
 }
 
 TEST_F(StpAgreeTest, HiddenEmptySearchAndTheFilterNarrowTheAnswer) {
-    say("SABLEWATCH search ");
-    say("SABLEWATCH hide_empty_search_results 1");
+    say({"SABLEWATCH search ", "SABLEWATCH hide_empty_search_results 1"});
     EXPECT_EQ(query(), "200-Query results\r\n RESULT_COUNT 0\r\n200 End.\r\n");
     // The filter search is a second condition on the same records.
-    say("SABLEWATCH hide_empty_search_results 0");
-    say("SABLEWATCH search readme");
-    say("SABLEWATCH filter_search ext:txt");
-    say("SABLEWATCH count 4294967295");
+    say({"SABLEWATCH hide_empty_search_results 0", "SABLEWATCH search readme",
+         "SABLEWATCH filter_search ext:txt", "SABLEWATCH count 4294967295"});
     exec_case_t both = {"readme ext:txt", 0, nullptr};
     std::string want = expected(both, 0, 0, 0, UINT32_MAX);
     EXPECT_EQ(difference(query(), want), "");

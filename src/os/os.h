@@ -72,6 +72,17 @@ bool os_console_open();
 // when it is a terminal.
 void os_console_write(const char *utf8, int len, uint32_t attribute);
 
+// ---- code pages ----------------------------------------------------------------------------------------
+
+// The UTF-8 text in the system's ANSI code page, replacing out: on Windows the code page of CP_ACP; on
+// Linux the code set of the user's locale (LC_ALL, LC_CTYPE, LANG as setlocale reads them), which on most
+// systems is UTF-8 itself and then takes the bytes as they are. A character the code page lacks, and a byte
+// that isn't UTF-8, become '?'. For the old protocols whose clients can't take UTF-8.
+void os_text_to_ansi(str_t *out, const char *utf8, size_t len);
+// The same into Windows code page code_page (1252, 437 ...); Linux converts to "CP<code_page>" through the
+// C library. False, with out empty, when the system has no such code page.
+bool os_text_to_code_page(str_t *out, const char *utf8, size_t len, uint32_t code_page);
+
 // ---- files ---------------------------------------------------------------------------------------------
 
 typedef intptr_t os_file_t;

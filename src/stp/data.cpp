@@ -535,9 +535,18 @@ static void _stp_listing_each(void *context, const char *name, uint32_t len, boo
     int month = t.month >= 1 && t.month <= 12 ? t.month : 1;
     char year_text[16];
     text_format_args(year_text, "%5d", year);
+    // A client that switched UTF-8 off reads LIST's names in the system's ANSI code page.
+    str_t ansi;
+    str_init(&ansi);
+    if (!l->s->utf8) {
+        os_text_to_ansi(&ansi, name, len);
+        name = ansi.ptr;
+        len = (uint32_t) ansi.len;
+    }
     str_cat_printf(l->out, "%cr--r--r-- 1 ftp ftp %13I64u %s %02d %s %t\r\n", folder ? 'd' : '-',
                    size == DB_UNKNOWN ? (uint64_t) 0 : size, stp_months[month - 1], t.day, year_text, name,
                    (int) len);
+    str_kill(&ansi);
 }
 
 static void _stp_listing(stp_session_t *s, const char *arg, bool mlsd) {

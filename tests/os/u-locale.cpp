@@ -313,3 +313,61 @@ TEST_F(OsLocaleNamedOther, AlbanianDropsLeadingZeros) {
     EXPECT_EQ(named("sq_AL.UTF-8", OS_LOCALE_DATE_ORDER), "1");
 }
 #endif
+
+namespace {
+
+// Code pages: the same table on both systems, since both name the Windows code pages. A character the
+// page lacks and a byte that isn't UTF-8 each become one '?'.
+TEST(OsCodePage, ConversionsFromUtf8) {
+    struct Case {
+        uint32_t code_page;
+        std::string utf8, want;
+    } cases[] = {
+        {1252, "", ""},
+        {1252, "plain name.txt", "plain name.txt"},
+        {1252, "r\xC3\xA9sum\xC3\xA9", "r\xE9sum\xE9"},
+        {1252, "\xE2\x82\xAC 5", "\x80 5"},
+        {1252, "\xE6\x9D\xB1\xE4\xBA\xAC.txt", "??.txt"},
+        {1252, "\xF0\x9F\x98\x80", "?"},
+        {1252,
+         "a\xFF"
+         "b",
+         "a?b"},
+        {1252, "a\xC3", "a?"},
+        {437, "\xC3\xA9", "\x82"},
+        {437, "\xE2\x82\xAC", "?"},
+        {932, "\xE6\x9D\xB1", "\x93\x8C"},
+        {932, "a\xE6\x9D\xB1z", "a\x93\x8Cz"},
+    };
+    for (const Case &c : cases) {
+        str_t out;
+        str_init(&out);
+        ASSERT_TRUE(os_text_to_code_page(&out, c.utf8.data(), c.utf8.size(), c.code_page)) << c.code_page;
+        EXPECT_EQ(os_test_text(&out), c.want) << c.code_page << " " << c.utf8;
+        str_kill(&out);
+    }
+    // A long text with a missing character every so often: the output grows past the first guess.
+    std::string longer, want;
+    for (int i = 0; i < 5000; i++) {
+        longer += i % 7 ? "\xC3\xA9" : "\xE6\x9D\xB1";
+        want += i % 7 ? "\xE9" : "?";
+    }
+    str_t out;
+    str_init(&out);
+    ASSERT_TRUE(os_text_to_code_page(&out, longer.data(), longer.size(), 1252));
+    EXPECT_EQ(os_test_text(&out), want);
+    EXPECT_FALSE(os_text_to_code_page(&out, "x", 1, 99999));
+    EXPECT_EQ(out.len, 0);
+    str_kill(&out);
+}
+
+// The system's own page keeps ASCII as it is, whatever page that is.
+TEST(OsCodePage, AnsiKeepsAscii) {
+    str_t out;
+    str_init(&out);
+    os_text_to_ansi(&out, "Program Files/a b.txt", 21);
+    EXPECT_EQ(os_test_text(&out), "Program Files/a b.txt");
+    str_kill(&out);
+}
+
+} // namespace

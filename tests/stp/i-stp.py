@@ -88,6 +88,10 @@ class Server:
         # without these the memory figure would measure the sanitizer, not the server.
         env["ASAN_OPTIONS"] = "quarantine_size_mb=0:allocator_release_to_os_interval_ms=50:" + env.get(
             "ASAN_OPTIONS", "")
+        # The C locale fixes the code set that LIST uses with UTF-8 off on Linux: ASCII. Wine keeps its
+        # UTF-8 locale, without which it couldn't name the tree's files, and gives Windows-1252 as ANSI.
+        if not WINDOWS:
+            env["LC_ALL"] = "C"
         self.proc = subprocess.Popen(EMULATOR + [EXE, "-config", native(self.ini), "-db", native(os.path.join(
             work, "index.db")), "-instance", "stp-test-%d" % os.getpid()], env=env, stdout=subprocess.DEVNULL,
             stderr=self.err)
@@ -260,6 +264,28 @@ class StpTest(unittest.TestCase):
             f.retrbinary("RETR lib/deep/zeta.bin", data.extend, rest=100)
             self.assertEqual(len(data), os.path.getsize(os.path.join(self.tree, "src/lib/deep/zeta.bin")))
         self.assertEqual(f.sendcmd("CWD /"), '250 CWD successful. "/" is current directory.')
+        f.quit()
+
+    def test_list_without_utf8_uses_the_ansi_code_page(self):
+        f = self.ftp()
+        # Latin-1 maps every byte to one character, so the test sees the bytes the server sent.
+        f.encoding = "latin-1"
+        f.cwd(stp_path(self.tree))
+        self.assertEqual(f.sendcmd("OPTS UTF8 OFF"), "200 UTF8 mode disabled.")
+        names = os.listdir(self.tree)
+        self.assertTrue(any(ord(c) > 127 for n in names for c in n))
+        page = "cp1252" if WINDOWS else "ascii"
+        listing = []
+        f.retrlines("LIST", listing.append)
+        self.assertEqual(sorted(list_names(listing)),
+                         sorted(n.encode(page, "replace").decode("latin-1") for n in names))
+        # Only LIST changes: MLSD names stay UTF-8, as do search results.
+        utf8 = sorted(n.encode("utf-8").decode("latin-1") for n in names)
+        self.assertEqual(sorted(name for name, facts in f.mlsd()), utf8)
+        self.assertEqual(f.sendcmd("OPTS UTF8 ON"), "200 UTF8 mode enabled.")
+        listing = []
+        f.retrlines("LIST", listing.append)
+        self.assertEqual(sorted(list_names(listing)), utf8)
         f.quit()
 
     def test_curl_listing_and_download(self):

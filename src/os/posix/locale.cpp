@@ -5,9 +5,12 @@
 #include "mem/mem.h"
 #include "os/os_internal.h"
 
+#include <errno.h>
+#include <iconv.h>
 #include <langinfo.h>
 #include <locale.h>
 #include <pthread.h>
+#include <stdio.h>
 #include <string.h>
 
 // What a value falls back to when the locale has none (the C locale has no thousands separator). A date
@@ -333,4 +336,71 @@ bool os_locale_get_named(const char *name, os_locale_id_t id, str_t *out) {
     }
     freelocale(loc);
     return true;
+}
+
+// ---- code pages ----------------------------------------------------------------------------------------
+
+// The bytes of one UTF-8 sequence that the converter refused: its lead byte and the continuation bytes
+// after it, so that one bad character gives one '?'.
+static size_t _sequence_length(const char *p, size_t left) {
+    size_t n = 1;
+    while (n < left && ((unsigned char) p[n] & 0xC0) == 0x80 && n < 4) {
+        n++;
+    }
+    return n;
+}
+
+// Converts with iconv, a '?' for each character the code set lacks and each byte that isn't UTF-8.
+static bool _to_code_set(str_t *out, const char *utf8, size_t len, const char *code_set) {
+    str_set(out, "");
+    iconv_t cd = iconv_open(code_set, "UTF-8");
+    if (cd == (iconv_t) -1) {
+        return false;
+    }
+    char *in = (char *) utf8;
+    size_t in_left = len, used = 0;
+    // Room for a single-byte code page; a code set with shift sequences may ask for more.
+    str_reserve(out, (int) len + 16);
+    for (;;) {
+        // With the input gone, one more call writes any shift back to the initial state.
+        bool closing = in_left == 0;
+        out->len = (int32_t) used;
+        char *to = out->ptr + used;
+        size_t to_left = (size_t) out->cap - 1 - used;
+        size_t r =
+            closing ? iconv(cd, nullptr, nullptr, &to, &to_left) : iconv(cd, &in, &in_left, &to, &to_left);
+        int error = r == (size_t) -1 ? errno : 0;
+        used = (size_t) (to - out->ptr);
+        out->len = (int32_t) used;
+        if (error == E2BIG) {
+            str_reserve(out, out->cap * 2);
+        } else if (!closing && (error == EILSEQ || error == EINVAL)) {
+            size_t bad = _sequence_length(in, in_left);
+            in += bad;
+            in_left -= bad;
+            str_cat_char(out, '?');
+            used++;
+        } else if (error || closing) {
+            break;
+        }
+    }
+    iconv_close(cd);
+    out->len = (int32_t) used;
+    out->ptr[out->len] = 0;
+    return true;
+}
+
+void os_text_to_ansi(str_t *out, const char *utf8, size_t len) {
+    pthread_once(&_user_once, _open_user_locale);
+    const char *code_set = _user_locale ? nl_langinfo_l(CODESET, _user_locale) : "ANSI_X3.4-1968";
+    if (strcmp(code_set, "UTF-8") == 0 || !_to_code_set(out, utf8, len, code_set)) {
+        // Names on Linux are bytes already in the locale's own code set.
+        str_set_n(out, utf8, (int) len);
+    }
+}
+
+bool os_text_to_code_page(str_t *out, const char *utf8, size_t len, uint32_t code_page) {
+    char name[24];
+    snprintf(name, sizeof name, "CP%u", code_page);
+    return _to_code_set(out, utf8, len, name);
 }

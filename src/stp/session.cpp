@@ -421,6 +421,9 @@ void stp_session_line(net_conn_t *c, char *line, uint32_t len) {
     if (s->query_pending) {
         _stp_send_text(s, "426 Query aborted.\r\n");
         s->query_pending = false;
+        // The stored values describe a search that never finished: the same query again must search,
+        // not stream what the cut one left behind.
+        s->last_valid = false;
         if (s->query) {
             db_cancel_query(s->query);
         }

@@ -564,4 +564,20 @@ TEST_F(StpAgreeTest, HiddenEmptySearchAndTheFilterNarrowTheAnswer) {
     EXPECT_NE(want.find(" FILE "), std::string::npos);
 }
 
+// A line that arrives while a search runs aborts it and is then carried out; asking again runs the whole
+// search, not the remains of the cut one.
+TEST_F(StpAgreeTest, ALineDuringASearchAbortsItAndTheNextQuerySearchesAgain) {
+    for (const char *search : {"readme", "", "!abc size:<2000"}) {
+        SCOPED_TRACE(search);
+        std::string set = std::string("SABLEWATCH search ") + search;
+        EXPECT_EQ(say({set, "SABLEWATCH count 4294967295", "SABLEWATCH query", "NOOP"}),
+                  std::string("200 Search set to (") + search +
+                      ").\r\n200 Count set to (4294967295).\r\n426 Query aborted.\r\n200 OK.\r\n");
+        exec_case_t c = {search, 0, nullptr};
+        EXPECT_EQ(difference(query(), expected(c, 0, 0, 0, UINT32_MAX)), "");
+        // Nothing of the cut search follows later.
+        EXPECT_EQ(say({"NOOP"}), "200 OK.\r\n");
+    }
+}
+
 } // namespace

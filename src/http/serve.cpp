@@ -184,7 +184,7 @@ static bool _send_disk_file(http_connection_t *c, const char *path, bool cacheab
     if (!os_get_file_info(path, &info) || (info.attributes & OS_ATTR_DIRECTORY)) {
         return false;
     }
-    os_file_t f = os_file_open(path, OS_OPEN_READ | OS_OPEN_SHARE_READ);
+    os_file_t f = os_file_open(path, OS_OPEN_READ | OS_OPEN_SHARE_ALL | OS_OPEN_SEQUENTIAL);
     if (f == OS_FILE_INVALID) {
         return false;
     }

@@ -95,6 +95,10 @@ enum {
     OS_OPEN_TRUNCATE = 8,    // empty on open (with CREATE: create always)
     OS_OPEN_SHARE_READ = 16, // others may read while we hold it (Windows share mode; no effect on Linux)
     OS_OPEN_APPEND = 32,     // writes go to the end
+    // Others may read, write, rename and delete the file while we read it (Windows share mode; no effect
+    // on Linux): for reading files that belong to the user and must never be held against them.
+    OS_OPEN_SHARE_ALL = 64,
+    OS_OPEN_SEQUENTIAL = 128, // read from start to end: the system may read ahead further
 };
 
 // Opens a file; OS_FILE_INVALID on failure, with os_last_error() telling why.

@@ -656,7 +656,7 @@ void stp_retr(stp_session_t *s, const char *arg) {
     os_file_t f = OS_FILE_INVALID;
     if (stp_resolve_node(s, arg, &path, &node) && node.kind == 3) {
         db_get_full_path(&real, node.record);
-        f = os_file_open(real.ptr, OS_OPEN_READ | OS_OPEN_SHARE_READ);
+        f = os_file_open(real.ptr, OS_OPEN_READ | OS_OPEN_SHARE_ALL | OS_OPEN_SEQUENTIAL);
     }
     str_kill(&real);
     str_kill(&path);

@@ -109,6 +109,26 @@ TEST(OsFile, OpenModes) {
     EXPECT_EQ(os_file_open(dir.path.c_str(), OS_OPEN_READ), OS_FILE_INVALID);
 }
 
+// A reader that shares everything stands in nobody's way: a writer that holds the file keeps writing, and
+// the file can be renamed and deleted under the open reader.
+TEST(OsFile, ShareAllLetsOthersWriteRenameAndDelete) {
+    os_test_folder dir;
+    std::string p = dir.file("shared.log"), moved = dir.file("moved.log");
+    os_file_t writer = os_file_open(p.c_str(), OS_OPEN_WRITE | OS_OPEN_CREATE | OS_OPEN_SHARE_READ);
+    ASSERT_NE(writer, OS_FILE_INVALID);
+    os_file_t reader = os_file_open(p.c_str(), OS_OPEN_READ | OS_OPEN_SHARE_ALL | OS_OPEN_SEQUENTIAL);
+    ASSERT_NE(reader, OS_FILE_INVALID);
+    EXPECT_EQ(os_file_write(writer, "line\n", 5), 5);
+    char buf[16] = {};
+    EXPECT_EQ(os_file_read(reader, buf, sizeof buf), 5);
+    EXPECT_STREQ(buf, "line\n");
+    os_file_close(writer);
+    EXPECT_TRUE(os_file_rename(p.c_str(), moved.c_str()));
+    EXPECT_TRUE(os_file_delete(moved.c_str()));
+    os_file_close(reader);
+    EXPECT_FALSE(os_file_exists(moved.c_str()));
+}
+
 TEST(OsFile, RenameAndDelete) {
     os_test_folder dir;
     std::string a = dir.file("a.txt"), b = dir.file("b.txt"), c = dir.file("c.txt");

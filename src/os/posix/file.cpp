@@ -44,6 +44,9 @@ os_file_t os_file_open(const char *path, int flags) {
         errno = EISDIR;
         return OS_FILE_INVALID;
     }
+    if (flags & OS_OPEN_SEQUENTIAL) {
+        posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
+    }
     return (os_file_t) fd;
 }
 

@@ -16,7 +16,10 @@ os_file_t os_file_open(const char *path, int flags) {
         access |= (flags & OS_OPEN_APPEND) ? (FILE_APPEND_DATA | FILE_WRITE_ATTRIBUTES | SYNCHRONIZE)
                                            : GENERIC_WRITE;
     }
-    DWORD share = (flags & OS_OPEN_SHARE_READ) ? FILE_SHARE_READ : 0;
+    DWORD share = (flags & OS_OPEN_SHARE_ALL)    ? FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE
+                  : (flags & OS_OPEN_SHARE_READ) ? FILE_SHARE_READ
+                                                 : 0;
+    DWORD attributes = FILE_ATTRIBUTE_NORMAL | ((flags & OS_OPEN_SEQUENTIAL) ? FILE_FLAG_SEQUENTIAL_SCAN : 0);
     DWORD disposition = OPEN_EXISTING;
     if ((flags & OS_OPEN_CREATE) && (flags & OS_OPEN_TRUNCATE)) {
         disposition = CREATE_ALWAYS;
@@ -27,7 +30,7 @@ os_file_t os_file_open(const char *path, int flags) {
     }
     os_wide_t w;
     os_wide_init(&w, path);
-    HANDLE h = CreateFileW(w.ptr, access, share, nullptr, disposition, FILE_ATTRIBUTE_NORMAL, nullptr);
+    HANDLE h = CreateFileW(w.ptr, access, share, nullptr, disposition, attributes, nullptr);
     os_wide_kill(&w);
     return (os_file_t) h;
 }

@@ -34,6 +34,8 @@ pkgs=(cmake ninja-build g++ clang libclang-rt-14-dev llvm mingw-w64 wine wine64 
       plocate time locales tzdata python3 curl lftp)
 # The HTTP server's tests and load bench: real clients, a browser and a peer server.
 pkgs+=(chromium chromium-driver python3-selenium apache2-utils lighttpd)
+# The system's table of media types, which the HTTP server's downloads are labelled from on Linux.
+pkgs+=(media-types)
 
 SUDO=
 [ "$(id -u)" = 0 ] || [ "$dry" = 1 ] || SUDO=sudo

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "http/serve.h"
+#include "os/os_shell.h"
 #include "text/text.h"
 
 // ---- heads
@@ -124,17 +125,21 @@ static const struct {
     {"wasm", "application/wasm"}, {"woff2", "font/woff2"},      {"md", "text/markdown"},
 };
 
-const char *http_content_type(const char *name) {
+void http_content_type(const char *name, str_t *out) {
     const char *ext = text_get_extension(name);
     if (ext && *ext == '.') {
         ext++;
     }
+    if (ext && os_shell_content_type(ext, out)) {
+        return;
+    }
     for (const auto &t : _types) {
         if (ext && ascii_stricmp(ext, t.ext) == 0) {
-            return t.type;
+            str_set(out, t.type);
+            return;
         }
     }
-    return "application/octet-stream";
+    str_set(out, "application/octet-stream");
 }
 
 // The head of a file answer, in its fixed order.
@@ -191,7 +196,11 @@ static bool _send_disk_file(http_connection_t *c, const char *path, bool cacheab
     uint64_t size = os_file_size(f);
     uint64_t start, length;
     bool ranged = _window(&c->session, size, &start, &length);
-    _file_head(c, http_content_type(path), size, start, length, ranged, true, cacheable, info.date_modified);
+    str_t type;
+    str_init(&type);
+    http_content_type(path, &type);
+    _file_head(c, type.ptr, size, start, length, ranged, true, cacheable, info.date_modified);
+    str_kill(&type);
     http_log(c, "send file %s\n", path);
     c->end_of_response = true;
     c->sink.send_file(c->sink.context, f, start, length);

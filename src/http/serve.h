@@ -17,8 +17,9 @@ struct http_resource_t {
 // The resource of that name (compared without regard to case), or null.
 const http_resource_t *http_resource_find(const char *name);
 
-// The content type of a file name by its extension; "application/octet-stream" when unknown.
-const char *http_content_type(const char *name);
+// The content type of a file name by its extension, replacing out: the type the system registers for it,
+// else the built-in table's, else "application/octet-stream".
+void http_content_type(const char *name, str_t *out);
 // "Wed, 25 Nov 2026 07:05:20 GMT" for a FILETIME; empty for a time that has no such date.
 void http_date(str_t *out, uint64_t filetime);
 

@@ -66,3 +66,9 @@ int os_volume_file_by_id(const char *volume, uint64_t low, uint64_t high, uint64
 // and the kind alone: nothing on the disk is read. out must be initialised; it is replaced. False, with
 // out empty, where the platform's shell gives none (Linux has no such shell).
 bool os_shell_type_text(const char *name, bool folder, str_t *out);
+
+// The media type the system registers for a file extension (without its dot, any case): on Windows the
+// "Content Type" value of the extension's key in HKEY_CLASSES_ROOT; on Linux the first type that
+// /etc/mime.types lists the extension under (read once, on first use). out must be initialised; it is
+// replaced. False, with out empty, when the system knows no type for it.
+bool os_shell_content_type(const char *extension, str_t *out);

@@ -15,6 +15,7 @@
 #include "debug/debug.h"
 #include "http/http.h"
 #include "http/page.h"
+#include "http/serve.h"
 #include "main/main.h"
 #include "net/loopback.h"
 #include "os/os_main.h"
@@ -295,6 +296,26 @@ TEST(HttpPageBar, PagesListed) {
         EXPECT_EQ(std::vector<uint32_t>(pages, pages + n), c.pages)
             << c.total << " " << c.count << " " << c.offset;
     }
+}
+
+TEST(HttpFile, ContentTypesBySystemThenTableThenBytes) {
+    struct Case {
+        const char *name, *type;
+    } cases[] = {
+        {"notes.txt", "text/plain"},
+        {"C:\\photos\\IMG_1.JPG", "image/jpeg"},
+        {"/srv/www/index.html", "text/html"},
+        {"archive.no-such-type", "application/octet-stream"},
+        {"README", "application/octet-stream"},
+        {"dot.", "application/octet-stream"},
+    };
+    str_t out;
+    str_init(&out);
+    for (const Case &c : cases) {
+        http_content_type(c.name, &out);
+        EXPECT_STREQ(out.ptr, c.type) << c.name;
+    }
+    str_kill(&out);
 }
 
 TEST(HttpPage, TitleFormats) {

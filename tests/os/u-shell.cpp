@@ -225,3 +225,21 @@ TEST(OsShell, FileByReferenceRefusesWhatItCantFind) {
     str_kill(&top);
     str_kill(&name);
 }
+
+// The system's registry of media types: the common extensions in any case, and nothing for an empty or
+// unknown one.
+TEST(OsShell, ContentTypesOfCommonExtensions) {
+    struct Case {
+        const char *ext, *want;
+    } cases[] = {
+        {"txt", "text/plain"}, {"TXT", "text/plain"}, {"htm", "text/html"}, {"png", "image/png"},
+        {"", nullptr},         {"no-such-extension-here", nullptr},
+    };
+    str_t out;
+    str_init(&out);
+    for (const Case &c : cases) {
+        EXPECT_EQ(os_shell_content_type(c.ext, &out), c.want != nullptr) << c.ext;
+        EXPECT_EQ(os_test_text(&out), c.want ? c.want : "") << c.ext;
+    }
+    str_kill(&out);
+}

@@ -5,9 +5,12 @@
 #include "os/os_shell.h"
 #include "os/posix/user_dirs.h"
 
+#include <pthread.h>
 #include <pwd.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <strings.h>
 #include <unistd.h>
 
 enum _kind_t {
@@ -262,4 +265,84 @@ int os_volume_file_by_id(const char *, uint64_t, uint64_t, uint64_t *parent_low,
 bool os_shell_type_text(const char *, bool, str_t *out) {
     str_set(out, "");
     return false;
+}
+
+// ---- media types ---------------------------------------------------------------------------------------
+
+// /etc/mime.types: each line "type ext ext ...", '#' starting a comment. Read once into a table of
+// (extension, type) sorted by extension; among equal extensions the file's order stays, so that the first
+// type listed for one is the one found.
+struct _mime_entry_t {
+    char *ext;
+    const char *type;
+    size_t order;
+};
+static pthread_once_t _mime_once = PTHREAD_ONCE_INIT;
+static _mime_entry_t *_mime;
+static size_t _mime_count;
+
+static int _mime_compare(const void *a, const void *b) {
+    const _mime_entry_t *x = (const _mime_entry_t *) a, *y = (const _mime_entry_t *) b;
+    int c = strcasecmp(x->ext, y->ext);
+    return c ? c : (x->order < y->order ? -1 : x->order > y->order);
+}
+
+static void _mime_add(const char *type, const char *ext, size_t *cap) {
+    if (_mime_count == *cap) {
+        *cap = *cap ? *cap * 2 : 1024;
+        _mime = (_mime_entry_t *) mem_realloc(_mime, *cap * sizeof *_mime);
+    }
+    _mime[_mime_count] = {mem_dup(ext, strlen(ext)), type, _mime_count};
+    _mime_count++;
+}
+
+static void _mime_load() {
+    FILE *f = fopen("/etc/mime.types", "re");
+    if (!f) {
+        return;
+    }
+    size_t cap = 0;
+    char *line = nullptr;
+    size_t line_cap = 0;
+    while (getline(&line, &line_cap, f) > 0) {
+        char *hash = strchr(line, '#');
+        if (hash) {
+            *hash = 0;
+        }
+        char *save = nullptr, *type = strtok_r(line, " \t\r\n", &save);
+        char *word = type ? strtok_r(nullptr, " \t\r\n", &save) : nullptr;
+        // The type is kept once for all its extensions, and only when it has one.
+        const char *kept = word ? mem_dup(type, strlen(type)) : nullptr;
+        for (; word; word = strtok_r(nullptr, " \t\r\n", &save)) {
+            _mime_add(kept, word, &cap);
+        }
+    }
+    free(line);
+    fclose(f);
+    if (_mime_count) {
+        qsort(_mime, _mime_count, sizeof *_mime, _mime_compare);
+    }
+}
+
+bool os_shell_content_type(const char *extension, str_t *out) {
+    str_set(out, "");
+    pthread_once(&_mime_once, _mime_load);
+    if (!extension || !*extension || !_mime_count) {
+        return false;
+    }
+    // The first entry of the extension: a lower bound over the sorted table.
+    size_t lo = 0, hi = _mime_count;
+    while (lo < hi) {
+        size_t mid = lo + (hi - lo) / 2;
+        if (strcasecmp(_mime[mid].ext, extension) < 0) {
+            lo = mid + 1;
+        } else {
+            hi = mid;
+        }
+    }
+    if (lo == _mime_count || strcasecmp(_mime[lo].ext, extension) != 0) {
+        return false;
+    }
+    str_set(out, _mime[lo].type);
+    return true;
 }

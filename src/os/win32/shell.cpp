@@ -238,3 +238,25 @@ bool os_shell_type_text(const char *name, bool folder, str_t *out) {
     }
     return out->len > 0;
 }
+
+bool os_shell_content_type(const char *extension, str_t *out) {
+    str_set(out, "");
+    if (!extension || !*extension || strlen(extension) > 200) {
+        return false;
+    }
+    str_t key;
+    str_init(&key);
+    str_printf(&key, ".%s", extension);
+    os_wide_t w;
+    os_wide_init(&w, key.ptr);
+    str_kill(&key);
+    wchar_t value[256];
+    DWORD size = sizeof value;
+    LSTATUS r = RegGetValueW(HKEY_CLASSES_ROOT, w.ptr, L"Content Type", RRF_RT_REG_SZ, nullptr, value, &size);
+    os_wide_kill(&w);
+    if (r != ERROR_SUCCESS || size < 2 * sizeof(wchar_t)) {
+        return false;
+    }
+    os_utf8_from_wide(out, value, -1);
+    return true;
+}

@@ -88,7 +88,10 @@ static void _sort_children(http_server_t *server, const http_session_t *s, _chil
     os_merge_sort_ex(ch->items + ch->folders, ch->count - ch->folders, &files, _compare_children);
 }
 
-static void _child_row(http_server_t *server, db_ref_t r, bool folder, str_t *full, http_row_t *row) {
+// A row of the listing; full and shown hold its texts. A root is shown by its whole path, which is also
+// its name, after the volume's label when the settings ask for labels and the volume has one.
+static void _child_row(http_server_t *server, db_ref_t r, bool folder, str_t *full, str_t *shown,
+                       http_row_t *row) {
     db_get_full_path(full, r);
     row->folder = folder;
     row->name = db_record_name(r, &row->name_len);
@@ -99,16 +102,22 @@ static void _child_row(http_server_t *server, db_ref_t r, bool folder, str_t *fu
     uint64_t (*get)(const db_t *, db_ref_t, db_field_t) = folder ? db_folder_get : db_file_get;
     row->size = get(server->db, r, DB_FIELD_SIZE);
     row->date_modified = get(server->db, r, DB_FIELD_DATE_MODIFIED);
-    // A root is shown by its whole path, which is also its name.
-    if (!db_record_parent(r)) {
-        row->name = row->full_path;
-        row->name_len = row->full_path_len;
+    if (db_record_parent(r)) {
+        return;
+    }
+    row->name = row->full_path;
+    row->name_len = row->full_path_len;
+    const http_settings_t *s = &server->settings;
+    if (s->show_drive_labels && s->volume_label && s->volume_label(full->ptr, shown)) {
+        str_cat_printf(shown, " (%s)", full->ptr);
+        row->name = shown->ptr;
+        row->name_len = (uint32_t) shown->len;
     }
 }
 
-void http_folder_row(http_connection_t *c, http_page_t *p, str_t *full) {
+void http_folder_row(http_connection_t *c, http_page_t *p, str_t *full, str_t *shown) {
     http_row_t row;
-    _child_row(c->server, c->children[c->row], c->row < c->child_folders, full, &row);
+    _child_row(c->server, c->children[c->row], c->row < c->child_folders, full, shown, &row);
     if (c->session.json) {
         // A listing always shows size and date, and no path.
         http_json_row(p, &row, false, true, true, c->row + 1 == c->row_end);

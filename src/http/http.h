@@ -153,6 +153,8 @@ struct http_settings_t {
     bool allow_download;
     bool show_drive_labels;
     uint32_t items_per_page;
+    // Where the root list's labels come from: os_volume_label, or a test's own; null shows no labels.
+    bool (*volume_label)(const char *root, str_t *out);
 };
 
 struct http_server_t {

@@ -50,7 +50,7 @@ void http_json_row(http_page_t *p, const http_row_t *row, bool path, bool size, 
 // Writes the rows of a streaming table while the sink has room; ends the answer after the last one.
 void http_stream_more(http_connection_t *c);
 // The folder listing's row c->row, and what follows the last one.
-void http_folder_row(http_connection_t *c, http_page_t *p, str_t *full);
+void http_folder_row(http_connection_t *c, http_page_t *p, str_t *full, str_t *shown);
 void http_folder_trailer(http_connection_t *c, http_page_t *p);
 // The text of a JSON size or date: the number, or nothing when unknown.
 void http_json_value(str_t *out, uint64_t value);

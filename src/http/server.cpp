@@ -302,7 +302,7 @@ void http_stream_more(http_connection_t *c) {
                 break;
             }
         } else {
-            http_folder_row(c, &p, &a);
+            http_folder_row(c, &p, &a, &b);
         }
         c->row++;
         if (p.out.len >= HTTP_BODY_BLOCK) {
@@ -509,6 +509,7 @@ void http_settings_from_config(http_settings_t *s) {
     s->title_format = _dup(http_title_format);
     s->allow_download = http_server_allow_file_download != 0;
     s->show_drive_labels = http_server_show_drive_labels != 0;
+    s->volume_label = os_volume_label;
     s->items_per_page = http_server_items_per_page > 0 ? (uint32_t) http_server_items_per_page : 32;
 }
 

@@ -212,6 +212,12 @@ uint32_t os_volume_sector_size(os_file_t volume);
 // caller then reads the record from the volume itself.
 bool os_volume_ntfs_file_record(os_file_t volume, uint64_t frn, void *out, uint32_t *size, uint64_t *got_frn);
 
+// The label of the volume whose root is root ("C:", "C:\\", a mount folder; on Linux a mount point),
+// replacing out. False, with out empty, when root is not the root of a volume, or the volume has no label
+// or won't tell. Windows: GetVolumeInformationW. Linux: the name under /dev/disk/by-label of the block
+// device mounted there.
+bool os_volume_label(const char *root, str_t *out);
+
 // ---- virtual memory ------------------------------------------------------------------------------------
 
 // Reserves address space without committing it. Returns null on failure.

@@ -298,6 +298,47 @@ TEST(HttpPageBar, PagesListed) {
     }
 }
 
+// With labels asked for, a root of the list shows as its volume's label and its name in brackets; a root
+// whose volume has no label, or labels not asked for, show the name alone. The link stays the path.
+TEST_F(ServerTest, RootListShowsVolumeLabelsWhenAsked) {
+    static const auto labelled = [](const char *, str_t *out) {
+        str_set(out, "Data <1>");
+        return true;
+    };
+    static const auto unlabelled = [](const char *, str_t *out) {
+        str_set(out, "");
+        return false;
+    };
+    str_t root;
+    str_init(&root);
+    db_get_full_path(&root, idx.recs[0].ref);
+    std::string plain = root.ptr, shown = std::string("Data <1> (") + root.ptr + ")";
+    str_kill(&root);
+    struct Case {
+        bool show;
+        bool (*label)(const char *, str_t *);
+        std::string name;
+    } cases[] = {
+        {true, labelled, shown},
+        {true, unlabelled, plain},
+        {false, labelled, plain},
+    };
+    for (const Case &c : cases) {
+        server->settings.show_drive_labels = c.show;
+        server->settings.volume_label = c.label;
+        Peer *json = request("/?j=1");
+        settle();
+        ASSERT_TRUE(json->ended);
+        EXPECT_EQ(json_names(json->sent), std::vector<std::string>{json_escaped(c.name)});
+        http_connection_close(json->c);
+        Peer *html = request("/");
+        settle();
+        std::string escaped = c.name == shown ? "Data &lt;1&gt; (" + plain + ")" : plain;
+        EXPECT_NE(html->sent.find(">" + escaped + "<"), std::string::npos) << html->sent.substr(0, 2000);
+        http_connection_close(html->c);
+    }
+}
+
 TEST(HttpFile, ContentTypesBySystemThenTableThenBytes) {
     struct Case {
         const char *name, *type;

@@ -388,3 +388,18 @@ TEST(OsPath, AbsolutePaths) {
         EXPECT_EQ(os_path_is_absolute(c.path), c.absolute) << c.path;
     }
 }
+
+// A folder that is not the root of a volume, and a path that doesn't exist, have no label; the root of
+// the system volume answers either way without failing (a label is the machine's business).
+TEST(OsVolume, LabelOnlyForTheRootOfAVolume) {
+    os_test_folder dir;
+    str_t label;
+    str_init(&label);
+    str_set(&label, "stale");
+    EXPECT_FALSE(os_volume_label(dir.path.c_str(), &label));
+    EXPECT_EQ(label.len, 0);
+    EXPECT_FALSE(os_volume_label(dir.file("missing").c_str(), &label));
+    bool has = os_volume_label(OS_SEP == '/' ? "/" : "C:", &label);
+    EXPECT_EQ(has, label.len > 0);
+    str_kill(&label);
+}

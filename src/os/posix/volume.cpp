@@ -3,9 +3,12 @@
 #include "mem/mem.h"
 #include "os/os_internal.h"
 
+#include <ctype.h>
+#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <linux/fs.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
@@ -61,4 +64,44 @@ bool os_volume_ntfs_file_record(os_file_t volume, uint64_t frn, void *out, uint3
     (void) volume, (void) frn, (void) out, (void) size, (void) got_frn;
     errno = ENOSYS;
     return false;
+}
+
+// udev writes a label's bytes that can't stand in a file name as "\\xHH".
+static void _label_unescape(const char *name, str_t *out) {
+    str_set(out, "");
+    for (const char *p = name; *p; p++) {
+        if (p[0] == '\\' && p[1] == 'x' && isxdigit((unsigned char) p[2]) && isxdigit((unsigned char) p[3])) {
+            char two[3] = {p[2], p[3], 0};
+            str_cat_char(out, (char) strtoul(two, nullptr, 16));
+            p += 3;
+        } else {
+            str_cat_char(out, *p);
+        }
+    }
+}
+
+bool os_volume_label(const char *root, str_t *out) {
+    str_set(out, "");
+    struct stat at, above;
+    str_t parent;
+    str_init(&parent);
+    str_printf(&parent, "%s/..", root);
+    bool mount = stat(root, &at) == 0 && stat(parent.ptr, &above) == 0 &&
+                 (at.st_dev != above.st_dev || at.st_ino == above.st_ino);
+    str_kill(&parent);
+    DIR *d = mount ? opendir("/dev/disk/by-label") : nullptr;
+    if (!d) {
+        return false;
+    }
+    bool found = false;
+    for (struct dirent *e; !found && (e = readdir(d)) != nullptr;) {
+        struct stat dev;
+        if (e->d_name[0] != '.' && fstatat(dirfd(d), e->d_name, &dev, 0) == 0 && S_ISBLK(dev.st_mode) &&
+            dev.st_rdev == at.st_dev) {
+            _label_unescape(e->d_name, out);
+            found = out->len > 0;
+        }
+    }
+    closedir(d);
+    return found;
 }

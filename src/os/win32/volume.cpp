@@ -90,3 +90,25 @@ bool os_volume_ntfs_file_record(os_file_t volume, uint64_t frn, void *out, uint3
         SetLastError(e);
     return ok;
 }
+
+bool os_volume_label(const char *root, str_t *out) {
+    str_set(out, "");
+    // The call wants the root with its trailing backslash.
+    str_t path;
+    str_init(&path);
+    str_set(&path, root);
+    if (path.len == 0 || (path.ptr[path.len - 1] != '\\' && path.ptr[path.len - 1] != '/')) {
+        str_cat_char(&path, '\\');
+    }
+    os_wide_t w;
+    os_wide_init(&w, path.ptr);
+    str_kill(&path);
+    wchar_t label[MAX_PATH + 1];
+    BOOL ok = GetVolumeInformationW(w.ptr, label, MAX_PATH + 1, nullptr, nullptr, nullptr, nullptr, 0);
+    os_wide_kill(&w);
+    if (!ok || !label[0]) {
+        return false;
+    }
+    os_utf8_from_wide(out, label, -1);
+    return true;
+}

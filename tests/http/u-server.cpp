@@ -17,7 +17,7 @@
 #include "http/page.h"
 #include "http/serve.h"
 #include "main/main.h"
-#include "net/loopback.h"
+#include "net/served_index.h"
 #include "os/os_main.h"
 
 namespace {
@@ -507,38 +507,25 @@ std::string percent_encoded(const std::string &text) {
 
 // The server as the program runs it: started from the settings on the loopback address, over the
 // reference index, with a client in the test on a socket of its own for each request.
-struct HttpAgreeTest : ::testing::Test {
-    static ref_index_t idx;
-    static void SetUpTestSuite() {
-        event_init();
-        idx.build(5000, 7);
-    }
-    static void TearDownTestSuite() { idx.destroy(); }
-    static void wake() { event_dispatch(); }
-
-    db_t *saved_db = nullptr;
+struct HttpAgreeTest : served_index_test {
     char *saved_bindings = nullptr;
     int32_t saved_port = 0;
     uint8_t saved_enabled = 0, saved_allow = 0;
-    char bindings[16] = "127.0.0.1";
     uint16_t port = 0;
 
     void SetUp() override {
-        debug_init();
-        static const os_main_procs_t procs = {wake, nullptr, nullptr};
-        ASSERT_TRUE(os_main_loop_create("SABLEWATCH_HTTP_TEST", nullptr, &procs));
-        saved_db = db, saved_bindings = http_server_bindings, saved_port = http_server_port;
+        serve_begin("SABLEWATCH_HTTP_TEST");
+        saved_bindings = http_server_bindings, saved_port = http_server_port;
         saved_enabled = http_server_enabled, saved_allow = allow_http_server;
-        db = idx.db;
         http_server_bindings = bindings, http_server_port = 0, http_server_enabled = 1, allow_http_server = 1;
         ASSERT_TRUE(http_server_apply_settings(nullptr));
         port = loop_port_of(http_server_net());
     }
     void TearDown() override {
         http_server_shutdown();
-        db = saved_db, http_server_bindings = saved_bindings, http_server_port = saved_port;
+        http_server_bindings = saved_bindings, http_server_port = saved_port;
         http_server_enabled = saved_enabled, allow_http_server = saved_allow;
-        os_main_loop_destroy();
+        serve_end();
     }
 
     // The whole answer to one request, read until the server closes the connection.
@@ -551,8 +538,6 @@ struct HttpAgreeTest : ::testing::Test {
         return answer;
     }
 };
-ref_index_t HttpAgreeTest::idx;
-
 // Every row of the execution table through the JSON form: in name order and in a column order that turns
 // with the row, whole and as a page, and once more with one more flag on. Each answer must be valid JSON
 // whose count, kinds, names and paths are the in-process search's, record by record.
@@ -602,30 +587,24 @@ TEST_F(HttpAgreeTest, EveryRowOfTheTableAgreesAsJson) {
                 target += "&offset=" + std::to_string(r.offset) + "&count=" + std::to_string(r.count);
             }
             SCOPED_TRACE(c.search + " : " + target);
-            std::string answer = get(target);
-            size_t head = answer.find("\r\n\r\n");
-            ASSERT_EQ(answer.rfind("HTTP/1.0 200 OK\r\n", 0), 0u) << answer.substr(0, 400);
-            ASSERT_NE(answer.find("Content-Type: application/json\r\n"), std::string::npos);
-            ASSERT_LT(head, answer.find("\r\n\r\n", head + 4));
+            std::string reply = get(target);
+            size_t head = reply.find("\r\n\r\n");
+            ASSERT_EQ(reply.rfind("HTTP/1.0 200 OK\r\n", 0), 0u) << reply.substr(0, 400);
+            ASSERT_NE(reply.find("Content-Type: application/json\r\n"), std::string::npos);
+            ASSERT_LT(head, reply.find("\r\n\r\n", head + 4));
             uint64_t total;
             std::vector<json_row_t> rows;
-            ASSERT_TRUE(json_answer(answer.substr(head + 4), &total, &rows)) << answer.substr(0, 400);
+            ASSERT_TRUE(json_answer(reply.substr(head + 4), &total, &rows)) << reply.substr(0, 400);
 
-            db_query_t *q = db_query_create(idx.db, false, nullptr, nullptr);
-            exec_run(q, c.search.c_str(), r.sort.sort, r.bits);
-            std::vector<db_ref_t> all = exec_results(q);
-            db_destroy_query(q);
-            ASSERT_EQ(total, all.size());
-            std::vector<db_ref_t> window;
-            for (uint64_t k = r.offset; k < all.size() && k < (uint64_t) r.offset + r.count; k++) {
-                window.push_back(all[k]);
-            }
+            size_t all;
+            std::vector<db_ref_t> window = answer(c.search, r.sort.sort, r.bits, r.offset, r.count, &all);
+            ASSERT_EQ(total, all);
             ASSERT_EQ(rows.size(), window.size());
             for (size_t k = 0; k < rows.size(); k++) {
-                const ref_record_t &x = idx.recs[idx.at[window[k]]];
+                const ref_record_t &x = record(window[k]);
                 ASSERT_EQ(rows[k].type, x.folder ? "folder" : "file") << k;
                 ASSERT_EQ(rows[k].name, x.name) << k;
-                ASSERT_EQ(rows[k].path, x.parent ? idx.recs[idx.at[x.parent]].path : std::string()) << k;
+                ASSERT_EQ(rows[k].path, folder_path(window[k])) << k;
             }
             nonempty += !rows.empty();
         }

@@ -9,12 +9,11 @@
 #include <vector>
 
 #include "config/config.h"
-#include "db_query/exec_table.h"
 #include "debug/debug.h"
 #include "main/main.h"
 #include "mem/mem.h"
-#include "net/loopback.h"
 #include "net/net.h"
+#include "net/served_index.h"
 #include "os/os.h"
 #include "os/os_main.h"
 #include "stp/stp.h"
@@ -352,30 +351,18 @@ TEST_F(session_fixture, NulAndInvalidUtf8AreJustBytes) {
 // server runs on the loopback address as it does in the program, and a client in the test talks to it
 // over a socket. The count, the kinds, the path column and the names must be the in-process search's,
 // record by record, and each answer is computed anew or re-used exactly as the session decides.
-struct StpAgreeTest : ::testing::Test {
-    static ref_index_t idx;
-    static void SetUpTestSuite() {
-        event_init();
-        idx.build(5000, 7);
-    }
-    static void TearDownTestSuite() { idx.destroy(); }
-    static void wake() { event_dispatch(); }
-
-    db_t *saved_db = nullptr;
+struct StpAgreeTest : served_index_test {
     char *saved_bindings = nullptr, *saved_user = nullptr, *saved_pass = nullptr;
     int32_t saved_port = 0;
     uint8_t saved_allow = 0;
-    char bindings[16] = "127.0.0.1", no_text[1] = "";
+    char no_text[1] = "";
     os_socket_t client = OS_SOCKET_NONE;
     std::string pending; // read but not yet handed out
 
     void SetUp() override {
-        debug_init();
-        static const os_main_procs_t procs = {wake, nullptr, nullptr};
-        ASSERT_TRUE(os_main_loop_create("SABLEWATCH_STP_TEST", nullptr, &procs));
-        saved_db = db, saved_bindings = stp_server_bindings, saved_port = stp_server_port;
+        serve_begin("SABLEWATCH_STP_TEST");
+        saved_bindings = stp_server_bindings, saved_port = stp_server_port;
         saved_user = stp_server_username, saved_pass = stp_server_password, saved_allow = allow_stp_server;
-        db = idx.db;
         stp_server_bindings = bindings, stp_server_port = 0, allow_stp_server = 1;
         stp_server_username = stp_server_password = no_text;
         _stp_server_start(nullptr);
@@ -393,9 +380,9 @@ struct StpAgreeTest : ::testing::Test {
             loop_pump_until([] { return stp_server->connection_count == 0; });
             _stp_server_stop();
         }
-        db = saved_db, stp_server_bindings = saved_bindings, stp_server_port = saved_port;
+        stp_server_bindings = saved_bindings, stp_server_port = saved_port;
         stp_server_username = saved_user, stp_server_password = saved_pass, allow_stp_server = saved_allow;
-        os_main_loop_destroy();
+        serve_end();
     }
 
     // The next n replies, each up to its final line ("NNN " at the start of a line).
@@ -456,15 +443,12 @@ struct StpAgreeTest : ::testing::Test {
 
     // The answer the verb must give, from an in-process query and the reference's own paths.
     std::string expected(const exec_case_t &c, uint32_t bits, int sort, uint32_t offset, uint32_t count) {
-        db_query_t *q = db_query_create(idx.db, false, nullptr, nullptr);
-        exec_run(q, c.search.c_str(), sort, bits);
-        std::vector<db_ref_t> all = exec_results(q);
-        db_destroy_query(q);
-        std::string out = "200-Query results\r\n RESULT_COUNT " + std::to_string(all.size()) + "\r\n";
-        for (uint64_t i = offset; i < all.size() && i < (uint64_t) offset + count; i++) {
-            const ref_record_t &r = idx.recs[idx.at[all[i]]];
-            out += " PATH " + (r.parent ? idx.recs[idx.at[r.parent]].path : std::string()) + "\r\n";
-            out += std::string(r.folder ? " FOLDER " : " FILE ") + r.name + "\r\n";
+        size_t total;
+        std::vector<db_ref_t> window = answer(c.search, sort, bits, offset, count, &total);
+        std::string out = "200-Query results\r\n RESULT_COUNT " + std::to_string(total) + "\r\n";
+        for (db_ref_t r : window) {
+            out += " PATH " + folder_path(r) + "\r\n";
+            out += std::string(record(r).folder ? " FOLDER " : " FILE ") + record(r).name + "\r\n";
         }
         return out + "200 End.\r\n";
     }
@@ -486,8 +470,6 @@ struct StpAgreeTest : ::testing::Test {
         return out;
     }
 };
-ref_index_t StpAgreeTest::idx;
-
 TEST_F(StpAgreeTest, EveryRowOfTheTableAgreesUnderSortsPagesAndFlags) {
     static const struct {
         const char *name;

@@ -82,6 +82,10 @@ void os_text_to_ansi(str_t *out, const char *utf8, size_t len);
 // The same into Windows code page code_page (1252, 437 ...); Linux converts to "CP<code_page>" through the
 // C library. False, with out empty, when the system has no such code page.
 bool os_text_to_code_page(str_t *out, const char *utf8, size_t len, uint32_t code_page);
+// The way back: text in the system's ANSI code page (or in code_page) as UTF-8, replacing out. A byte the
+// code page doesn't define becomes '?'.
+void os_text_from_ansi(str_t *out, const char *ansi, size_t len);
+bool os_text_from_code_page(str_t *out, const char *text, size_t len, uint32_t code_page);
 
 // ---- files ---------------------------------------------------------------------------------------------
 

@@ -178,11 +178,23 @@ static bool _stp_eq(const char *a, const char *b) {
     return *a == *b;
 }
 
+// The session's folder as the client reads it: in the ANSI code page when it switched UTF-8 off.
+static void _stp_cwd_shown(stp_session_t *s, str_t *out) {
+    stp_path_display(s->cwd.ptr, out);
+    if (!s->utf8) {
+        str_t utf8;
+        str_init(&utf8);
+        str_set_n(&utf8, out->ptr, out->len);
+        os_text_to_ansi(out, utf8.ptr, (size_t) utf8.len);
+        str_kill(&utf8);
+    }
+}
+
 static void _stp_cwd_set(stp_session_t *s, const char *path, const char *verb) {
     str_set(&s->cwd, path);
     str_t shown;
     str_init(&shown);
-    stp_path_display(s->cwd.ptr, &shown);
+    _stp_cwd_shown(s, &shown);
     _stp_sendf(s, "250 %s successful. \"%s\" is current directory.\r\n", verb, shown.ptr);
     str_kill(&shown);
 }
@@ -211,7 +223,7 @@ static void _stp_cwd(stp_session_t *s, const char *arg) {
 static void _stp_pwd(stp_session_t *s, const char *arg) {
     str_t shown;
     str_init(&shown);
-    stp_path_display(s->cwd.ptr, &shown);
+    _stp_cwd_shown(s, &shown);
     _stp_sendf(s, "257 \"%s\" is current directory.\r\n", shown.ptr);
     str_kill(&shown);
 }
@@ -365,6 +377,7 @@ struct stp_verb_t {
     const char *verb;
     bool needs_login;
     void (*run)(stp_session_t *s, const char *arg);
+    bool path; // the argument is a path: in the ANSI code page when the client switched UTF-8 off
 };
 
 static const stp_verb_t stp_verbs[] = {
@@ -378,17 +391,17 @@ static const stp_verb_t stp_verbs[] = {
     {"MODE", true, _stp_mode},
     {"STRU", true, _stp_stru},
     {"NOOP", false, _stp_noop},
-    {"SIZE", true, _stp_size},
-    {"MDTM", true, _stp_mdtm},
-    {"RETR", true, stp_retr},
-    {"LIST", true, stp_list},
-    {"MLSD", true, stp_mlsd},
-    {"MLST", true, stp_mlst},
+    {"SIZE", true, _stp_size, true},
+    {"MDTM", true, _stp_mdtm, true},
+    {"RETR", true, stp_retr, true},
+    {"LIST", true, stp_list, true},
+    {"MLSD", true, stp_mlsd, true},
+    {"MLST", true, stp_mlst, true},
     {"PASV", true, stp_pasv},
     {"EPSV", true, stp_epsv},
     {"EPRT", true, stp_eprt},
     {"TYPE", true, _stp_type},
-    {"CWD", true, _stp_cwd},
+    {"CWD", true, _stp_cwd, true},
     {"PWD", true, _stp_pwd},
     {"SABLEWATCH", true, stp_query_verb},
     {"USER", false, _stp_user},
@@ -436,6 +449,12 @@ void stp_session_line(net_conn_t *c, char *line, uint32_t len) {
         if (_stp_eq(line, v.verb)) {
             if (v.needs_login && s->login_state != STP_LOGIN_DONE) {
                 _stp_send_text(s, "530 Not logged on.\r\n");
+            } else if (v.path && !s->utf8) {
+                str_t utf8;
+                str_init(&utf8);
+                os_text_from_ansi(&utf8, arg, strlen(arg));
+                v.run(s, utf8.ptr);
+                str_kill(&utf8);
             } else {
                 v.run(s, arg);
             }

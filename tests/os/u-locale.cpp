@@ -361,11 +361,41 @@ TEST(OsCodePage, ConversionsFromUtf8) {
     str_kill(&out);
 }
 
+// And back: the same pages decode to the same UTF-8 on both systems, and a text that the page holds makes
+// the round trip whole.
+TEST(OsCodePage, ConversionsToUtf8) {
+    struct Case {
+        uint32_t code_page;
+        std::string text, want;
+    } cases[] = {
+        {1252, "", ""},
+        {1252, "plain.txt", "plain.txt"},
+        {1252, "r\xE9sum\xE9", "r\xC3\xA9sum\xC3\xA9"},
+        {1252, "\x80 5", "\xE2\x82\xAC 5"},
+        {437, "\x82", "\xC3\xA9"},
+        {932, "a\x93\x8Cz", "a\xE6\x9D\xB1z"},
+    };
+    str_t out, back;
+    str_init(&out);
+    str_init(&back);
+    for (const Case &c : cases) {
+        ASSERT_TRUE(os_text_from_code_page(&out, c.text.data(), c.text.size(), c.code_page)) << c.code_page;
+        EXPECT_EQ(os_test_text(&out), c.want) << c.code_page << " " << c.text;
+        ASSERT_TRUE(os_text_to_code_page(&back, out.ptr, (size_t) out.len, c.code_page));
+        EXPECT_EQ(os_test_text(&back), c.text);
+    }
+    EXPECT_FALSE(os_text_from_code_page(&out, "x", 1, 99999));
+    str_kill(&back);
+    str_kill(&out);
+}
+
 // The system's own page keeps ASCII as it is, whatever page that is.
 TEST(OsCodePage, AnsiKeepsAscii) {
     str_t out;
     str_init(&out);
     os_text_to_ansi(&out, "Program Files/a b.txt", 21);
+    EXPECT_EQ(os_test_text(&out), "Program Files/a b.txt");
+    os_text_from_ansi(&out, "Program Files/a b.txt", 21);
     EXPECT_EQ(os_test_text(&out), "Program Files/a b.txt");
     str_kill(&out);
 }

@@ -562,4 +562,61 @@ TEST_F(StpAgreeTest, ALineDuringASearchAbortsItAndTheNextQuerySearchesAgain) {
     }
 }
 
+// A client that switched UTF-8 off reads the current folder in the ANSI code page, and names folders in
+// it: it can walk into a folder with accents by the bytes that LIST gave it, where the page holds them.
+TEST_F(StpAgreeTest, WithoutUtf8PathsTravelInTheAnsiCodePage) {
+    // A folder with a letter beyond ASCII; one that the page holds (a round trip keeps it) if there is.
+    auto ansi_of = [](const std::string &text) {
+        str_t out;
+        str_init(&out);
+        os_text_to_ansi(&out, text.data(), text.size());
+        std::string r(out.ptr, (size_t) out.len);
+        str_kill(&out);
+        return r;
+    };
+    auto utf8_of = [](const std::string &text) {
+        str_t out;
+        str_init(&out);
+        os_text_from_ansi(&out, text.data(), text.size());
+        std::string r(out.ptr, (size_t) out.len);
+        str_kill(&out);
+        return r;
+    };
+    std::string path;
+    bool held = false;
+    for (const ref_record_t &r : idx.recs) {
+        if (!r.folder ||
+            std::all_of(r.path.begin(), r.path.end(), [](char ch) { return (unsigned char) ch < 0x80; })) {
+            continue;
+        }
+        held = utf8_of(ansi_of(r.path)) == r.path;
+        if (path.empty() || held) {
+            path = r.path;
+        }
+        if (held) {
+            break;
+        }
+    }
+    ASSERT_FALSE(path.empty());
+    std::string shown = path;
+    for (char &ch : shown) {
+        ch = ch == OS_SEP ? '/' : ch;
+    }
+    if (shown[0] != '/') {
+        shown = "/" + shown;
+    }
+    std::string in_ansi = ansi_of(shown);
+    EXPECT_EQ(say({"CWD " + shown, "OPTS UTF8 OFF", "PWD"}),
+              "250 CWD successful. \"" + shown +
+                  "\" is current directory.\r\n200 UTF8 mode disabled.\r\n257 \"" + in_ansi +
+                  "\" is current directory.\r\n");
+    if (held) {
+        EXPECT_EQ(say({"CWD /", "CWD " + in_ansi}),
+                  "250 CWD successful. \"/\" is current directory.\r\n250 CWD successful. \"" + in_ansi +
+                      "\" is current directory.\r\n");
+    }
+    // With UTF-8 on again the same folder is named in UTF-8.
+    EXPECT_EQ(say({"OPTS UTF8 ON", "PWD"}),
+              "200 UTF8 mode enabled.\r\n257 \"" + shown + "\" is current directory.\r\n");
+}
 } // namespace

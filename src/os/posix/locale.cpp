@@ -350,14 +350,15 @@ static size_t _sequence_length(const char *p, size_t left) {
     return n;
 }
 
-// Converts with iconv, a '?' for each character the code set lacks and each byte that isn't UTF-8.
-static bool _to_code_set(str_t *out, const char *utf8, size_t len, const char *code_set) {
+// Converts with iconv, a '?' for each character the target lacks and each byte the source doesn't define.
+static bool _convert_code_set(str_t *out, const char *text, size_t len, const char *to_set,
+                              const char *from_set) {
     str_set(out, "");
-    iconv_t cd = iconv_open(code_set, "UTF-8");
+    iconv_t cd = iconv_open(to_set, from_set);
     if (cd == (iconv_t) -1) {
         return false;
     }
-    char *in = (char *) utf8;
+    char *in = (char *) text;
     size_t in_left = len, used = 0;
     // Room for a single-byte code page; a code set with shift sequences may ask for more.
     str_reserve(out, (int) len + 16);
@@ -390,17 +391,36 @@ static bool _to_code_set(str_t *out, const char *utf8, size_t len, const char *c
     return true;
 }
 
-void os_text_to_ansi(str_t *out, const char *utf8, size_t len) {
+// The code set of the user's locale; null when it is UTF-8, whose text needs no conversion.
+static const char *_ansi_code_set() {
     pthread_once(&_user_once, _open_user_locale);
     const char *code_set = _user_locale ? nl_langinfo_l(CODESET, _user_locale) : "ANSI_X3.4-1968";
-    if (strcmp(code_set, "UTF-8") == 0 || !_to_code_set(out, utf8, len, code_set)) {
-        // Names on Linux are bytes already in the locale's own code set.
+    return strcmp(code_set, "UTF-8") == 0 ? nullptr : code_set;
+}
+
+// Names on Linux are bytes already in the locale's code set: where it can't be converted, they stay.
+void os_text_to_ansi(str_t *out, const char *utf8, size_t len) {
+    const char *code_set = _ansi_code_set();
+    if (!code_set || !_convert_code_set(out, utf8, len, code_set, "UTF-8")) {
         str_set_n(out, utf8, (int) len);
+    }
+}
+
+void os_text_from_ansi(str_t *out, const char *ansi, size_t len) {
+    const char *code_set = _ansi_code_set();
+    if (!code_set || !_convert_code_set(out, ansi, len, "UTF-8", code_set)) {
+        str_set_n(out, ansi, (int) len);
     }
 }
 
 bool os_text_to_code_page(str_t *out, const char *utf8, size_t len, uint32_t code_page) {
     char name[24];
     snprintf(name, sizeof name, "CP%u", code_page);
-    return _to_code_set(out, utf8, len, name);
+    return _convert_code_set(out, utf8, len, name, "UTF-8");
+}
+
+bool os_text_from_code_page(str_t *out, const char *text, size_t len, uint32_t code_page) {
+    char name[24];
+    snprintf(name, sizeof name, "CP%u", code_page);
+    return _convert_code_set(out, text, len, "UTF-8", name);
 }

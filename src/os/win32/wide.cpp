@@ -94,3 +94,39 @@ void os_text_to_ansi(str_t *out, const char *utf8, size_t len) {
 bool os_text_to_code_page(str_t *out, const char *utf8, size_t len, uint32_t code_page) {
     return _to_code_page(out, utf8, len, code_page);
 }
+
+// Through UTF-16 as well; a byte the code page doesn't define comes through as the page's default
+// character or U+FFFD, and the latter becomes '?'.
+static bool _from_code_page(str_t *out, const char *text, size_t len, UINT code_page) {
+    str_set(out, "");
+    if (!IsValidCodePage(code_page)) {
+        return false;
+    }
+    if (len == 0) {
+        return true;
+    }
+    if (code_page == CP_UTF8) {
+        str_set_n(out, text, (int) len);
+        return true;
+    }
+    int need = MultiByteToWideChar(code_page, 0, text, (int) len, nullptr, 0);
+    if (need <= 0) {
+        return true;
+    }
+    uint16_t *units = (uint16_t *) mem_alloc(((size_t) need + 1) * sizeof(uint16_t));
+    int n = MultiByteToWideChar(code_page, 0, text, (int) len, (wchar_t *) units, need);
+    for (int i = 0; i < n; i++) {
+        units[i] = units[i] == 0xFFFD ? (uint16_t) '?' : units[i];
+    }
+    str_set_wide_n(out, units, n);
+    mem_free(units);
+    return true;
+}
+
+void os_text_from_ansi(str_t *out, const char *ansi, size_t len) {
+    _from_code_page(out, ansi, len, GetACP());
+}
+
+bool os_text_from_code_page(str_t *out, const char *text, size_t len, uint32_t code_page) {
+    return _from_code_page(out, text, len, code_page);
+}

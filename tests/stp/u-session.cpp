@@ -566,22 +566,16 @@ TEST_F(StpAgreeTest, ALineDuringASearchAbortsItAndTheNextQuerySearchesAgain) {
 // it: it can walk into a folder with accents by the bytes that LIST gave it, where the page holds them.
 TEST_F(StpAgreeTest, WithoutUtf8PathsTravelInTheAnsiCodePage) {
     // A folder with a letter beyond ASCII; one that the page holds (a round trip keeps it) if there is.
-    auto ansi_of = [](const std::string &text) {
+    auto convert = [](void (*to)(str_t *, const char *, size_t), const std::string &text) {
         str_t out;
         str_init(&out);
-        os_text_to_ansi(&out, text.data(), text.size());
+        to(&out, text.data(), text.size());
         std::string r(out.ptr, (size_t) out.len);
         str_kill(&out);
         return r;
     };
-    auto utf8_of = [](const std::string &text) {
-        str_t out;
-        str_init(&out);
-        os_text_from_ansi(&out, text.data(), text.size());
-        std::string r(out.ptr, (size_t) out.len);
-        str_kill(&out);
-        return r;
-    };
+    auto ansi_of = [&](const std::string &text) { return convert(os_text_to_ansi, text); };
+    auto utf8_of = [&](const std::string &text) { return convert(os_text_from_ansi, text); };
     std::string path;
     bool held = false;
     for (const ref_record_t &r : idx.recs) {

@@ -340,11 +340,11 @@ bool os_locale_get_named(const char *name, os_locale_id_t id, str_t *out) {
 
 // ---- code pages ----------------------------------------------------------------------------------------
 
-// The bytes of one UTF-8 sequence that the converter refused: its lead byte and the continuation bytes
-// after it, so that one bad character gives one '?'.
-static size_t _sequence_length(const char *p, size_t left) {
+// The bytes the converter refused, to be skipped as one '?': from UTF-8 a lead byte and the continuation
+// bytes after it, so that one bad character gives one '?'; from a code page one byte.
+static size_t _refused_length(const char *p, size_t left, bool from_utf8) {
     size_t n = 1;
-    while (n < left && ((unsigned char) p[n] & 0xC0) == 0x80 && n < 4) {
+    while (from_utf8 && n < left && ((unsigned char) p[n] & 0xC0) == 0x80 && n < 4) {
         n++;
     }
     return n;
@@ -376,7 +376,7 @@ static bool _convert_code_set(str_t *out, const char *text, size_t len, const ch
         if (error == E2BIG) {
             str_reserve(out, out->cap * 2);
         } else if (!closing && (error == EILSEQ || error == EINVAL)) {
-            size_t bad = _sequence_length(in, in_left);
+            size_t bad = _refused_length(in, in_left, strcmp(from_set, "UTF-8") == 0);
             in += bad;
             in_left -= bad;
             str_cat_char(out, '?');

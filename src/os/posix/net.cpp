@@ -4,10 +4,8 @@
 // writable socket does not wake the loop for ever.
 #include "os/os_net.h"
 
-#include <arpa/inet.h>
 #include <errno.h>
 #include <fcntl.h>
-#include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <pthread.h>
@@ -257,48 +255,6 @@ static int _net_family_native(int family) {
     return family == OS_NET_INET6 ? AF_INET6 : AF_INET;
 }
 
-int os_net_addr_family(const os_net_addr_t *a) {
-    sa_family_t f = ((const sockaddr *) a->data)->sa_family;
-    return f == AF_INET ? OS_NET_INET : f == AF_INET6 ? OS_NET_INET6 : 0;
-}
-
-int os_net_resolve(const char *host, const char *port, bool passive, os_net_resolved_t *out, int max,
-                   int *skipped, int *error) {
-    addrinfo hints;
-    memset(&hints, 0, sizeof(hints));
-    hints.ai_flags = passive ? AI_PASSIVE : 0;
-    hints.ai_socktype = SOCK_STREAM;
-    hints.ai_protocol = IPPROTO_TCP;
-    addrinfo *list = nullptr;
-    int r = getaddrinfo(host, port, &hints, &list);
-    *skipped = 0;
-    if (r != 0) {
-        *error = r == EAI_SYSTEM ? errno : r;
-        return -1;
-    }
-    int n = 0;
-    for (addrinfo *ai = list; ai; ai = ai->ai_next) {
-        if ((ai->ai_family != AF_INET && ai->ai_family != AF_INET6) ||
-            ai->ai_addrlen > sizeof(out->addr.data)) {
-            (*skipped)++;
-            continue;
-        }
-        if (n == max) {
-            break;
-        }
-        os_net_resolved_t *o = &out[n++];
-        o->family = ai->ai_family == AF_INET ? OS_NET_INET : OS_NET_INET6;
-        o->socktype = ai->ai_socktype;
-        o->protocol = ai->ai_protocol;
-        memset(&o->addr, 0, sizeof(o->addr));
-        o->addr.len = (uint32_t) ai->ai_addrlen;
-        memcpy(o->addr.data, ai->ai_addr, ai->ai_addrlen);
-    }
-    freeaddrinfo(list);
-    *error = 0;
-    return n;
-}
-
 static void _net_track(os_socket_t s) {
     net_selected_t *e = _net_entry(s, true);
     memset(e, 0, sizeof(*e));
@@ -453,92 +409,6 @@ int os_net_peer_address(os_socket_t s, os_net_addr_t *out) {
     }
     out->len = len;
     return 0;
-}
-
-// ---- addresses -----------------------------------------------------------------------------------------
-
-void os_net_addr_text(const os_net_addr_t *a, str_t *out) {
-    char buf[INET6_ADDRSTRLEN + 1] = "";
-    const sockaddr *sa = (const sockaddr *) a->data;
-    if (sa->sa_family == AF_INET) {
-        inet_ntop(AF_INET, &((const sockaddr_in *) sa)->sin_addr, buf, sizeof(buf));
-    } else if (sa->sa_family == AF_INET6) {
-        inet_ntop(AF_INET6, &((const sockaddr_in6 *) sa)->sin6_addr, buf, sizeof(buf));
-    }
-    str_set(out, buf);
-}
-
-uint16_t os_net_addr_port(const os_net_addr_t *a) {
-    const sockaddr *sa = (const sockaddr *) a->data;
-    if (sa->sa_family == AF_INET) {
-        return ntohs(((const sockaddr_in *) sa)->sin_port);
-    }
-    if (sa->sa_family == AF_INET6) {
-        return ntohs(((const sockaddr_in6 *) sa)->sin6_port);
-    }
-    return 0;
-}
-
-void os_net_addr_set_port(os_net_addr_t *a, uint16_t port) {
-    sockaddr *sa = (sockaddr *) a->data;
-    if (sa->sa_family == AF_INET) {
-        ((sockaddr_in *) sa)->sin_port = htons(port);
-    } else if (sa->sa_family == AF_INET6) {
-        ((sockaddr_in6 *) sa)->sin6_port = htons(port);
-    }
-}
-
-bool os_net_addr_ipv4(const os_net_addr_t *a, uint8_t out[4]) {
-    const sockaddr *sa = (const sockaddr *) a->data;
-    if (sa->sa_family == AF_INET) {
-        memcpy(out, &((const sockaddr_in *) sa)->sin_addr, 4);
-        return true;
-    }
-    if (sa->sa_family == AF_INET6) {
-        const in6_addr *v6 = &((const sockaddr_in6 *) sa)->sin6_addr;
-        if (IN6_IS_ADDR_V4MAPPED(v6)) {
-            memcpy(out, v6->s6_addr + 12, 4);
-            return true;
-        }
-    }
-    return false;
-}
-
-bool os_net_addr_same_host(const os_net_addr_t *a, const os_net_addr_t *b) {
-    uint8_t x[4], y[4];
-    bool a4 = os_net_addr_ipv4(a, x), b4 = os_net_addr_ipv4(b, y);
-    if (a4 || b4) {
-        return a4 && b4 && memcmp(x, y, 4) == 0;
-    }
-    const sockaddr *sa = (const sockaddr *) a->data, *sb = (const sockaddr *) b->data;
-    if (sa->sa_family != AF_INET6 || sb->sa_family != AF_INET6) {
-        return false;
-    }
-    return memcmp(&((const sockaddr_in6 *) sa)->sin6_addr, &((const sockaddr_in6 *) sb)->sin6_addr,
-                  sizeof(in6_addr)) == 0;
-}
-
-bool os_net_addr_parse(const char *text, int family, uint16_t port, os_net_addr_t *out) {
-    memset(out, 0, sizeof(*out));
-    if (family != OS_NET_INET6) {
-        sockaddr_in *sin = (sockaddr_in *) out->data;
-        if (inet_pton(AF_INET, text, &sin->sin_addr) == 1) {
-            sin->sin_family = AF_INET;
-            sin->sin_port = htons(port);
-            out->len = sizeof(sockaddr_in);
-            return true;
-        }
-    }
-    if (family != OS_NET_INET) {
-        sockaddr_in6 *sin6 = (sockaddr_in6 *) out->data;
-        if (inet_pton(AF_INET6, text, &sin6->sin6_addr) == 1) {
-            sin6->sin6_family = AF_INET6;
-            sin6->sin6_port = htons(port);
-            out->len = sizeof(sockaddr_in6);
-            return true;
-        }
-    }
-    return false;
 }
 
 void os_net_show_error(void *parent, const char *text) {

@@ -36,9 +36,17 @@ void os_civil_from_days(int64_t days, int *year, int *month, int *day);
 int os_thread_enter();
 void os_thread_leave(int token);
 
-// The platform object behind a stop object, for the other waits of src/os that include one: the eventfd
-// on Linux, the event HANDLE on Windows.
+#ifndef _WIN32
+// Linux: the eventfd behind a stop object, for the other waits of src/os that include one.
 uintptr_t os_watch_stop_native(os_watch_stop_t *s);
+#else
+// Windows: waits for the stop event or the event HANDLE that event_of gives for one of count items (at most
+// OS_WATCH_WAIT_MAX - 1; the items are not read when there are more) and answers as os_watch_wait does: the
+// index of the signalled one, or OS_WATCH_WAIT_STOP, _TIMEOUT, _FAILED. The folder watches and the tree
+// watches both wait this way.
+int os_win32_wait_events(os_watch_stop_t *stop, const void *const *items, int count,
+                         uintptr_t (*event_of)(const void *item), uint32_t timeout_ms);
+#endif
 
 #ifndef _WIN32
 // Details of name in the folder dirfd (AT_FDCWD: name is a path), never following a final link, with the

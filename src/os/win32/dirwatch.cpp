@@ -139,24 +139,10 @@ int os_dirwatch_read(os_dirwatch_t *w, os_dirwatch_callback_t callback, void *ct
     return result;
 }
 
+static uintptr_t _dirwatch_event(const void *item) {
+    return (uintptr_t) ((const os_dirwatch_t *) item)->overlapped.hEvent;
+}
+
 int os_dirwatch_wait(os_watch_stop_t *stop, os_dirwatch_t *const *watches, int count, uint32_t timeout_ms) {
-    if (count < 0 || count > OS_WATCH_WAIT_MAX - 1) {
-        return OS_WATCH_WAIT_FAILED;
-    }
-    HANDLE handles[OS_WATCH_WAIT_MAX];
-    handles[0] = (HANDLE) os_watch_stop_native(stop);
-    for (int i = 0; i < count; i++) {
-        handles[i + 1] = watches[i]->overlapped.hEvent;
-    }
-    DWORD r = WaitForMultipleObjects((DWORD) count + 1, handles, FALSE, timeout_ms);
-    if (r == WAIT_TIMEOUT) {
-        return OS_WATCH_WAIT_TIMEOUT;
-    }
-    if (r == WAIT_OBJECT_0) {
-        return OS_WATCH_WAIT_STOP;
-    }
-    if (r > WAIT_OBJECT_0 && r <= WAIT_OBJECT_0 + (DWORD) count) {
-        return (int) (r - WAIT_OBJECT_0) - 1;
-    }
-    return OS_WATCH_WAIT_FAILED;
+    return os_win32_wait_events(stop, (const void *const *) watches, count, _dirwatch_event, timeout_ms);
 }

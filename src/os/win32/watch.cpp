@@ -69,22 +69,19 @@ void os_watch_stop_set(os_watch_stop_t *s) {
     SetEvent(s->event);
 }
 
-uintptr_t os_watch_stop_native(os_watch_stop_t *s) {
-    return (uintptr_t) s->event;
-}
-
 bool os_watch_stop_is_set(os_watch_stop_t *s) {
     return WaitForSingleObject(s->event, 0) == WAIT_OBJECT_0;
 }
 
-int os_watch_wait(os_watch_stop_t *stop, os_watch_t *const *watches, int count, uint32_t timeout_ms) {
+int os_win32_wait_events(os_watch_stop_t *stop, const void *const *items, int count,
+                         uintptr_t (*event_of)(const void *item), uint32_t timeout_ms) {
     if (count < 0 || count > OS_WATCH_WAIT_MAX - 1) {
         return OS_WATCH_WAIT_FAILED;
     }
     HANDLE handles[OS_WATCH_WAIT_MAX];
     handles[0] = stop->event;
     for (int i = 0; i < count; i++) {
-        handles[i + 1] = watches[i]->handle;
+        handles[i + 1] = (HANDLE) event_of(items[i]);
     }
     // WaitForMultipleObjects reports the lowest signalled index, so the stop event at 0 wins.
     DWORD r = WaitForMultipleObjects((DWORD) count + 1, handles, FALSE, timeout_ms);
@@ -98,4 +95,12 @@ int os_watch_wait(os_watch_stop_t *stop, os_watch_t *const *watches, int count, 
         return (int) (r - WAIT_OBJECT_0) - 1;
     }
     return OS_WATCH_WAIT_FAILED;
+}
+
+static uintptr_t _watch_event(const void *item) {
+    return (uintptr_t) ((const os_watch_t *) item)->handle;
+}
+
+int os_watch_wait(os_watch_stop_t *stop, os_watch_t *const *watches, int count, uint32_t timeout_ms) {
+    return os_win32_wait_events(stop, (const void *const *) watches, count, _watch_event, timeout_ms);
 }

@@ -233,6 +233,31 @@ class HttpTest(unittest.TestCase):
                     self.assertIn(r["type"], ("file", "folder"))
                     self.assertTrue(r["size"] == "" or r["size"].isdigit())
 
+    def test_json_of_the_search_table_agrees_with_the_index(self):
+        # The server's table test serves every row of the search table of the execution tests over a
+        # socket and writes each JSON answer beside the records it must hold; here Python's own json module
+        # reads every one of them.
+        out = tempfile.mkdtemp(prefix="sw-http-table-")
+        try:
+            exe = os.path.join(BUILD, "test_http.exe" if WINDOWS else "test_http")
+            env = dict(os.environ, SW_HTTP_AGREE_DIR=native(out))
+            run = subprocess.run(EMULATOR + [exe, "--gtest_filter=HttpAgreeTest.*"], env=env,
+                                 stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=600)
+            self.assertEqual(run.returncode, 0, run.stdout.decode("utf-8", "replace")[-3000:])
+            names = sorted(n for n in os.listdir(out) if n.endswith(".json"))
+            self.assertGreaterEqual(len(names), 356)
+            for name in names:
+                with open(os.path.join(out, name), "rb") as f:
+                    doc = json.loads(f.read().decode("utf-8"))
+                with open(os.path.join(out, name[:-5] + ".want"), encoding="ascii") as f:
+                    want = f.read().split("\n")[:-1]
+                self.assertEqual(doc["totalResults"], int(want[0]), name)
+                unhex = lambda h: bytes.fromhex(h).decode("utf-8")
+                rows = [(t, unhex(n), unhex(p)) for t, n, p in (line.split(" ") for line in want[1:])]
+                self.assertEqual([(r["type"], r["name"], r["path"]) for r in doc["results"]], rows, name)
+        finally:
+            shutil.rmtree(out, ignore_errors=True)
+
     def test_json_count_offset_and_columns(self):
         # Without count JSON gives everything; past the end an empty list with the right total.
         self.assertEqual(len(self.json("/?s=report&j=1")["results"]), 75)

@@ -538,6 +538,42 @@ struct HttpAgreeTest : served_index_test {
         return answer;
     }
 };
+// With SW_HTTP_AGREE_DIR set, each answer's body goes to <n>.json and the records it must hold to <n>.want
+// ("total" first, then "type name path" with the texts in hexadecimal), so that the integration test can
+// read every answer with Python's own json module as well.
+void write_agreement(size_t n, const std::string &body, size_t total, const std::vector<db_ref_t> &window) {
+    str_t dir;
+    str_init(&dir);
+    bool wanted = os_getenv("SW_HTTP_AGREE_DIR", &dir) && dir.len > 0;
+    std::string base = wanted ? std::string(dir.ptr) + OS_SEP_STR + std::to_string(n) : "";
+    str_kill(&dir);
+    if (!wanted) {
+        return;
+    }
+    auto hex = [](const std::string &text) {
+        std::string out;
+        char buf[3];
+        for (unsigned char ch : text) {
+            snprintf(buf, sizeof buf, "%02x", ch);
+            out += buf;
+        }
+        return out;
+    };
+    std::string want = std::to_string(total) + "\n";
+    for (db_ref_t r : window) {
+        const ref_record_t &x = served_index_test::record(r);
+        want += std::string(x.folder ? "folder " : "file ") + hex(x.name) + " " +
+                hex(served_index_test::folder_path(r)) + "\n";
+    }
+    for (const auto &[suffix, text] :
+         {std::pair<const char *, const std::string &>{".json", body}, {".want", want}}) {
+        FILE *f = fopen((base + suffix).c_str(), "wb");
+        ASSERT_NE(f, nullptr) << base;
+        fwrite(text.data(), 1, text.size(), f);
+        fclose(f);
+    }
+}
+
 // Every row of the execution table through the JSON form: in name order and in a column order that turns
 // with the row, whole and as a page, and once more with one more flag on. Each answer must be valid JSON
 // whose count, kinds, names and paths are the in-process search's, record by record.
@@ -563,7 +599,7 @@ TEST_F(HttpAgreeTest, EveryRowOfTheTableAgreesAsJson) {
                  {SEARCH_REGEX, "regex"}};
     const size_t n_sorts = sizeof sorts / sizeof *sorts;
     std::vector<exec_case_t> table = exec_table();
-    size_t nonempty = 0;
+    size_t nonempty = 0, written = 0;
     for (size_t i = 0; i < table.size(); i++) {
         const exec_case_t &c = table[i];
         const auto &turn = sorts[i % n_sorts], &other = sorts[(i * 3 + 5) % n_sorts];
@@ -598,6 +634,7 @@ TEST_F(HttpAgreeTest, EveryRowOfTheTableAgreesAsJson) {
 
             size_t all;
             std::vector<db_ref_t> window = answer(c.search, r.sort.sort, r.bits, r.offset, r.count, &all);
+            write_agreement(written++, reply.substr(head + 4), all, window);
             ASSERT_EQ(total, all);
             ASSERT_EQ(rows.size(), window.size());
             for (size_t k = 0; k < rows.size(); k++) {
